@@ -1,0 +1,43 @@
+/*
+ * Platform configuration.
+ *
+ * A value of key K is looked up, in this order: the environment variable HADRA_<K>; the line
+ * "K = value" of the configuration file named by HADRA_CONFIG (or <root>/platform.conf when it
+ * exists); the default. Keys used by the platform:
+ *   ROOT          supervisor root directory; default ${TMPDIR:-/tmp}/hadra-<uid>/sup<SLOT>
+ *   SLOT          supervisor slot, 1 or 2; default 1
+ *   SUPSTATE      "active", "standby" or "none" (or 1, 2, 0); default active
+ *   RUNNING_URI   running-configuration base URI; default "run:/"
+ *   STARTUP_URI   startup-configuration base URI; default none
+ *   FILE_PREFIX   file-name prefix of the service; default none
+ *   STATEFUL      1 when the service was restarted with its state kept; default 0
+ *   LOG           stderr | syslog | file:<path> | none; default file <root>/log/platform.log
+ *   LOG_IDENT     identity of log lines; default the program name
+ *   RATE_BURST, RATE_INTERVAL_MS   rate limit of error reports; default 3 per 1000 ms
+ */
+#ifndef HADRA_PLATFORM_CONFIG_H
+#define HADRA_PLATFORM_CONFIG_H
+
+#include "hadra_platform/plat_export.h"
+
+PLAT_EXTERN_C_BEGIN
+
+/* Value of key, or dflt. The result stays valid until plat_config_reload(). */
+HADRA_PLAT_API const char *plat_config_get(const char *key, const char *dflt) PLAT_NOEXCEPT;
+HADRA_PLAT_API long plat_config_get_long(const char *key, long dflt) PLAT_NOEXCEPT;
+/* Forget cached values and read environment and file again. */
+HADRA_PLAT_API void plat_config_reload(void) PLAT_NOEXCEPT;
+/* The supervisor's root directory (created on first use). */
+HADRA_PLAT_API const char *plat_root(void) PLAT_NOEXCEPT;
+/*
+ * Map a URI ("<area>:/<path>") to its file path under the root, creating parent directories
+ * when mkdirs is non-zero. 0 on success; -1 (errno EINVAL or ENAMETOOLONG) for a URI that is
+ * malformed, escapes the root or does not fit out.
+ */
+HADRA_PLAT_API int plat_uri_to_path(const char *uri, char *out, size_t out_size, int mkdirs) PLAT_NOEXCEPT;
+/* Platform clock in nanoseconds (monotonic; tests may set it). */
+HADRA_PLAT_API uint64_t plat_now_ns(void) PLAT_NOEXCEPT;
+
+PLAT_EXTERN_C_END
+
+#endif
