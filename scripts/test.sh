@@ -1,0 +1,19 @@
+#!/usr/bin/env bash
+# Build and run every test: once in a normal build, once with AddressSanitizer and
+# UndefinedBehaviorSanitizer.
+set -euo pipefail
+here="$(cd "$(dirname "$0")/.." && pwd)"
+"$here/scripts/install-deps.sh"
+
+run_suite() {
+  local dir="$1"
+  shift
+  echo "== build $dir $*"
+  "$here/scripts/build.sh" "$dir" -DHADRA_BUILD_TESTS=ON "$@"
+  echo "== test $dir"
+  (cd "$dir" && ctest --output-on-failure -j "${HADRA_JOBS:-$(nproc)}")
+}
+
+run_suite "$here/build" -DCMAKE_BUILD_TYPE=RelWithDebInfo
+ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+  run_suite "$here/build-asan" -DCMAKE_BUILD_TYPE=Debug -DHADRA_SANITIZE=address,undefined
