@@ -22,10 +22,10 @@
 //       must build a text parameter first asks hadra::report_wanted(desc) so that it formats
 //       nothing when the report would be dropped anyway.
 //
-// Cost while the switches are off: HADRA_DBG and HADRA_DUMP are two loads and two
-// not-taken branches; nothing is formatted and no platform call is made. Format strings are
-// checked by the compiler at each call site (string-literal concatenation into printf-
-// attributed calls), so HADRA_DBG takes a string literal only.
+// Cost while the switches are off: HADRA_DBG and HADRA_DUMP are two loads and a not-taken
+// branch; their arguments are not even evaluated, nothing is formatted and no platform call
+// is made. Format strings are checked by the compiler at each call site (string-literal
+// concatenation into printf-attributed calls), so both macros take a string literal only.
 //
 // Nothing here locks: the history record and the report's facility buffer and parameter
 // record are shared by the whole process, like the rest of the library's state.
@@ -66,21 +66,25 @@ static_assert(sizeof(DumpRecord) == 516 && offsetof(DumpRecord, text) == 4, "dum
 
 }  // namespace hadra
 
-#define HADRA_DBG(fmt, ...)                                                \
-  do {                                                                     \
-    if (__builtin_expect(hadra_debug_ha != 0, 0))                          \
-      plat_syslog(6, fmt __VA_OPT__(, ) __VA_ARGS__);                      \
-    if (__builtin_expect(hadra_sdwrap_dbg_elem != 0, 0))                   \
-      ::hadra::diag_trace("%s: " fmt, "" __VA_OPT__(, ) __VA_ARGS__);      \
+// The arguments are evaluated once, and only when a switch is on: they go through a generic
+// lambda, inside which the printf-attributed calls are still checked against the literal.
+#define HADRA_DBG(fmt, ...)                                                                   \
+  do {                                                                                        \
+    if (__builtin_expect((hadra_debug_ha | hadra_sdwrap_dbg_elem) != 0, 0))                   \
+      [](auto... hadra_dbg_a_) {                                                              \
+        if (hadra_debug_ha != 0) plat_syslog(6, fmt, hadra_dbg_a_...);                        \
+        if (hadra_sdwrap_dbg_elem != 0) ::hadra::diag_trace("%s: " fmt, "", hadra_dbg_a_...); \
+      }(__VA_ARGS__);                                                                         \
   } while (0)
 
-#define HADRA_DUMP(fmt, ...)                                               \
-  do {                                                                     \
-    if (__builtin_expect(hadra_debug_ha != 0, 0))                          \
-      plat_syslog(6, fmt __VA_OPT__(, ) __VA_ARGS__);                      \
-    if (__builtin_expect(hadra_sdwrap_dbg_elem != 0, 0) &&                 \
-        ::hadra::diag_dump_hist(fmt __VA_OPT__(, ) __VA_ARGS__))           \
-      dbgout(1, sdwrap_dbg_modname, 0, fmt __VA_OPT__(, ) __VA_ARGS__);    \
+#define HADRA_DUMP(fmt, ...)                                                                  \
+  do {                                                                                        \
+    if (__builtin_expect((hadra_debug_ha | hadra_sdwrap_dbg_elem) != 0, 0))                   \
+      [](auto... hadra_dbg_a_) {                                                              \
+        if (hadra_debug_ha != 0) plat_syslog(6, fmt, hadra_dbg_a_...);                        \
+        if (hadra_sdwrap_dbg_elem != 0 && ::hadra::diag_dump_hist(fmt, hadra_dbg_a_...))      \
+          dbgout(1, sdwrap_dbg_modname, 0, fmt, hadra_dbg_a_...);                             \
+      }(__VA_ARGS__);                                                                         \
   } while (0)
 
 namespace hadra {
@@ -106,9 +110,10 @@ inline constexpr bool is_report_param_v =
 
 // Error report of descriptor d with its parameters: facility checks, rate limiter, the
 // parameter record, the line at the level of d's format record, and a traceback when d
-// asks for one. Never fails; the caller returns its own failure result afterwards.
+// asks for one. Never fails; the caller returns its own failure result afterwards. Kept out
+// of line: reports sit on failure paths, and one copy per parameter signature is enough.
 template <class... P>
-void report(const syslog_msg_desc &d, P... params) noexcept {
+[[gnu::cold, gnu::noinline]] void report(const syslog_msg_desc &d, P... params) noexcept {
   static_assert(sizeof...(P) >= 1, "a report carries at least one parameter");
   static_assert((is_report_param_v<P> && ...), "report parameters are int, unsigned or C strings");
   if (!report_wanted(d)) return;
