@@ -84,26 +84,35 @@ HADRA_PLAT_API void syslog_log(int level, const char *format, ...) PLAT_NOEXCEPT
 HADRA_PLAT_API void dbgout(int level, const char *module, int flags, const char *format, ...) PLAT_NOEXCEPT
     PLAT_PRINTF(4, 5);
 /*
- * 1 when message desc with these parameters may be logged now, 0 when it is suppressed. The
- * parameters are read as desc->param_format says. Each distinct (descriptor, parameters) may
- * log a burst of lines per interval (see RATE_BURST, RATE_INTERVAL_MS in config.h); a line
- * that follows suppressed ones says how many were dropped.
+ * 1 when message desc with these parameters may be logged now, 0 when it is suppressed (and
+ * for a null desc). The parameters are read as desc->param_format says. Each distinct
+ * (descriptor, parameters) may log a burst of lines per interval (see RATE_BURST,
+ * RATE_INTERVAL_MS in config.h; a burst or interval of 0 turns limiting off); a line that
+ * follows suppressed ones says how many were dropped. At most 256 keys are tracked; the one
+ * used least recently makes room (its dropped count, if any, is logged then).
  */
 HADRA_PLAT_API int syslog_msg_rate_limit(const syslog_msg_desc *desc, ...) PLAT_NOEXCEPT;
-/* Log a backtrace of the caller under facility name at level. */
+/* Log a backtrace of the caller under facility name at level, one line per frame. */
 HADRA_PLAT_API void syslog_traceback(int flags, const char *facility, int level, uint32_t word) PLAT_NOEXCEPT;
 
 /*
  * History buffers: in-memory rings of event records. A buffer is created by name with room
- * for a number of records; records longer than PLAT_HIST_MAX_REC are cut. sdwrap_hist_event()
- * records into the process's default buffer.
+ * for a number of records (1..PLAT_HIST_MAX_RECORDS); when full, the oldest record gives
+ * way. Records longer than PLAT_HIST_MAX_REC are cut. sdwrap_hist_event() records into the
+ * process's default buffer (1024 records, made on first use). Wherever a buffer is passed,
+ * null means the default buffer, and a pointer that is not a live buffer (destroyed, or
+ * never created) is refused with -1 / 0 / no effect; it is never written through. The
+ * calls are thread-safe.
  */
 #define PLAT_HIST_MAX_REC 1024
+#define PLAT_HIST_MAX_RECORDS 16384
 typedef struct sdwrap_hist_buf sdwrap_hist_buf;
+/* New buffer; null with errno EINVAL (records 0 or too many) or ENOMEM. */
 HADRA_PLAT_API sdwrap_hist_buf *sdwrap_hist_buf_create(const char *name, uint32_t records) PLAT_NOEXCEPT;
 HADRA_PLAT_API void sdwrap_hist_buf_destroy(sdwrap_hist_buf *buf) PLAT_NOEXCEPT;
 HADRA_PLAT_API sdwrap_hist_buf *sdwrap_hist_default_buf(void) PLAT_NOEXCEPT;
-/* Append a record tagged with uuid and event to buf (null buf: the default buffer). 0 on success. */
+/* Append a record tagged with uuid and event to buf (null buf: the default buffer); inst is
+   not kept. 0 on success; -1 for a buffer that is not live or a null record with length > 0. */
 HADRA_PLAT_API int sdwrap_his_log_event_for_uuid_inst(uint32_t uuid, uint32_t event, void *buf, uint32_t inst,
                                                       uint32_t length, const void *record) PLAT_NOEXCEPT;
 /* 0 when events of this code are to be recorded for the element. */
@@ -126,8 +135,10 @@ typedef struct sdwrap_hist_rec {
 HADRA_PLAT_API uint32_t sdwrap_hist_count(const sdwrap_hist_buf *buf) PLAT_NOEXCEPT;
 /* Copy record i (0 = oldest held) into out; 0 on success, -1 when out of range. */
 HADRA_PLAT_API int sdwrap_hist_get(const sdwrap_hist_buf *buf, uint32_t i, sdwrap_hist_rec *out) PLAT_NOEXCEPT;
-/* Write every record of buf to fd as text (a 32-bit element word followed by text is shown
-   as "elem=<n> <text>"); returns the number of records written. */
+/* Write every record of buf to fd as text, after a header line: one line per record with
+   its sequence number, time, uuid, event and length, then "elem=<n> <text>" for a record
+   that is a 32-bit element word followed by a terminated text, else the first 64 bytes in
+   hex. Returns the number of records written, -1 for a bad buffer or fd. */
 HADRA_PLAT_API int sdwrap_hist_dump(const sdwrap_hist_buf *buf, int fd) PLAT_NOEXCEPT;
 
 /* The library's message catalogue. */

@@ -1,0 +1,181 @@
+// Rate limiter of error reports.
+//
+// A report is keyed by its descriptor and its parameters, rendered with the descriptor's
+// param_format: the same failure on the same object is one key, the same failure on
+// another object another. Each key may log `burst` lines per window of `interval`; the
+// window starts with the first line of the key and a new one starts with the first line
+// after it has passed. Lines beyond the burst are suppressed and counted; when the key logs
+// again in a later window, a line saying how many were dropped goes out first.
+//
+// The table is bounded (kSlots keys). When it is full, the key used least recently makes
+// room; if it had suppressed lines, their count is logged then, so no suppression goes
+// unmentioned. Time is the platform clock, so tests can freeze and move it.
+//
+// A burst or interval of 0 turns the limiter off.
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <mutex>
+
+#include "common/call.h"
+#include "hadra_platform/config.h"
+#include "hadra_platform/log.h"
+#include "hadra_platform_testing.h"
+#include "log/log_internal.h"
+
+namespace {
+
+constexpr size_t kSlots = 256;
+constexpr size_t kKeyMax = 256;
+constexpr unsigned kDefaultBurst = 3;
+constexpr long kDefaultIntervalMs = 1000;
+
+struct Slot {
+  const syslog_msg_desc* desc = nullptr;  // null: free
+  uint64_t hash = 0;
+  uint64_t window_start = 0;
+  uint64_t last_used = 0;  // tick of the last lookup, for eviction
+  uint32_t in_window = 0;
+  uint32_t suppressed = 0;
+  char key[kKeyMax] = {};
+};
+
+struct Limiter {
+  std::mutex mu;
+  Slot slots[kSlots];
+  uint64_t tick = 0;
+  bool configured = false;  // burst and interval read from configuration or set by a test
+  unsigned burst = kDefaultBurst;
+  uint64_t interval_ns = kDefaultIntervalMs * 1000000ull;
+};
+
+Limiter& limiter() {
+  static auto* l = new Limiter();
+  return *l;
+}
+
+// A count of dropped lines to be said, with what it is about.
+struct Dropped {
+  uint32_t count = 0;
+  const syslog_msg_desc* desc = nullptr;
+  char key[kKeyMax] = {};
+};
+
+struct Decision {
+  bool allowed = true;
+  Dropped evicted;  // of the key that made room
+  Dropped resumed;  // of this key, now allowed again
+};
+
+uint64_t hash_of(const syslog_msg_desc* desc, const char* key) {
+  uint64_t h = 1469598103934665603ull ^ reinterpret_cast<uintptr_t>(desc);
+  for (const char* p = key; *p != '\0'; ++p) h = (h ^ static_cast<unsigned char>(*p)) * 1099511628211ull;
+  return h;
+}
+
+void configure_locked(Limiter& l) {
+  if (l.configured) return;
+  long burst = plat_config_get_long("RATE_BURST", kDefaultBurst);
+  long ms = plat_config_get_long("RATE_INTERVAL_MS", kDefaultIntervalMs);
+  l.burst = burst < 0 ? 0 : static_cast<unsigned>(burst);
+  l.interval_ns = ms < 0 ? 0 : static_cast<uint64_t>(ms) * 1000000ull;
+  l.configured = true;
+}
+
+void take_dropped(Slot& s, Dropped& out) {
+  out.count = s.suppressed;
+  out.desc = s.desc;
+  std::memcpy(out.key, s.key, sizeof out.key);
+  s.suppressed = 0;
+}
+
+// The slot of (desc, key): found, free, or taken from the least recently used key.
+Slot& slot_for(Limiter& l, const syslog_msg_desc* desc, const char* key, uint64_t now, Decision& d) {
+  uint64_t h = hash_of(desc, key);
+  Slot* victim = &l.slots[0];
+  for (Slot& s : l.slots) {
+    if (s.desc == desc && s.hash == h && std::strcmp(s.key, key) == 0) return s;
+    if (victim->desc != nullptr && (s.desc == nullptr || s.last_used < victim->last_used)) victim = &s;
+  }
+  if (victim->desc != nullptr && victim->suppressed > 0) take_dropped(*victim, d.evicted);
+  *victim = Slot{};
+  victim->desc = desc;
+  victim->hash = h;
+  victim->window_start = now;
+  std::snprintf(victim->key, sizeof victim->key, "%s", key);
+  return *victim;
+}
+
+Decision decide(const syslog_msg_desc* desc, const char* key, uint64_t now) {
+  Decision d;
+  Limiter& l = limiter();
+  std::lock_guard<std::mutex> lock(l.mu);
+  configure_locked(l);
+  if (l.burst == 0 || l.interval_ns == 0) return d;
+  Slot& s = slot_for(l, desc, key, now, d);
+  s.last_used = ++l.tick;
+  if (now - s.window_start >= l.interval_ns) {
+    s.window_start = now;
+    s.in_window = 0;
+  }
+  if (s.in_window < l.burst) {
+    ++s.in_window;
+    if (s.suppressed > 0) take_dropped(s, d.resumed);
+  } else {
+    ++s.suppressed;
+    d.allowed = false;
+  }
+  return d;
+}
+
+void say_dropped(const Dropped& x) {
+  if (x.count == 0) return;
+  const syslog_msg_format* f = x.desc->fmt;
+  hadra::plat::log::writef(f != nullptr ? f->level : static_cast<int>(PLAT_LOG_WARNING), "%s: %u similar message%s suppressed (%s)",
+                           f != nullptr ? f->mnemonic : x.desc->name, x.count, x.count == 1 ? "" : "s", x.key);
+}
+
+void reset() {
+  Limiter& l = limiter();
+  std::lock_guard<std::mutex> lock(l.mu);
+  for (Slot& s : l.slots) s = Slot{};
+  l.tick = 0;
+  l.configured = false;
+}
+
+const bool g_registered = (hadra::plat::register_reset(&reset), true);
+
+}  // namespace
+
+extern "C" {
+
+HADRA_PLAT_API int syslog_msg_rate_limit(const syslog_msg_desc* desc, ...) noexcept {
+  hadra::plat::Call c("log", "syslog_msg_rate_limit", 0);
+  c.args("msg=%s", desc != nullptr && desc->name != nullptr ? desc->name : "null");
+  if (c.faulted()) return c.fail<int>();
+  if (desc == nullptr) return c.ret(0);
+  // The reporter reads the facility name right after this answer: make it the final one.
+  hadra::plat::log::facility_settle();
+  char key[kKeyMax] = "";
+  if (desc->param_format != nullptr) {
+    va_list ap;
+    va_start(ap, desc);
+    std::vsnprintf(key, sizeof key, desc->param_format, ap);
+    va_end(ap);
+  }
+  Decision d = decide(desc, key, plat_now_ns());
+  say_dropped(d.evicted);
+  say_dropped(d.resumed);
+  return c.ret(d.allowed ? 1 : 0);
+}
+
+HADRA_PLAT_API void plat_test_log_set_rate_limit(unsigned burst, uint64_t interval_ns) noexcept {
+  Limiter& l = limiter();
+  std::lock_guard<std::mutex> lock(l.mu);
+  for (Slot& s : l.slots) s = Slot{};
+  l.burst = burst;
+  l.interval_ns = interval_ns;
+  l.configured = true;
+}
+
+}  // extern "C"
