@@ -1,0 +1,54 @@
+// The sequence-number table: layout shared with the system-manager daemon.
+//
+// Every sync message a client sends is reported with sysmgr_seqno_sync(index, seqno). That
+// happens once per change, so it must not cost a round trip: the client writes the number
+// into a small table in a shared file, <root>/sysmgr/seqno-<pid>.tbl, mapped into its
+// memory, and the daemon maps the same file read-only when it needs the numbers (at a
+// switchover it compares them with those the standby has seen). The daemon learns the pid
+// of each client at the handshake; the header also names the uuid.
+//
+// Writers and readers share no lock. The client stores seqno, then increments reports,
+// both with release ordering; a reader loads reports, then seqno, with acquire ordering.
+// A reader may see a newer seqno with the older count, never an older seqno with a newer
+// count. The header is written before magic, so a reader that sees kSeqnoMagic sees it
+// whole.
+//
+// The layout below must not change without a new version number.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+namespace hadra::plat::sysmgr {
+
+constexpr uint32_t kSeqnoMagic = 0x48535154u;  // "HSQT"
+constexpr uint16_t kSeqnoVersion = 1;
+constexpr uint32_t kSeqnoMaxIndex = 10;  // registry indexes 1..10
+
+// Bits of SeqnoTable::mode.
+constexpr uint32_t kSeqnoModeTable = 1u;   // sysmgr_seqno_table_alloc() was called
+constexpr uint32_t kSeqnoModeStatus = 2u;  // sysmgr_seqno_status_register() was called
+
+struct SeqnoSlot {
+  uint64_t seqno;    // last MTS HA sequence number reported for the index
+  uint32_t reports;  // number of reports since the table was (re)prepared
+  uint32_t reserved;
+};
+
+struct SeqnoTable {
+  uint32_t magic;    // kSeqnoMagic once the header is complete
+  uint16_t version;  // kSeqnoVersion
+  uint16_t entries;  // usable indexes: 1..entries
+  uint32_t pid;      // client process
+  uint32_t uuid;     // client service
+  uint32_t mode;     // kSeqnoMode* bits
+  uint32_t reserved[3];
+  SeqnoSlot slot[kSeqnoMaxIndex + 1];  // slot[0] unused
+};
+
+static_assert(sizeof(SeqnoSlot) == 16 && offsetof(SeqnoSlot, reports) == 8, "seqno slot layout");
+static_assert(offsetof(SeqnoTable, entries) == 6 && offsetof(SeqnoTable, mode) == 16 &&
+                  offsetof(SeqnoTable, slot) == 32 && sizeof(SeqnoTable) == 32 + 16 * 11,
+              "seqno table layout");
+
+}  // namespace hadra::plat::sysmgr
