@@ -1,0 +1,127 @@
+// Transactions of the PSS store, the size limit, and LMDB result codes in platform terms.
+#include <cstring>
+
+#include "hadra_platform/log.h"
+#include "log/log_internal.h"
+#include "pss/store.h"
+
+namespace hadra::plat::pss {
+namespace {
+
+// Room a delete may borrow beyond the limit (see store.h): enough for the copied path of a
+// large prefix deletion, never less than a few pages.
+uint64_t slack(const Env& e) { return e.limit / 4 > (256u << 10) ? e.limit / 4 : (256u << 10); }
+
+int set_map(Env& e, uint64_t size) { return mdb_env_set_mapsize(e.env, static_cast<size_t>(size)); }
+
+}  // namespace
+
+void OutBuf::fill(const void* p, size_t n) {
+  // Never a null pointer, not even for an empty value: null means "no record" to callers.
+  // The old buffer is freed only after the copy: p may point into it.
+  std::unique_ptr<uint8_t[]> fresh(new uint8_t[n > 0 ? n : 1]);
+  if (n > 0) memcpy(fresh.get(), p, n);
+  bytes.swap(fresh);
+  d = datum{bytes.get(), static_cast<uint32_t>(n)};
+}
+
+uint32_t map_rc(int rc) {
+  switch (rc) {
+    case 0:
+      return 0;
+    case MDB_NOTFOUND:
+      return PLAT_ERR_PSS_NO_RECORD;
+    case MDB_MAP_FULL:
+      return PLAT_ERR_PSS_FULL;
+    case MDB_BAD_VALSIZE:
+    case EINVAL:
+      return PLAT_ERR_PSS_BAD_ARG;
+    case ENOENT:
+      return PLAT_ERR_PSS_NOT_FOUND;
+    default:
+      return PLAT_ERR_PSS_IO;
+  }
+}
+
+void log_failure(const char* what, const Env& e, int rc) {
+  if (rc == 0 || rc == MDB_NOTFOUND || rc == MDB_MAP_FULL || !log::wanted()) return;
+  log::writef(PLAT_LOG_ERR, "pss: %s of %s failed: %s", what, e.path.c_str(), mdb_strerror(rc));
+}
+
+bool key_ok(const Env& e, const datum* key) {
+  return key != nullptr && key->dptr != nullptr && key->dsize > 0 && key->dsize <= e.max_key;
+}
+
+bool value_ok(const datum* v) { return v != nullptr && (v->dsize == 0 || v->dptr != nullptr); }
+
+ReadTxn::ReadTxn(Handle& h) {
+  if (h.mget != nullptr) {
+    txn_ = h.mget;
+    return;
+  }
+  rc_ = mdb_txn_begin(h.env->env, nullptr, MDB_RDONLY, &txn_);
+  if (rc_ == MDB_MAP_RESIZED && h.env->readers == 0) {
+    // Another process grew the file past our map: take its size and try again.
+    mdb_env_set_mapsize(h.env->env, 0);
+    rc_ = mdb_txn_begin(h.env->env, nullptr, MDB_RDONLY, &txn_);
+  }
+  owned_ = rc_ == 0;
+  if (rc_ != 0) {
+    txn_ = nullptr;
+    log_failure("read transaction", *h.env, rc_);
+  }
+}
+
+ReadTxn::~ReadTxn() {
+  if (owned_) mdb_txn_abort(txn_);
+}
+
+void apply_limit(Env& e) {
+  if (e.readers > 0) {
+    e.limit_pending = true;
+    return;
+  }
+  e.limit_pending = false;
+  set_map(e, e.limit);  // LMDB keeps the map at least as large as the pages in use
+}
+
+int write_begin(Env& e, MDB_txn** txn) {
+  if (e.limit_pending) apply_limit(e);
+  int rc = mdb_txn_begin(e.env, nullptr, 0, txn);
+  if (rc == MDB_MAP_RESIZED && e.readers == 0) {
+    mdb_env_set_mapsize(e.env, 0);
+    rc = mdb_txn_begin(e.env, nullptr, 0, txn);
+  }
+  return rc;
+}
+
+namespace {
+
+int run_once(Env& e, TxnBody body, void* ctx) {
+  MDB_txn* txn;
+  int rc = write_begin(e, &txn);
+  if (rc != 0) return rc;
+  rc = body(txn, e, ctx);
+  if (rc != 0) {
+    mdb_txn_abort(txn);
+    return rc;
+  }
+  return mdb_txn_commit(txn);  // frees txn whatever the result
+}
+
+}  // namespace
+
+int write_txn(Env& e, TxnBody body, void* ctx, bool may_grow) {
+  int rc = run_once(e, body, ctx);
+  if (rc != MDB_MAP_FULL || !may_grow || e.readers > 0) {
+    log_failure("write", e, rc);
+    return rc;
+  }
+  if (set_map(e, e.limit + slack(e)) != 0) return rc;
+  rc = run_once(e, body, ctx);
+  apply_limit(e);
+  log_failure("write", e, rc);
+  return rc;
+}
+
+}  // namespace hadra::plat::pss

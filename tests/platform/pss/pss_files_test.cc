@@ -1,0 +1,341 @@
+// PSS store: files on disk, handles, size limits, parameters, copies, crash survival,
+// destruction, the older calls, and fault injection.
+#include <lmdb.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <fstream>
+
+#include "pss/store.h"
+#include "tests/platform/pss/pss_support.h"
+
+namespace hadra::test {
+namespace {
+
+class PssFilesTest : public PssTest {
+ protected:
+  bool exists(const char* rel) const {
+    struct stat st;
+    return stat(path(rel).c_str(), &st) == 0;
+  }
+  uint64_t last_txn(uint32_t h) {
+    MDB_envinfo info;
+    mdb_env_info(plat::pss::find_handle(h)->env->env, &info);
+    return info.me_last_txnid;
+  }
+};
+
+TEST_F(PssFilesTest, OpenFlagsDecideBetweenCreateOpenAndProbe) {
+  uint32_t err = 0;
+  EXPECT_EQ(pss2_open("run:/f", PSS2_OPEN_FLAGS_OPEN, 1, 0, nullptr, &err), 0u);
+  EXPECT_EQ(err, PLAT_ERR_PSS_NOT_FOUND);
+  EXPECT_EQ(pss2_open("run:/f", PSS2_OPEN_FLAGS_PROBE, 1, 0, nullptr, &err), 0u);
+  EXPECT_EQ(err, PLAT_ERR_PSS_NOT_FOUND);
+  EXPECT_FALSE(exists("run/f"));
+  uint32_t h = open("run:/f");
+  EXPECT_TRUE(exists("run/f"));
+  EXPECT_NE(open("run:/f", PSS2_OPEN_FLAGS_PROBE), 0u);
+  EXPECT_EQ(pss2_open("run:/f", 0x40 | 11, 1, 0, nullptr, &err), 0u);
+  EXPECT_EQ(err, PLAT_ERR_PSS_BAD_ARG);
+  EXPECT_EQ(pss2_open("run:/f", 11, 1, 5, nullptr, &err), 0u);  // reserved argument
+  EXPECT_EQ(err, PLAT_ERR_PSS_BAD_ARG);
+  EXPECT_EQ(pss2_open("no-colon", 27, 1, 0, nullptr, &err), 0u);
+  EXPECT_EQ(err, PLAT_ERR_PSS_BAD_URI);
+  EXPECT_EQ(pss2_open(nullptr, 27, 1, 0, nullptr, &err), 0u);
+  EXPECT_EQ(err, PLAT_ERR_PSS_BAD_ARG);
+  EXPECT_EQ(pss2_open("run:/f", 27, 1, 0, nullptr, nullptr), 0u);
+  EXPECT_EQ(pss2_close(h), 0u);
+  EXPECT_EQ(pss2_close(h), PLAT_ERR_PSS_BAD_HANDLE);
+  EXPECT_EQ(pss2_close(0), PLAT_ERR_PSS_BAD_HANDLE);
+}
+
+TEST_F(PssFilesTest, FileIsAPlainStoreThatOutsideToolsRead) {
+  uint32_t h = open("run:/dumped");
+  ASSERT_EQ(put(h, "visible-key", "visible-value"), 0u);
+  ASSERT_EQ(pss2_close(h), 0u);
+  if (system("command -v mdb_dump >/dev/null 2>&1") != 0) GTEST_SKIP() << "mdb_dump not installed";
+  std::string cmd = "mdb_dump -n -p -s records " + path("run/dumped");
+  FILE* p = popen(cmd.c_str(), "r");
+  ASSERT_NE(p, nullptr);
+  std::string out;
+  char buf[256];
+  while (fgets(buf, sizeof buf, p) != nullptr) out += buf;
+  EXPECT_EQ(pclose(p), 0);
+  EXPECT_NE(out.find("visible-key"), std::string::npos) << out;
+  EXPECT_NE(out.find("visible-value"), std::string::npos) << out;
+}
+
+TEST_F(PssFilesTest, HandlesShareAFileAndOutliveEachOther) {
+  uint32_t a = open("run:/shared");
+  uint32_t b = open("run:/shared", PSS2_OPEN_FLAGS_OPEN);
+  EXPECT_NE(a, b);
+  ASSERT_EQ(put(a, "k", "from a"), 0u);
+  EXPECT_EQ(get(b, "k"), "from a");
+  ASSERT_EQ(pss2_close(a), 0u);
+  EXPECT_EQ(put(a, "k", "stale"), PLAT_ERR_PSS_BAD_HANDLE);
+  ASSERT_EQ(put(b, "k2", "from b"), 0u);
+  ASSERT_EQ(pss2_close(b), 0u);  // the last handle closes the store
+  uint32_t c = open("run:/shared", PSS2_OPEN_FLAGS_OPEN);
+  EXPECT_NE(c, a);  // numbers of closed handles are not handed out again at once
+  EXPECT_EQ(get(c, "k"), "from a");
+  EXPECT_EQ(get(c, "k2"), "from b");
+}
+
+TEST_F(PssFilesTest, HandleTableHasALimit) {
+  std::vector<uint32_t> hs;
+  uint32_t err = 0;
+  for (size_t i = 0; i < plat::pss::kMaxHandles; ++i) hs.push_back(open("run:/many", i == 0 ? 27 : 11));
+  EXPECT_EQ(pss2_open("run:/many", 11, 1, 0, nullptr, &err), 0u);
+  EXPECT_EQ(err, PLAT_ERR_PSS_TOO_MANY);
+  EXPECT_EQ(pss2_close(hs.back()), 0u);
+  EXPECT_NE(open("run:/many", 11), 0u);
+}
+
+// A writer that dies without closing anything: its committed records are in the file.
+TEST_F(PssFilesTest, RecordsSurviveACrashedWriter) {
+  pid_t pid = fork();
+  ASSERT_GE(pid, 0);
+  if (pid == 0) {
+    uint32_t err = 1;
+    uint32_t h = pss2_open("run:/crash", 27, 1, 0, nullptr, &err);
+    int bad = h == 0 ? 1 : 0;
+    for (int i = 0; i < 50; ++i) {
+      std::string k = "k" + std::to_string(i);
+      datum kd = dat(k), vd = dat("v");
+      bad |= pss2_store(h, &kd, &vd) != 0 ? 1 : 0;
+    }
+    _exit(bad ? 2 : 0);
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(pid, &status, 0), pid);
+  ASSERT_TRUE(WIFEXITED(status));
+  ASSERT_EQ(WEXITSTATUS(status), 0);
+  uint32_t h = open("run:/crash", PSS2_OPEN_FLAGS_OPEN);
+  EXPECT_EQ(walk(h).size(), 50u);
+  EXPECT_EQ(get(h, "k49"), "v");
+}
+
+TEST_F(PssFilesTest, SizeLimitStopsWritesButNotReadsOrCleanup) {
+  uint32_t h = open("run:/small");
+  EXPECT_EQ(pss2_set_max_dbsize(h, PSS2_MIN_DBSIZE - 1), PLAT_ERR_PSS_BAD_ARG);
+  ASSERT_EQ(pss2_set_max_dbsize(h, 128 * 1024), 0u);
+  std::string value(1000, 'v');
+  int stored = 0;
+  uint32_t rc = 0;
+  while ((rc = put(h, "k" + std::to_string(stored), value)) == 0 && stored < 1000) ++stored;
+  ASSERT_EQ(rc, PLAT_ERR_PSS_FULL);
+  EXPECT_GT(stored, 20);
+  EXPECT_EQ(get(h, "k0"), value);
+  // The limit is part of the file: a later opener is held to it as well (the opener may
+  // reuse a few pages that the last writer freed, but the file does not grow).
+  ASSERT_EQ(pss2_close(h), 0u);
+  h = open("run:/small", PSS2_OPEN_FLAGS_OPEN);
+  while ((rc = put(h, "k" + std::to_string(stored), value)) == 0 && stored < 1000) ++stored;
+  EXPECT_EQ(rc, PLAT_ERR_PSS_FULL);
+  struct stat st;
+  ASSERT_EQ(stat(path("run/small").c_str(), &st), 0);
+  EXPECT_LE(st.st_size, 128 * 1024);
+  EXPECT_EQ(walk(h).size(), static_cast<size_t>(stored));
+  pss2_params p{};
+  ASSERT_EQ(pss2_get_params(h, &p), 0u);
+  EXPECT_EQ(p.max_dbsize_mib, 1u);  // 128 KiB, rounded up
+  // A full file can still be cleaned, and then written again.
+  datum k0 = dat("k0");
+  EXPECT_EQ(pss2_delete(h, &k0, PSS2_DELETE_KEY), 0u);
+  uint32_t n = 0;
+  EXPECT_EQ(pss2_purge(h, &n), 0u);
+  EXPECT_EQ(n, static_cast<uint32_t>(stored - 1));
+  EXPECT_EQ(put(h, "again", value), 0u);
+  ASSERT_EQ(pss2_set_max_dbsize(h, 1 << 20), 0u);
+  EXPECT_EQ(put(h, "more", value), 0u);
+}
+
+TEST_F(PssFilesTest, LimitChangedDuringAMultiGetAppliesAfterIt) {
+  uint32_t h = open("run:/pending");
+  uint32_t w = open("run:/pending", PSS2_OPEN_FLAGS_OPEN);
+  ASSERT_EQ(pss2_mget_begin(h, nullptr), 0u);
+  ASSERT_EQ(pss2_set_max_dbsize(w, 64 * 1024), 0u);
+  ASSERT_EQ(pss2_mget_done(h), 0u);
+  std::string value(2000, 'v');
+  uint32_t rc = 0;
+  for (int i = 0; i < 100 && rc == 0; ++i) rc = put(w, "k" + std::to_string(i), value);
+  EXPECT_EQ(rc, PLAT_ERR_PSS_FULL);
+}
+
+TEST_F(PssFilesTest, ParametersAreKeptCheckedAndCopied) {
+  uint32_t d = open("run:/defaults");
+  pss2_params p{};
+  ASSERT_EQ(pss2_get_params(d, &p), 0u);
+  EXPECT_EQ(p.version, PSS2_PARAMS_VERSION);
+  EXPECT_EQ(p.max_dbsize_mib, 10u);
+  EXPECT_EQ(pss2_get_params(d, nullptr), PLAT_ERR_PSS_BAD_ARG);
+  uint32_t err = 0;
+  pss2_params bad{7, 32, 30, 0, 0};
+  EXPECT_EQ(pss2_open("run:/bad", 27, 1, 0, &bad, &err), 0u);
+  EXPECT_EQ(err, PLAT_ERR_PSS_BAD_ARG);
+  pss2_params mine{PSS2_PARAMS_VERSION, 32, 30, PSS2_PARAM_SYNC, 2};
+  uint32_t h = open("run:/mine", 27, &mine);
+  ASSERT_EQ(pss2_close(h), 0u);
+  h = open("run:/mine", 27, &p);  // an existing file keeps its own parameters
+  pss2_params back{};
+  ASSERT_EQ(pss2_get_params(h, &back), 0u);
+  EXPECT_EQ(0, memcmp(&back, &mine, sizeof mine));
+}
+
+TEST_F(PssFilesTest, SnapshotMakesTheDestinationACopy) {
+  uint32_t src = open("run:/src");
+  for (int i = 0; i < 2500; ++i) ASSERT_EQ(put(src, "k" + std::to_string(100000 + i), "v" + std::to_string(i)), 0u);
+  pss2_params p{};
+  ASSERT_EQ(pss2_get_params(src, &p), 0u);
+  p.snapshot_chunk = 1;  // a thousand records per commit
+  uint32_t dst = open("snap:/copy", 27, &p);
+  ASSERT_EQ(put(dst, "stale", "from before"), 0u);
+  uint64_t before = last_txn(dst);
+  ASSERT_EQ(pss2_snapshot(src, dst), 0u);
+  EXPECT_EQ(last_txn(dst) - before, 3u);
+  EXPECT_EQ(get(dst, "stale"), std::nullopt);
+  EXPECT_EQ(walk(dst), walk(src));
+  EXPECT_EQ(get(dst, "k102499"), "v2499");
+  uint32_t same = open("run:/src", 11);
+  EXPECT_EQ(pss2_snapshot(src, same), PLAT_ERR_PSS_BAD_ARG);
+  EXPECT_EQ(pss2_snapshot(src, 12345), PLAT_ERR_PSS_BAD_HANDLE);
+  // A destination too small for the copy says so.
+  uint32_t tiny = open("snap:/tiny");
+  ASSERT_EQ(pss2_set_max_dbsize(tiny, 64 * 1024), 0u);
+  EXPECT_EQ(pss2_snapshot(src, tiny), PLAT_ERR_PSS_FULL);
+}
+
+// The library destroys files whose creation handles it never closed: destroying closes them.
+TEST_F(PssFilesTest, DestroyClosesHandlesAndRemovesTheFile) {
+  uint32_t a = open("run:/gone");
+  uint32_t b = open("run:/gone", 11);
+  ASSERT_EQ(put(a, "k", "v"), 0u);
+  uint32_t other = 0, rc = 1;
+  EXPECT_EQ(pss2_get_psstype("run:/gone", &other, &rc), PSS2_TYPE_PSS2);
+  EXPECT_EQ(rc, 0u);
+  EXPECT_EQ(pss2_destroy("run:/gone"), 0u);
+  EXPECT_FALSE(exists("run/gone"));
+  EXPECT_FALSE(exists("run/gone-lock"));
+  EXPECT_EQ(put(a, "k", "v"), PLAT_ERR_PSS_BAD_HANDLE);
+  EXPECT_EQ(pss2_close(b), PLAT_ERR_PSS_BAD_HANDLE);
+  EXPECT_EQ(pss2_destroy("run:/gone"), PLAT_ERR_PSS_NOT_FOUND);
+  EXPECT_EQ(pss2_get_psstype("run:/gone", &other, &rc), 0u);
+  EXPECT_EQ(rc, PLAT_ERR_PSS_NOT_FOUND);
+  uint32_t again = open("run:/gone");  // a new, empty file
+  EXPECT_TRUE(walk(again).empty());
+}
+
+TEST_F(PssFilesTest, WhatIsNotAPssFileIsLeftAlone) {
+  ASSERT_EQ(mkdir(path("run").c_str(), 0755), 0);
+  ASSERT_EQ(mkdir(path("run/store-dir").c_str(), 0755), 0);
+  std::ofstream(path("run/text")) << "not a store\n";
+  uint32_t other = 9, rc = 1, err = 0;
+  EXPECT_EQ(pss2_get_psstype("run:/store-dir", &other, &rc), PSS2_TYPE_OTHER);
+  EXPECT_EQ(rc, 0u);
+  EXPECT_EQ(pss2_get_psstype("run:/text", &other, &rc), PSS2_TYPE_OTHER);
+  EXPECT_EQ(other, 0u);
+  EXPECT_EQ(pss2_destroy("run:/store-dir"), PLAT_ERR_PSS_BAD_URI);
+  EXPECT_EQ(pss2_destroy("run:/text"), PLAT_ERR_PSS_BAD_URI);
+  EXPECT_EQ(pss2_open("run:/text", 27, 1, 0, nullptr, &err), 0u);
+  EXPECT_EQ(err, PLAT_ERR_PSS_BAD_URI);
+  EXPECT_TRUE(exists("run/store-dir"));
+  EXPECT_TRUE(exists("run/text"));
+  // An empty file is a creation that died before its first commit: it is finished now.
+  std::ofstream(path("run/empty"));
+  EXPECT_EQ(pss2_get_psstype("run:/empty", &other, &rc), PSS2_TYPE_PSS2);
+  EXPECT_EQ(pss2_open("run:/empty", 11, 1, 0, nullptr, &err), 0u);
+  EXPECT_EQ(err, PLAT_ERR_PSS_NOT_FOUND);
+  EXPECT_NE(open("run:/empty"), 0u);
+}
+
+TEST_F(PssFilesTest, OlderCallsCreateOpenCloseAndDestroy) {
+  uint32_t err = 0;
+  EXPECT_EQ(pss_open("run:/marker", &err), 0u);
+  EXPECT_EQ(err, 0x80480002u);
+  uint32_t h = pss_create("run:/marker", &err);
+  EXPECT_NE(h, 0u);
+  EXPECT_EQ(err, 0u);
+  EXPECT_EQ(pss_create("run:/marker", &err), 0u);
+  EXPECT_EQ(err, PLAT_ERR_PSS_EXISTS);
+  uint32_t h2 = pss_open("run:/marker", &err);
+  EXPECT_NE(h2, 0u);
+  EXPECT_EQ(pss_close(h2), 0u);
+  EXPECT_EQ(pss_destroy("run:/marker"), 0u);  // h is still open: closed by the destruction
+  EXPECT_EQ(pss_close(h), PLAT_ERR_PSS_BAD_HANDLE);
+  EXPECT_EQ(pss_open("run:/marker", &err), 0u);
+  EXPECT_EQ(err, 0x80480002u);
+}
+
+TEST_F(PssFilesTest, CallsAreTracedWithTheirKeyArguments) {
+  plat_trace_start();
+  uint32_t h = open("run:/traced");
+  put(h, "key", "value");
+  uint32_t st = 0;
+  pss2_move2key(&h, 1, nullptr, &st);
+  plat_trace_stop();
+  EXPECT_EQ(trace_calls("pss"), (std::vector<std::string>{"pss2_open", "pss2_store", "pss2_move2key"}));
+  auto t = trace();
+  EXPECT_NE(t[0].args.find("uri=run:/traced flags=27"), std::string::npos) << t[0].args;
+  EXPECT_EQ(t[0].result, h);
+  EXPECT_EQ(t[1].args, "h=" + std::to_string(h) + " klen=3 vlen=5");
+  EXPECT_EQ(t[2].result, PLAT_ERR_PSS_BAD_ARG);
+}
+
+TEST_F(PssFilesTest, InjectedFailuresLookLikeTheirCallsFailing) {
+  uint32_t h = open("run:/faults");
+  ASSERT_EQ(plat_fault_arm("pss2_store", 0, 1, PLAT_FAULT_DEFAULT, 0), 0);
+  EXPECT_EQ(put(h, "k", "v"), PLAT_ERR_PSS_IO);
+  EXPECT_EQ(put(h, "k", "v"), 0u);  // once only
+  ASSERT_EQ(plat_fault_arm("pss2_getkey", 0, 1, PLAT_FAULT_DEFAULT, 0), 0);
+  ASSERT_EQ(plat_fault_arm("pss2_open", 0, 1, PLAT_FAULT_DEFAULT, 0), 0);
+  uint32_t st = 0, err = 0;
+  EXPECT_EQ(pss2_getkey(h, &st), nullptr);
+  EXPECT_EQ(st, PLAT_ERR_PSS_IO);
+  EXPECT_EQ(pss2_open("run:/faults", 11, 1, 0, nullptr, &err), 0u);
+  EXPECT_EQ(err, PLAT_ERR_PSS_IO);
+  EXPECT_EQ(plat_fault_fired(), 3u);
+}
+
+// Fail the Nth call of a small session, for every N: each call either works or fails as
+// documented, and every store that was acknowledged is in the file afterwards.
+TEST_F(PssFilesTest, FaultLoopLosesNoAcknowledgedRecord) {
+  for (unsigned n = 0;; ++n) {
+    std::string uri = "run:/loop" + std::to_string(n);
+    plat_fault_clear();
+    ASSERT_EQ(plat_fault_arm("*", n, 1, PLAT_FAULT_DEFAULT, 0), 0);
+    uint32_t err = 0;
+    uint32_t h = pss2_open(uri.c_str(), 27, 1, 0, nullptr, &err);
+    std::vector<std::string> acked;
+    for (const char* k : {"a", "b", "c"})
+      if (h != 0 && put(h, k, "v") == 0) acked.push_back(k);
+    uint32_t st = 0;
+    if (h != 0) pss2_move2location(&h, 1, PSS2_LOC_FIRST, &st);
+    if (h != 0) pss2_getvalue(h, &st);
+    if (h != 0) pss2_close(h);
+    bool fired = plat_fault_fired() > 0;
+    plat_fault_clear();
+    if (h != 0) {
+      uint32_t r = open(uri.c_str(), 11);
+      for (const auto& k : acked) EXPECT_EQ(get(r, k), "v") << "fault at call " << n;
+      pss2_close(r);
+    } else {
+      EXPECT_EQ(err, PLAT_ERR_PSS_IO);
+    }
+    if (!fired) break;
+  }
+}
+
+TEST_F(PssFilesTest, ResetClosesEverything) {
+  uint32_t h = open("run:/reset");
+  ASSERT_EQ(pss2_mget_begin(h, nullptr), 0u);
+  plat_test_reset();
+  plat_test_set_root(root().c_str());
+  EXPECT_EQ(put(h, "k", "v"), PLAT_ERR_PSS_BAD_HANDLE);
+  uint32_t again = open("run:/reset", 11);  // the store can be opened again in this process
+  EXPECT_EQ(put(again, "k", "v"), 0u);
+}
+
+}  // namespace
+}  // namespace hadra::test
