@@ -1,0 +1,608 @@
+// MTS core. Design:
+//
+//  - Endpoints. One per SAP that this process sends from or receives on, kept in a map under
+//    one mutex (g.mu). A send-only endpoint exists from the SAP's first send; mts_bind makes
+//    it receive too (and asks the transport to listen). Endpoints are shared_ptrs so that a
+//    sender or a blocked receiver keeps its endpoint alive across a concurrent unbind; the
+//    `closed` flag tells them it went away.
+//  - Held messages. What a mts_msg_ref names: a slot in the endpoint's table with a
+//    generation that is unique in the process. Dropping a message clears the slot, so a
+//    stale or copied reference no longer matches and is refused, never followed.
+//  - HA link numbering. Each (sending endpoint, peer SAP) is a stream numbered 1, 2, 3...
+//    The endpoint's send mutex covers numbering and hand-over to the transport, so numbers
+//    leave in order and a failed send gives its number back. Every stream carries an epoch
+//    chosen when the endpoint is created, so a restarted sender opens a new stream.
+//  - Receiving. Frames from outside are decoded and checked here for every transport; per
+//    (sender node, sender SAP) the receiving endpoint remembers the stream's epoch and last
+//    number: a number already passed is a repeat and is dropped, a jump is a gap that is
+//    counted and logged and the message is still taken (the sysmgr compares numbers to
+//    decide whether the standby is in step; MTS does not stop the link for it).
+//
+// Lock order: Endpoint::send_mu, then g.mu; the transport's own locks are taken with
+// send_mu held but never with g.mu held, and the transport's thread takes only g.mu.
+#include "mts/core.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <condition_variable>
+#include <cstring>
+#include <deque>
+#include <map>
+#include <mutex>
+#include <vector>
+
+#include "hadra_platform/config.h"
+#include "hadra_platform/log.h"
+
+namespace hadra::plat::mts {
+namespace {
+
+struct Message {
+  WireHdr h;
+  Frame frame;  // empty for a sent message: its payload is not kept
+  bool from_peer = false;
+  void* payload() const { return frame.empty() || h.payload_len == 0 ? nullptr : frame.data() + kWireHdrSize; }
+};
+
+struct Slot {
+  uint64_t gen = 0;  // 0 while free
+  uint8_t kind = MTS_REF_NONE;
+  Message msg;
+};
+
+struct RxStream {
+  uint8_t node;
+  uint32_t src_sap;
+  uint32_t epoch;
+  uint64_t last;
+};
+
+struct TxStream {
+  uint32_t dst_sap;
+  uint64_t last;
+};
+
+struct Endpoint {
+  uint32_t sap = 0;
+  uint32_t epoch = 0;
+  bool receiving = false;
+  bool closed = false;
+  std::mutex send_mu;
+  std::vector<TxStream> tx;  // under send_mu
+  // Under g.mu:
+  std::deque<Message> queue;
+  std::vector<Slot> slots;
+  std::vector<uint32_t> free_slots;
+  std::vector<RxStream> rx;
+  Counters counters;
+  std::condition_variable cv;
+};
+
+using EndpointPtr = std::shared_ptr<Endpoint>;
+
+struct Done {
+  unsigned snapshot = 0;
+  unsigned gsync = 0;
+};
+
+struct Global {
+  std::mutex mu;
+  std::map<uint32_t, EndpointPtr> eps;
+  std::shared_ptr<Transport> transport;
+  Settings settings;
+  bool configured = false;
+  std::map<uint32_t, Done> done;
+  Counters totals;
+  std::atomic<uint32_t> next_msg_id{0};
+  std::atomic<uint32_t> next_token{0};
+  std::atomic<uint64_t> next_gen{0};
+  std::atomic<uint32_t> next_epoch{0};
+};
+
+Global& g() {
+  static auto* s = new Global();  // never destroyed: calls may come during exit
+  return *s;
+}
+
+uint32_t nonzero_counter(std::atomic<uint32_t>& c) {
+  uint32_t v;
+  do v = c.fetch_add(1, std::memory_order_relaxed) + 1;
+  while (v == 0);
+  return v;
+}
+
+// Different for every endpoint of every process that may talk to the same receiver.
+uint32_t new_epoch() {
+  uint64_t x = plat_now_ns() ^ (static_cast<uint64_t>(::getpid()) << 32) ^ nonzero_counter(g().next_epoch);
+  x ^= x >> 33;
+  x *= 0xff51afd7ed558ccdull;
+  x ^= x >> 33;
+  auto e = static_cast<uint32_t>(x);
+  return e != 0 ? e : 1;
+}
+
+void configure_locked(Global& s) {
+  if (s.configured) return;
+  s.settings = read_settings();
+  s.transport = s.settings.kind == "zmq" ? make_zmq_transport(s.settings) : make_loopback_transport(s.settings);
+  s.configured = true;
+}
+
+EndpointPtr find_locked(Global& s, uint32_t sap) {
+  auto it = s.eps.find(sap);
+  return it == s.eps.end() ? nullptr : it->second;
+}
+
+EndpointPtr get_or_create_locked(Global& s, uint32_t sap) {
+  EndpointPtr& ep = s.eps[sap];
+  if (!ep) {
+    ep = std::make_shared<Endpoint>();
+    ep->sap = sap;
+    ep->epoch = new_epoch();
+  }
+  return ep;
+}
+
+bool hold_locked(Endpoint& ep, Message&& m, uint8_t kind, mts_msg_ref* ref) {
+  uint32_t idx;
+  if (!ep.free_slots.empty()) {
+    idx = ep.free_slots.back();
+    ep.free_slots.pop_back();
+  } else if (ep.slots.size() < MTS_HELD_MAX) {
+    idx = static_cast<uint32_t>(ep.slots.size());
+    ep.slots.emplace_back();
+  } else {
+    errno = ENOBUFS;
+    return false;
+  }
+  Slot& s = ep.slots[idx];
+  s.gen = g().next_gen.fetch_add(1, std::memory_order_relaxed) + 1;
+  s.kind = kind;
+  s.msg = std::move(m);
+  ref->kind = kind;
+  ref->sap = ep.sap;
+  ref->slot = idx;
+  ref->gen = s.gen;
+  ref->msg_id = s.msg.h.msg_id;
+  ref->opcode = s.msg.h.opcode;
+  return true;
+}
+
+void free_slot_locked(Endpoint& ep, uint32_t idx) {
+  Slot& s = ep.slots[idx];
+  s.gen = 0;
+  s.kind = MTS_REF_NONE;
+  s.msg = Message();
+  ep.free_slots.push_back(idx);
+}
+
+// The slot ref names, or null.
+Slot* slot_locked(Global& s, const mts_msg_ref* ref, Endpoint** owner) {
+  if (ref == nullptr || (ref->kind != MTS_REF_RECEIVED && ref->kind != MTS_REF_SENT) || ref->gen == 0) return nullptr;
+  EndpointPtr ep = find_locked(s, ref->sap);
+  if (!ep || ref->slot >= ep->slots.size()) return nullptr;
+  Slot& sl = ep->slots[ref->slot];
+  if (sl.gen != ref->gen || sl.kind != ref->kind) return nullptr;
+  if (owner != nullptr) *owner = ep.get();
+  return &sl;
+}
+
+// Sequence rules for a frame from outside. Returns false for a repeat; *gap gets the
+// numbers skipped (0: none).
+bool accept_seq_locked(Endpoint& ep, const WireHdr& h, uint64_t* gap) {
+  *gap = 0;
+  if (h.ha_seqno == 0) return true;
+  auto it = std::find_if(ep.rx.begin(), ep.rx.end(),
+                         [&](const RxStream& r) { return r.node == h.src_node && r.src_sap == h.src_sap; });
+  if (it == ep.rx.end() || it->epoch != h.epoch) {
+    // First message of a stream (or of a restarted sender): it sets the count going.
+    if (it == ep.rx.end()) it = ep.rx.insert(ep.rx.end(), RxStream{h.src_node, h.src_sap, h.epoch, 0});
+    it->epoch = h.epoch;
+    it->last = h.ha_seqno;
+    return true;
+  }
+  if (h.ha_seqno <= it->last) {
+    ++ep.counters.repeats;
+    return false;
+  }
+  if (h.ha_seqno > it->last + 1) {
+    *gap = h.ha_seqno - it->last - 1;
+    ++ep.counters.gaps;
+    ep.counters.missing += *gap;
+  }
+  it->last = h.ha_seqno;
+  return true;
+}
+
+void enqueue_locked(Endpoint& ep, Message&& m) {
+  ep.queue.push_back(std::move(m));
+  ++ep.counters.delivered;
+  ep.cv.notify_one();
+}
+
+uint64_t next_seq(Endpoint& ep, uint32_t dst) {
+  for (const TxStream& t : ep.tx)
+    if (t.dst_sap == dst) return t.last + 1;
+  return 1;
+}
+
+void commit_seq(Endpoint& ep, uint32_t dst, uint64_t seq) {
+  for (TxStream& t : ep.tx)
+    if (t.dst_sap == dst) {
+      t.last = seq;
+      return;
+    }
+  ep.tx.push_back({dst, seq});
+}
+
+// Copy hdr and the pieces into frame f after its wire header.
+void fill_payload(uint8_t* p, const Outgoing& o) {
+  if (o.hdr_len != 0) {
+    std::memcpy(p, o.hdr, o.hdr_len);
+    p += o.hdr_len;
+  }
+  if (o.desc == nullptr) return;
+  for (uint32_t i = 0; i < o.desc->count; ++i) {
+    const mts_piece& pc = o.desc->pieces[i];
+    if (pc.len == 0) continue;
+    std::memcpy(p, pc.ptr, pc.len);
+    p += pc.len;
+  }
+}
+
+// Deliver to an endpoint of this process, or hand to the transport.
+int route_frame(Global& s, Transport* tp, const Outgoing& o, const WireHdr& h, Frame&& f) {
+  if (!o.route.peer) {
+    std::lock_guard<std::mutex> lock(s.mu);
+    EndpointPtr dst = find_locked(s, o.route.sap);
+    if (dst && dst->receiving) {
+      enqueue_locked(*dst, Message{h, std::move(f), false});
+      return 0;
+    }
+  }
+  if (tp == nullptr) {
+    errno = ENOTCONN;
+    return -1;
+  }
+  return tp->transmit(o.route, std::move(f), (o.flags & MTS_SEND_NONBLOCK) != 0);
+}
+
+}  // namespace
+
+int resolve(uint32_t src_sap, uint32_t addr, uint32_t dest_sap, Route* out) {
+  if (addr == MTS_ADDR_PEER) {
+    *out = Route{true, dest_sap != MTS_SAP_SAME ? dest_sap : src_sap};
+    return 0;
+  }
+  if (addr != MTS_ADDR_LOCAL) {
+    errno = EHOSTUNREACH;
+    return -1;
+  }
+  if (dest_sap == 0) {
+    errno = EINVAL;
+    return -1;
+  }
+  *out = Route{false, dest_sap};
+  return 0;
+}
+
+long payload_length(const void* hdr, uint32_t hdr_len, const mts_xbuf_desc* desc) {
+  uint64_t total = hdr_len;
+  if (hdr == nullptr && hdr_len != 0) {
+    errno = EINVAL;
+    return -1;
+  }
+  if (desc != nullptr) {
+    if (desc->kind != MTS_XBUF_PIECES || desc->count > MTS_XBUF_MAX_PIECES ||
+        (desc->count != 0 && desc->pieces == nullptr)) {
+      errno = EINVAL;
+      return -1;
+    }
+    for (uint32_t i = 0; i < desc->count; ++i) {
+      if (desc->pieces[i].ptr == nullptr && desc->pieces[i].len != 0) {
+        errno = EINVAL;
+        return -1;
+      }
+      total += desc->pieces[i].len;
+    }
+  }
+  if (total > MTS_PAYLOAD_MAX) {
+    errno = EMSGSIZE;
+    return -1;
+  }
+  return static_cast<long>(total);
+}
+
+int send(const Outgoing& o, mts_msg_ref* out_ref) {
+  if (out_ref != nullptr) std::memset(out_ref, 0, sizeof *out_ref);
+  if (o.src_sap == 0 || (o.flags & ~MTS_SEND_NONBLOCK) != 0) {
+    errno = EINVAL;
+    return -1;
+  }
+  long len = payload_length(o.hdr, o.hdr_len, o.desc);
+  if (len < 0) return -1;
+  Global& s = g();
+  EndpointPtr ep;
+  std::shared_ptr<Transport> tp;
+  uint8_t slot;
+  {
+    std::lock_guard<std::mutex> lock(s.mu);
+    configure_locked(s);
+    ep = get_or_create_locked(s, o.src_sap);
+    tp = s.transport;
+    slot = s.settings.slot;
+  }
+  Frame f = Frame::allocate(kWireHdrSize + static_cast<size_t>(len));
+  if (f.empty()) {
+    errno = ENOMEM;
+    return -1;
+  }
+  fill_payload(f.data() + kWireHdrSize, o);
+
+  std::lock_guard<std::mutex> order(ep->send_mu);
+  WireHdr h;
+  h.sync_event = o.route.peer ? MTS_SYNC_EVENT_UPDATE : MTS_SYNC_EVENT_NONE;
+  if (o.desc != nullptr) h.flags = (o.desc->notify != 0 ? MTS_MSG_NOTIFY : 0) | (o.desc->no_reply != 0 ? MTS_MSG_NO_REPLY : 0);
+  h.src_node = slot;
+  h.opcode = o.opcode;
+  h.src_sap = o.src_sap;
+  h.dst_sap = o.route.sap;
+  h.msg_id = nonzero_counter(s.next_msg_id);
+  h.ha_seqno = o.route.peer ? next_seq(*ep, o.route.sap) : 0;
+  h.rr_token = o.rr_token != 0 ? o.rr_token : nonzero_counter(s.next_token);
+  h.epoch = ep->epoch;
+  h.payload_len = static_cast<uint32_t>(len);
+  encode(h, f.data());
+
+  if (out_ref != nullptr) {
+    std::lock_guard<std::mutex> lock(s.mu);
+    if (ep->closed || !hold_locked(*ep, Message{h, Frame(), false}, MTS_REF_SENT, out_ref)) {
+      if (ep->closed) errno = ECONNABORTED;
+      std::memset(out_ref, 0, sizeof *out_ref);
+      return -1;
+    }
+  }
+  if (route_frame(s, tp.get(), o, h, std::move(f)) != 0) {
+    int err = errno;
+    if (out_ref != nullptr) {
+      std::lock_guard<std::mutex> lock(s.mu);
+      Endpoint* owner = nullptr;
+      if (slot_locked(s, out_ref, &owner) != nullptr) free_slot_locked(*owner, out_ref->slot);
+      std::memset(out_ref, 0, sizeof *out_ref);
+    }
+    errno = err;
+    return -1;
+  }
+  if (o.route.peer) commit_seq(*ep, o.route.sap, h.ha_seqno);
+  return 0;
+}
+
+int bind(uint32_t sap) {
+  if (sap == 0) {
+    errno = EINVAL;
+    return -1;
+  }
+  Global& s = g();
+  std::shared_ptr<Transport> tp;
+  {
+    std::lock_guard<std::mutex> lock(s.mu);
+    configure_locked(s);
+    EndpointPtr ep = get_or_create_locked(s, sap);
+    if (ep->receiving) {
+      errno = EADDRINUSE;
+      return -1;
+    }
+    ep->receiving = true;
+    tp = s.transport;
+  }
+  if (tp != nullptr && tp->open_endpoint(sap) == 0) return 0;
+  int err = tp != nullptr ? errno : ENOTCONN;
+  std::lock_guard<std::mutex> lock(s.mu);
+  if (EndpointPtr ep = find_locked(s, sap)) ep->receiving = false;
+  errno = err;
+  return -1;
+}
+
+int unbind(uint32_t sap) {
+  Global& s = g();
+  EndpointPtr ep;
+  std::shared_ptr<Transport> tp;
+  {
+    std::lock_guard<std::mutex> lock(s.mu);
+    ep = find_locked(s, sap);
+    if (!ep) {
+      errno = EADDRNOTAVAIL;
+      return -1;
+    }
+    s.eps.erase(sap);
+    ep->closed = true;
+    ep->cv.notify_all();
+    tp = ep->receiving ? s.transport : nullptr;
+  }
+  if (tp != nullptr) tp->close_endpoint(sap);
+  std::lock_guard<std::mutex> lock(s.mu);
+  // Messages go now; blocked receivers still hold the endpoint and see `closed`.
+  ep->queue.clear();
+  ep->slots.clear();
+  ep->free_slots.clear();
+  return 0;
+}
+
+int recv(uint32_t sap, mts_msg_ref* ref, const mts_recv_opts* opts) {
+  if (ref == nullptr || (opts != nullptr && (opts->flags & ~MTS_RECV_BLOCK) != 0)) {
+    errno = EINVAL;
+    return -1;
+  }
+  std::memset(ref, 0, sizeof *ref);
+  Global& s = g();
+  std::unique_lock<std::mutex> lock(s.mu);
+  EndpointPtr ep = find_locked(s, sap);
+  if (!ep || !ep->receiving) {
+    errno = EADDRNOTAVAIL;
+    return -1;
+  }
+  if (ep->queue.empty()) {
+    if (opts == nullptr || (opts->flags & MTS_RECV_BLOCK) == 0) {
+      errno = EAGAIN;
+      return -1;
+    }
+    uint64_t ms = static_cast<uint64_t>(opts->timeout_s) * 1000u + opts->timeout_ms;
+    auto cap = static_cast<uint64_t>(std::max(0L, s.settings.recv_max_wait_ms));
+    if (ms == 0 || ms > cap) ms = cap;
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+    ep->cv.wait_until(lock, deadline, [&] { return !ep->queue.empty() || ep->closed; });
+    if (ep->closed) {
+      errno = ECONNABORTED;
+      return -1;
+    }
+    if (ep->queue.empty()) {
+      errno = ETIMEDOUT;
+      return -1;
+    }
+  }
+  if (!hold_locked(*ep, std::move(ep->queue.front()), MTS_REF_RECEIVED, ref)) return -1;
+  ep->queue.pop_front();
+  return 0;
+}
+
+int drop(uint32_t sap, const mts_msg_ref* ref) {
+  Global& s = g();
+  std::lock_guard<std::mutex> lock(s.mu);
+  Endpoint* owner = nullptr;
+  if (ref == nullptr || ref->sap != sap || slot_locked(s, ref, &owner) == nullptr) {
+    errno = EINVAL;
+    return -1;
+  }
+  free_slot_locked(*owner, ref->slot);
+  return 0;
+}
+
+bool info(const mts_msg_ref* ref, MsgInfo* out) {
+  Global& s = g();
+  std::lock_guard<std::mutex> lock(s.mu);
+  Slot* sl = slot_locked(s, ref, nullptr);
+  if (sl == nullptr) {
+    errno = EINVAL;
+    return false;
+  }
+  out->h = sl->msg.h;
+  out->payload = sl->msg.payload();
+  out->from_peer = sl->msg.from_peer;
+  return true;
+}
+
+int deliver_frame(Frame&& f, bool force_peer) {
+  Global& s = g();
+  WireHdr h;
+  uint64_t gap = 0;
+  uint64_t expected = 0;
+  {
+    std::lock_guard<std::mutex> lock(s.mu);
+    if (!decode(f.data(), f.size(), MTS_PAYLOAD_MAX, &h)) {
+      ++s.totals.bad_frames;
+      errno = EBADMSG;
+      return -1;
+    }
+    EndpointPtr ep = find_locked(s, h.dst_sap);
+    if (!ep || !ep->receiving) {
+      ++s.totals.undeliverable;
+      errno = EADDRNOTAVAIL;
+      return -1;
+    }
+    if (!accept_seq_locked(*ep, h, &gap)) return 1;
+    expected = h.ha_seqno - gap;
+    bool from_peer = force_peer || h.src_node != s.settings.slot;
+    enqueue_locked(*ep, Message{h, std::move(f), from_peer});
+  }
+  if (gap != 0)
+    plat_syslog(PLAT_LOG_ERR, "MTS: SAP %u: gap in HA sequence numbers from node %u SAP %u: expected %llu, got %llu",
+                h.dst_sap, h.src_node, h.src_sap, static_cast<unsigned long long>(expected),
+                static_cast<unsigned long long>(h.ha_seqno));
+  return 0;
+}
+
+void record_done(mts_sap_id id, bool snapshot) {
+  std::lock_guard<std::mutex> lock(g().mu);
+  Done& d = g().done[id];
+  ++(snapshot ? d.snapshot : d.gsync);
+}
+
+unsigned done_count(uint32_t sap, bool snapshot) {
+  std::lock_guard<std::mutex> lock(g().mu);
+  auto it = g().done.find(sap);
+  if (it == g().done.end()) return 0;
+  return snapshot ? it->second.snapshot : it->second.gsync;
+}
+
+bool counters(uint32_t sap, Counters* out) {
+  Global& s = g();
+  std::lock_guard<std::mutex> lock(s.mu);
+  if (sap == 0) {
+    *out = s.totals;
+    return true;
+  }
+  EndpointPtr ep = find_locked(s, sap);
+  if (!ep) return false;
+  *out = ep->counters;
+  return true;
+}
+
+size_t queued(uint32_t sap) {
+  std::lock_guard<std::mutex> lock(g().mu);
+  EndpointPtr ep = find_locked(g(), sap);
+  return ep ? ep->queue.size() : 0;
+}
+
+size_t held(uint32_t sap) {
+  std::lock_guard<std::mutex> lock(g().mu);
+  EndpointPtr ep = find_locked(g(), sap);
+  return ep ? ep->slots.size() - ep->free_slots.size() : 0;
+}
+
+std::shared_ptr<Transport> transport() {
+  std::lock_guard<std::mutex> lock(g().mu);
+  configure_locked(g());
+  return g().transport;
+}
+
+uint8_t own_slot() {
+  std::lock_guard<std::mutex> lock(g().mu);
+  configure_locked(g());
+  return g().settings.slot;
+}
+
+void reset() {
+  Global& s = g();
+  std::map<uint32_t, EndpointPtr> eps;
+  std::shared_ptr<Transport> tp;
+  {
+    std::lock_guard<std::mutex> lock(s.mu);
+    eps.swap(s.eps);
+    tp.swap(s.transport);
+    for (auto& [sap, ep] : eps) {
+      ep->closed = true;
+      ep->receiving = false;
+      ep->cv.notify_all();
+    }
+    s.configured = false;
+    s.done.clear();
+    s.totals = Counters();
+  }
+  // Messages first (some hold the transport's buffers), then the transport and its thread.
+  {
+    std::lock_guard<std::mutex> lock(s.mu);
+    for (auto& [sap, ep] : eps) {
+      ep->queue.clear();
+      ep->slots.clear();
+      ep->free_slots.clear();
+    }
+  }
+  eps.clear();
+  tp.reset();
+}
+
+}  // namespace hadra::plat::mts

@@ -1,0 +1,282 @@
+// The ZeroMQ transport: ipc:// between the processes of one host, tcp:// between hosts.
+//
+// Receiving. Each bound SAP has a PULL socket bound at its local address (MTS_LOCAL). One
+// background thread owns these sockets: it polls them together with an eventfd that other
+// threads write to wake it, and hands every frame (still in the socket library's buffer, no
+// copy) to the core. Binding creates and binds the socket on the caller's thread, so that an
+// error is returned to the caller, then passes it to the thread; unbinding asks the thread to
+// close it and waits, so that the SAP can be bound again at once.
+//
+// Sending. One PUSH socket per destination (peer or local SAP), connected on first use and
+// kept. The frame buffer built by the core is handed to the socket library as is; it frees
+// it when the frame has gone. A PUSH socket queues frames while its peer is not (yet)
+// listening, up to MTS_HWM; a send that finds no room waits up to MTS_SEND_TIMEOUT_MS and then
+// fails with EAGAIN. Frames still queued when the process exits are lost.
+#include <sys/eventfd.h>
+#include <unistd.h>
+#include <zmq.h>
+
+#include <cerrno>
+#include <condition_variable>
+#include <filesystem>
+#include <map>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "hadra_platform/mts.h"
+#include "mts/core.h"
+#include "mts/transport.h"
+
+namespace hadra::plat::mts {
+namespace {
+
+void release_msg(void* owner) {
+  auto* m = static_cast<zmq_msg_t*>(owner);
+  zmq_msg_close(m);
+  delete m;
+}
+
+void free_sent(void* data, void*) { Frame::free_bytes(data); }
+
+int fail_with(int err) {
+  errno = err;
+  return -1;
+}
+
+void set_int(void* sock, int opt, long value) {
+  int v = static_cast<int>(value);
+  zmq_setsockopt(sock, opt, &v, sizeof v);
+}
+
+// Directory of an ipc:// socket path, created so that bind can make the socket file.
+void make_ipc_dir(const std::string& url) {
+  static const std::string kIpc = "ipc://";
+  if (url.compare(0, kIpc.size(), kIpc) != 0) return;
+  std::filesystem::path dir = std::filesystem::path(url.substr(kIpc.size())).parent_path();
+  std::error_code ec;
+  if (!dir.empty()) std::filesystem::create_directories(dir, ec);
+}
+
+class ZmqTransport final : public Transport {
+ public:
+  explicit ZmqTransport(const Settings& s) : s_(s), ctx_(zmq_ctx_new()), wake_fd_(eventfd(0, EFD_CLOEXEC)) {}
+  ~ZmqTransport() override;
+  const char* name() const override { return "zmq"; }
+  int open_endpoint(uint32_t sap) override;
+  void close_endpoint(uint32_t sap) override;
+  int transmit(const Route& to, Frame&& f, bool nonblock) override;
+
+ private:
+  struct Cmd {
+    bool add;
+    uint32_t sap;
+    void* sock;
+  };
+
+  void post(const Cmd& c);
+  void wake();
+  void io_loop();
+  bool apply_commands();
+  void drain(void* sock);
+  void* tx_socket(const Route& to);
+
+  Settings s_;
+  void* ctx_;
+  int wake_fd_;
+  std::thread io_;
+  std::mutex mu_;  // cmds_, posted_, applied_, stop_
+  std::condition_variable cv_;
+  std::vector<Cmd> cmds_;
+  uint64_t posted_ = 0;
+  uint64_t applied_ = 0;
+  bool stop_ = false;
+  std::vector<std::pair<uint32_t, void*>> rx_;  // the I/O thread's alone
+  std::mutex tx_mu_;
+  std::map<uint64_t, void*> tx_;  // (peer << 32 | sap) -> PUSH socket
+};
+
+ZmqTransport::~ZmqTransport() {
+  if (io_.joinable()) {
+    {
+      std::lock_guard<std::mutex> lock(mu_);
+      stop_ = true;
+    }
+    wake();
+    io_.join();
+  }
+  for (auto& [key, sock] : tx_) {
+    set_int(sock, ZMQ_LINGER, 0);
+    zmq_close(sock);
+  }
+  if (ctx_ != nullptr)
+    while (zmq_ctx_term(ctx_) != 0 && zmq_errno() == EINTR) {
+    }
+  if (wake_fd_ >= 0) ::close(wake_fd_);
+}
+
+void ZmqTransport::wake() {
+  uint64_t one = 1;
+  if (wake_fd_ >= 0) (void)!::write(wake_fd_, &one, sizeof one);
+}
+
+void ZmqTransport::post(const Cmd& c) {
+  std::unique_lock<std::mutex> lock(mu_);
+  cmds_.push_back(c);
+  uint64_t ticket = ++posted_;
+  lock.unlock();
+  wake();
+  lock.lock();
+  cv_.wait(lock, [&] { return applied_ >= ticket || stop_; });
+}
+
+int ZmqTransport::open_endpoint(uint32_t sap) {
+  if (ctx_ == nullptr || wake_fd_ < 0) return fail_with(ENOTCONN);
+  std::string url = expand_address(s_.local_tmpl, sap, s_.port_base);
+  if (url.empty()) return fail_with(EADDRNOTAVAIL);
+  make_ipc_dir(url);
+  void* sock = zmq_socket(ctx_, ZMQ_PULL);
+  if (sock == nullptr) return fail_with(zmq_errno());
+  set_int(sock, ZMQ_RCVHWM, s_.hwm);
+  set_int(sock, ZMQ_LINGER, 0);
+  int64_t max = static_cast<int64_t>(kWireHdrSize + MTS_PAYLOAD_MAX);
+  zmq_setsockopt(sock, ZMQ_MAXMSGSIZE, &max, sizeof max);
+  if (zmq_bind(sock, url.c_str()) != 0) {
+    int err = zmq_errno();
+    zmq_close(sock);
+    return fail_with(err);
+  }
+  {
+    std::lock_guard<std::mutex> lock(mu_);
+    if (!io_.joinable()) io_ = std::thread([this] { io_loop(); });
+  }
+  post({true, sap, sock});
+  return 0;
+}
+
+void ZmqTransport::close_endpoint(uint32_t sap) {
+  {
+    std::lock_guard<std::mutex> lock(mu_);
+    if (!io_.joinable()) return;
+  }
+  post({false, sap, nullptr});
+}
+
+// On the I/O thread. False once asked to stop (every socket is then closed).
+bool ZmqTransport::apply_commands() {
+  std::lock_guard<std::mutex> lock(mu_);
+  for (const Cmd& c : cmds_) {
+    if (c.add) {
+      rx_.emplace_back(c.sap, c.sock);
+      continue;
+    }
+    for (auto it = rx_.begin(); it != rx_.end(); ++it)
+      if (it->first == c.sap) {
+        zmq_close(it->second);
+        rx_.erase(it);
+        break;
+      }
+  }
+  cmds_.clear();
+  applied_ = posted_;
+  if (stop_)
+    for (auto& [sap, sock] : rx_) zmq_close(sock);
+  cv_.notify_all();
+  return !stop_;
+}
+
+void ZmqTransport::drain(void* sock) {
+  // A bounded batch, so that one busy SAP does not starve the others or the wake-up.
+  for (int i = 0; i < 256; ++i) {
+    auto* m = new zmq_msg_t;
+    zmq_msg_init(m);
+    if (zmq_msg_recv(m, sock, ZMQ_DONTWAIT) < 0) {
+      release_msg(m);
+      return;
+    }
+    Frame f(static_cast<uint8_t*>(zmq_msg_data(m)), zmq_msg_size(m), m, &release_msg);
+    deliver_frame(std::move(f), false);  // refusals are counted by the core
+  }
+}
+
+void ZmqTransport::io_loop() {
+  std::vector<zmq_pollitem_t> items;
+  while (apply_commands()) {
+    items.clear();
+    items.push_back({nullptr, wake_fd_, ZMQ_POLLIN, 0});
+    for (auto& [sap, sock] : rx_) items.push_back({sock, 0, ZMQ_POLLIN, 0});
+    if (zmq_poll(items.data(), static_cast<int>(items.size()), -1) < 0) {
+      if (zmq_errno() == ETERM) return;
+      continue;
+    }
+    if ((items[0].revents & ZMQ_POLLIN) != 0) {
+      uint64_t v;
+      (void)!::read(wake_fd_, &v, sizeof v);
+    }
+    // Sockets added by commands since the poll started are not in items; next round.
+    for (size_t i = 1; i < items.size(); ++i)
+      if ((items[i].revents & ZMQ_POLLIN) != 0) drain(items[i].socket);
+  }
+}
+
+void* ZmqTransport::tx_socket(const Route& to) {
+  uint64_t key = (static_cast<uint64_t>(to.peer) << 32) | to.sap;
+  auto it = tx_.find(key);
+  if (it != tx_.end()) return it->second;
+  std::string url = expand_address(to.peer ? s_.peer_tmpl : s_.local_tmpl, to.sap, s_.port_base);
+  if (url.empty()) {
+    errno = EADDRNOTAVAIL;
+    return nullptr;
+  }
+  void* sock = zmq_socket(ctx_, ZMQ_PUSH);
+  if (sock == nullptr) {
+    errno = zmq_errno();
+    return nullptr;
+  }
+  set_int(sock, ZMQ_SNDHWM, s_.hwm);
+  set_int(sock, ZMQ_LINGER, 0);
+  set_int(sock, ZMQ_SNDTIMEO, s_.send_timeout_ms);
+  if (zmq_connect(sock, url.c_str()) != 0) {
+    int err = zmq_errno();
+    zmq_close(sock);
+    errno = err;
+    return nullptr;
+  }
+  tx_.emplace(key, sock);
+  return sock;
+}
+
+int ZmqTransport::transmit(const Route& to, Frame&& f, bool nonblock) {
+  if (ctx_ == nullptr) {
+    f.reset();
+    return fail_with(ENOTCONN);
+  }
+  std::lock_guard<std::mutex> lock(tx_mu_);
+  void* sock = tx_socket(to);
+  if (sock == nullptr) {
+    int err = errno;
+    f.reset();
+    return fail_with(err);
+  }
+  // The core builds frames in buffers of its own (Frame::allocate): hand the buffer over.
+  uint8_t* data = f.data();
+  size_t size = f.size();
+  f.release_ownership();
+  zmq_msg_t m;
+  if (zmq_msg_init_data(&m, data, size, &free_sent, nullptr) != 0) {
+    Frame::free_bytes(data);
+    return fail_with(ENOMEM);
+  }
+  if (zmq_msg_send(&m, sock, nonblock ? ZMQ_DONTWAIT : 0) < 0) {
+    int err = zmq_errno();
+    zmq_msg_close(&m);
+    return fail_with(err);
+  }
+  return 0;
+}
+
+}  // namespace
+
+std::shared_ptr<Transport> make_zmq_transport(const Settings& s) { return std::make_shared<ZmqTransport>(s); }
+
+}  // namespace hadra::plat::mts
