@@ -1,0 +1,167 @@
+// MTS over ZeroMQ within one process: the "peer" address is pointed at this process's own
+// sockets, so frames really cross an ipc:// socket and the I/O thread.
+#include <zmq.h>
+
+#include <cerrno>
+#include <chrono>
+#include <filesystem>
+#include <thread>
+
+#include "mts_support.h"
+
+namespace hadra::test {
+namespace {
+
+constexpr uint32_t kSap = 100;
+constexpr uint32_t kOpc = 3001;
+
+class MtsZmqTest : public PlatformTest {
+ protected:
+  void SetUp() override {
+    PlatformTest::SetUp();
+    setenv("HADRA_TRANSPORT", "zmq", 1);
+    setenv("HADRA_MTS_PEER", ("ipc://" + root() + "/sock/sap-{sap}").c_str(), 1);
+    plat_config_reload();
+  }
+  void TearDown() override {
+    PlatformTest::TearDown();
+    unsetenv("HADRA_TRANSPORT");
+    unsetenv("HADRA_MTS_PEER");
+    plat_config_reload();
+  }
+  std::string url(uint32_t sap) const { return "ipc://" + root() + "/sock/sap-" + std::to_string(sap); }
+
+  // Waits (bounded) until pred holds; the I/O thread works on its own time.
+  template <class P>
+  static bool eventually(P pred) {
+    auto end = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    while (!pred()) {
+      if (std::chrono::steady_clock::now() > end) return false;
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+  }
+};
+
+// Deterministic bytes for message i.
+Bytes pattern(size_t n, uint32_t seed) {
+  Bytes b(n);
+  uint32_t x = seed * 2654435761u + 1;
+  for (auto& c : b) {
+    x ^= x << 13, x ^= x >> 17, x ^= x << 5;
+    c = static_cast<uint8_t>(x);
+  }
+  return b;
+}
+
+TEST_F(MtsZmqTest, PeerMessagesCrossTheSocketInOrderByteForByte) {
+  ASSERT_EQ(mts_bind(kSap), 0);
+  EXPECT_STREQ(mts_test_transport(), "zmq");
+  EXPECT_TRUE(std::filesystem::exists(root() + "/sock/sap-100"));
+  const uint32_t sizes[] = {0, 1, 12, 4096, 65535, 65535 + 65535};
+  for (uint32_t i = 0; i < 6; ++i) {
+    Bytes hdr = pattern(12, i), body = pattern(sizes[i], i + 100);
+    mts_piece half[2] = {{body.data(), sizes[i] / 2}, {body.data() + sizes[i] / 2, sizes[i] - sizes[i] / 2}};
+    Desc d({half[0], half[1]});
+    ASSERT_EQ(mts_send(kSap, MTS_ADDR_PEER, 0, kOpc + i, hdr.data(), 12, nullptr, 0, d.get()), 0);
+  }
+  mts_recv_opts w = wait_ms(5000);
+  for (uint32_t i = 0; i < 6; ++i) {
+    mts_msg_ref r;
+    ASSERT_EQ(mts_recv(kSap, &r, &w), 0) << "message " << i << " errno " << errno;
+    Bytes want = pattern(12, i), body = pattern(sizes[i], i + 100);
+    want.insert(want.end(), body.begin(), body.end());
+    EXPECT_EQ(payload_of(r), want);
+    EXPECT_EQ(mts_opc_get(&r), kOpc + i);
+    EXPECT_EQ(mts_ha_seqno_get(&r), i + 1);
+    EXPECT_EQ(mts_sync_event_get(&r), MTS_SYNC_EVENT_UPDATE);
+    EXPECT_EQ(mts_drop(kSap, &r), 0);
+  }
+}
+
+TEST_F(MtsZmqTest, RebindingAfterUnbindReceivesAgain) {
+  ASSERT_EQ(mts_bind(kSap), 0);
+  ASSERT_EQ(mts_unbind(kSap), 0);
+  ASSERT_EQ(mts_bind(kSap), 0);
+  ASSERT_EQ(mts_send(kSap, MTS_ADDR_PEER, 0, kOpc, "abc", 3, nullptr, 0, nullptr), 0);
+  mts_recv_opts w = wait_ms(5000);
+  mts_msg_ref r;
+  ASSERT_EQ(mts_recv(kSap, &r, &w), 0);
+  EXPECT_EQ(payload_of(r), bytes("abc"));
+}
+
+TEST_F(MtsZmqTest, MisbehavingSenderIsRefusedAndTheLinkGoesOn) {
+  ASSERT_EQ(mts_bind(kSap), 0);
+  void* ctx = zmq_ctx_new();
+  void* raw = zmq_socket(ctx, ZMQ_PUSH);
+  ASSERT_EQ(zmq_connect(raw, url(kSap).c_str()), 0);
+  // Garbage, then one well-formed frame from SAP 9 twice (a resend after a reconnect).
+  ASSERT_EQ(zmq_send(raw, "garbage", 7, 0), 7);
+  plat::mts::WireHdr h;
+  h.sync_event = MTS_SYNC_EVENT_UPDATE;
+  h.src_node = 2;
+  h.opcode = kOpc;
+  h.src_sap = 9;
+  h.dst_sap = kSap;
+  h.ha_seqno = 1;
+  h.epoch = 5;
+  h.payload_len = 2;
+  Bytes frame(plat::mts::kWireHdrSize + 2, 'z');
+  plat::mts::encode(h, frame.data());
+  ASSERT_EQ(zmq_send(raw, frame.data(), frame.size(), 0), static_cast<int>(frame.size()));
+  ASSERT_EQ(zmq_send(raw, frame.data(), frame.size(), 0), static_cast<int>(frame.size()));
+
+  mts_recv_opts w = wait_ms(5000);
+  mts_msg_ref r;
+  ASSERT_EQ(mts_recv(kSap, &r, &w), 0);
+  EXPECT_EQ(payload_of(r), bytes("zz"));
+  EXPECT_EQ(mts_src_sap_get(&r), 9u);
+  mts_test_counters c{}, total{};
+  EXPECT_TRUE(eventually([&] {
+    mts_test_counters_get(kSap, &c);
+    mts_test_counters_get(0, &total);
+    return c.repeats == 1 && total.bad_frames == 1;
+  }));
+  EXPECT_EQ(mts_test_queued(kSap), 0u);
+
+  // Our own sender is still heard after all that.
+  ASSERT_EQ(mts_send(kSap, MTS_ADDR_PEER, 0, kOpc, "ok", 2, nullptr, 0, nullptr), 0);
+  ASSERT_EQ(mts_recv(kSap, &r, &w), 0);
+  EXPECT_EQ(payload_of(r), bytes("ok"));
+  zmq_close(raw);
+  zmq_ctx_term(ctx);
+}
+
+TEST_F(MtsZmqTest, AddressesThatCannotBeBoundAreReported) {
+  {
+    ScopedConfig local("MTS_LOCAL", "ipc://" + root() + "/" + std::string(120, 'x') + "/sap-{sap}");
+    EXPECT_EQ(mts_bind(kSap), -1);
+    EXPECT_EQ(errno, ENAMETOOLONG);  // longer than a socket address holds
+  }
+  plat_test_reset();
+  plat_test_set_root(root().c_str());
+  ScopedConfig local("MTS_LOCAL", "tcp://127.0.0.1:{port}");
+  ScopedConfig base("MTS_PORT_BASE", "65500");
+  EXPECT_EQ(mts_bind(kSap), -1);
+  EXPECT_EQ(errno, EADDRNOTAVAIL);  // 65500 + 100 is no port
+}
+
+TEST_F(MtsZmqTest, SendsToAnAbsentPeerStopWhenTheQueueIsFull) {
+  ScopedConfig peer("MTS_PEER", "ipc://" + root() + "/nobody/sap-{sap}");
+  ScopedConfig hwm("MTS_HWM", "2");
+  ScopedConfig timeout("MTS_SEND_TIMEOUT_MS", "20");
+  int sent = 0, rc = 0;
+  while (sent < 100 && (rc = mts_send(kSap, MTS_ADDR_PEER, 0, kOpc, "q", 1, nullptr, MTS_SEND_NONBLOCK, nullptr)) == 0)
+    ++sent;
+  EXPECT_EQ(rc, -1);
+  EXPECT_EQ(errno, EAGAIN);
+  EXPECT_LT(sent, 100);
+  mts_msg_ref ref;
+  EXPECT_EQ(mts_send(kSap, MTS_ADDR_PEER, 0, kOpc, "q", 1, &ref, 0, nullptr), -1);  // waits 20 ms, then gives up
+  EXPECT_EQ(errno, EAGAIN);
+  EXPECT_EQ(ref.kind, MTS_REF_NONE);
+  EXPECT_EQ(mts_test_held(kSap), 0u);
+}
+
+}  // namespace
+}  // namespace hadra::test
