@@ -1,0 +1,137 @@
+// Rate limiter of error reports and the message catalogue.
+#include <stdlib.h>
+
+#include <cstring>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "hadra_platform/log.h"
+#include "support/fixture.h"
+
+namespace {
+
+constexpr uint64_t kSecond = 1000000000ull;
+
+class RateLimitTest : public hadra::test::PlatformTest {
+ protected:
+  void SetUp() override {
+    PlatformTest::SetUp();
+    plat_test_clock_set(5 * kSecond);
+    plat_test_log_set_rate_limit(3, kSecond);
+    plat_test_log_capture(1);
+  }
+  static int open_failed(const char* uri) { return syslog_msg_rate_limit(&msg_error_HADRA_PSS_OPEN, uri, "io"); }
+  static std::string last_line() {
+    char buf[1024] = "";
+    size_t n = plat_test_log_count();
+    if (n > 0) plat_test_log_get(n - 1, nullptr, buf, sizeof buf);
+    return buf;
+  }
+};
+
+TEST_F(RateLimitTest, BurstPerDistinctParametersThenSuppressed) {
+  std::vector<int> a;
+  for (int i = 0; i < 5; ++i) a.push_back(open_failed("run:/a"));
+  EXPECT_EQ(a, (std::vector<int>{1, 1, 1, 0, 0}));
+  // Same descriptor, other object: a key of its own.
+  EXPECT_EQ(open_failed("run:/b"), 1);
+  // Same parameters, other descriptor: also its own.
+  EXPECT_EQ(syslog_msg_rate_limit(&msg_error_HADRA_PSS_CREATE, "run:/a", "io"), 1);
+  EXPECT_EQ(plat_test_log_count(), 0u);  // deciding logs nothing by itself
+}
+
+TEST_F(RateLimitTest, NewWindowAllowsAgainAndSaysHowManyWereDropped) {
+  for (int i = 0; i < 5; ++i) open_failed("run:/a");
+  plat_test_clock_advance(kSecond - 1);
+  EXPECT_EQ(open_failed("run:/a"), 0);
+  plat_test_clock_advance(1);
+  EXPECT_EQ(open_failed("run:/a"), 1);
+  ASSERT_EQ(plat_test_log_count(), 1u);
+  EXPECT_NE(last_line().find("3 similar messages suppressed"), std::string::npos) << last_line();
+  EXPECT_NE(last_line().find("run:/a"), std::string::npos);
+  // The count was said once; the rest of the new burst passes quietly.
+  EXPECT_EQ(open_failed("run:/a"), 1);
+  EXPECT_EQ(plat_test_log_count(), 1u);
+}
+
+TEST_F(RateLimitTest, EvictedKeyStillReportsItsDroppedLines) {
+  for (int i = 0; i < 4; ++i) open_failed("run:/first");
+  for (int i = 0; i < 256; ++i) open_failed(("run:/other" + std::to_string(i)).c_str());
+  ASSERT_EQ(plat_test_log_count(), 1u);
+  EXPECT_NE(last_line().find("1 similar message suppressed (run:/first io)"), std::string::npos) << last_line();
+  // The key starts over: a full burst again.
+  EXPECT_EQ(open_failed("run:/first"), 1);
+}
+
+TEST_F(RateLimitTest, ZeroBurstTurnsLimitingOffAndNullDescriptorIsRefused) {
+  plat_test_log_set_rate_limit(0, kSecond);
+  for (int i = 0; i < 10; ++i) EXPECT_EQ(open_failed("run:/a"), 1);
+  EXPECT_EQ(syslog_msg_rate_limit(nullptr), 0);
+}
+
+TEST_F(RateLimitTest, LimitsComeFromConfiguration) {
+  setenv("HADRA_RATE_BURST", "1", 1);
+  setenv("HADRA_RATE_INTERVAL_MS", "10", 1);
+  plat_test_reset();
+  plat_test_set_root(root().c_str());
+  plat_test_clock_set(kSecond);
+  EXPECT_EQ(open_failed("run:/a"), 1);
+  EXPECT_EQ(open_failed("run:/a"), 0);
+  plat_test_clock_advance(10000000);
+  EXPECT_EQ(open_failed("run:/a"), 1);
+  unsetenv("HADRA_RATE_BURST");
+  unsetenv("HADRA_RATE_INTERVAL_MS");
+}
+
+// Conversions of a printf format ("%%" excluded), e.g. "%u %s" -> {"u", "s"}.
+std::vector<std::string> conversions(const char* f) {
+  std::vector<std::string> out;
+  for (const char* p = std::strchr(f, '%'); p != nullptr; p = std::strchr(p, '%')) {
+    size_t n = std::strspn(p + 1, "-+ #0123456789.hlLqjzt");
+    if (p[1 + n] != '%') out.emplace_back(p + 1, n + 1);
+    p += n + 2;
+  }
+  return out;
+}
+
+#define HADRA_TEST_MSG(m) {#m, &msg_error_HADRA_##m},
+struct NamedMsg {
+  const char* mnemonic;
+  const syslog_msg_desc* desc;
+};
+const NamedMsg kCatalogue[] = {PLAT_HADRA_MESSAGES(HADRA_TEST_MSG)};
+
+TEST(MessageCatalogue, FormatsAgreeWithTheirParameters) {
+  std::set<uint32_t> ids;
+  for (const auto& [m, d] : kCatalogue) {
+    SCOPED_TRACE(m);
+    EXPECT_EQ(std::string(d->name), std::string("msg_error_HADRA_") + m);
+    ASSERT_NE(d->fmt, nullptr);
+    EXPECT_STREQ(d->fmt->mnemonic, m);
+    std::string prefix = std::string("%%%s-%d-") + m + ": ";
+    ASSERT_EQ(std::string(d->fmt->format).compare(0, prefix.size(), prefix), 0) << d->fmt->format;
+    EXPECT_EQ(conversions(d->fmt->format + prefix.size()), conversions(d->param_format));
+    EXPECT_LE(d->severity, PLAT_LOG_DEBUG);
+    EXPECT_EQ(d->fmt->level, d->severity);
+    EXPECT_GT(std::strlen(d->explanation), 20u);
+    EXPECT_TRUE(ids.insert(d->msg_id).second) << "duplicate number";
+  }
+  EXPECT_EQ(ids.size(), 20u);
+}
+
+TEST(MessageCatalogue, ConversionScannerSeesMismatches) {
+  // The check above is only as good as its scanner.
+  EXPECT_EQ(conversions("%%%s-%d-X: %u of %s at 100%%"), (std::vector<std::string>{"s", "d", "u", "s"}));
+  EXPECT_NE(conversions("%s %d"), conversions("%s %s"));
+  EXPECT_EQ(conversions("%llu %08x"), (std::vector<std::string>{"llu", "08x"}));
+}
+
+TEST_F(RateLimitTest, ReportLineReadsAsTheCatalogueSays) {
+  const syslog_msg_desc& d = msg_error_HADRA_PSS_SET_DBSIZE;
+  plat_syslog(d.fmt->level, d.fmt->format, "HADRA", d.fmt->level, 0xa00000u, "run:/x", "full");
+  EXPECT_EQ(last_line().rfind("%HADRA-3-PSS_SET_DBSIZE: ", 0), 0u) << last_line();
+  EXPECT_NE(last_line().find("10485760"), std::string::npos);
+}
+
+}  // namespace

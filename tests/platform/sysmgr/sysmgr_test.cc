@@ -1,0 +1,143 @@
+// Local view of the supervisor, its configuration and setters, URI completion, gsync link.
+#include <stdlib.h>
+
+#include <cerrno>
+#include <string>
+#include <thread>
+
+#include "hadra_platform/errors.h"
+#include "hadra_platform/sysmgr.h"
+#include "support/fixture.h"
+#include "sysmgr/sysmgr_internal.h"
+
+namespace {
+
+class SysmgrTest : public hadra::test::PlatformTest {
+ protected:
+  void TearDown() override {
+    for (const char* k : {"SUPSTATE", "RUNNING_URI", "STARTUP_URI", "FILE_PREFIX", "STATEFUL", "UUID"})
+      unsetenv((std::string("HADRA_") + k).c_str());
+    PlatformTest::TearDown();
+  }
+  void configure(const char* key, const char* value) {
+    setenv((std::string("HADRA_") + key).c_str(), value, 1);
+    plat_test_reset();
+    plat_test_set_root(root().c_str());
+  }
+  static std::string str(const char* s) { return s != nullptr ? s : "<null>"; }
+};
+
+TEST_F(SysmgrTest, DefaultsWithoutConfiguration) {
+  EXPECT_EQ(sysmgr_supstate_get(), 1);
+  EXPECT_EQ(str(sysmgr_running_cfg_uri_get()), "run:/");
+  EXPECT_EQ(sysmgr_startup_cfg_uri_get(), nullptr);
+  EXPECT_EQ(sysmgr_file_prefix_get(), nullptr);
+  EXPECT_EQ(sysmgr_is_stateful_restart(), 0);
+  EXPECT_EQ(sysmgr_uuid_get(), 0u);
+}
+
+TEST_F(SysmgrTest, ValuesComeFromConfiguration) {
+  configure("SUPSTATE", "standby");
+  EXPECT_EQ(sysmgr_supstate_get(), 2);
+  configure("SUPSTATE", "7");
+  EXPECT_EQ(sysmgr_supstate_get(), 7);
+  configure("SUPSTATE", "sideways");  // not a state: neither, with a warning
+  EXPECT_EQ(sysmgr_supstate_get(), 0);
+  configure("RUNNING_URI", "none");
+  EXPECT_EQ(sysmgr_running_cfg_uri_get(), nullptr);
+  configure("STARTUP_URI", "startup:/");
+  configure("FILE_PREFIX", "rt_");
+  configure("STATEFUL", "1");
+  configure("UUID", "0x1234");
+  EXPECT_EQ(str(sysmgr_startup_cfg_uri_get()), "startup:/");
+  EXPECT_EQ(str(sysmgr_file_prefix_get()), "rt_");
+  EXPECT_EQ(sysmgr_is_stateful_restart(), 1);
+  EXPECT_EQ(sysmgr_uuid_get_before_handshake(), 0x1234u);
+  EXPECT_EQ(sysmgr_uuid_get(), 0x1234u);
+}
+
+TEST_F(SysmgrTest, SettersOverrideUntilReset) {
+  configure("FILE_PREFIX", "cfg_");
+  plat_test_sysmgr_set_supstate(2);
+  plat_test_sysmgr_set_running_cfg_uri(nullptr);
+  plat_test_sysmgr_set_startup_cfg_uri("startup:/svc");
+  plat_test_sysmgr_set_stateful_restart(5);
+  plat_test_sysmgr_set_uuid(99);
+  EXPECT_EQ(sysmgr_supstate_get(), 2);
+  EXPECT_EQ(sysmgr_running_cfg_uri_get(), nullptr);
+  EXPECT_EQ(str(sysmgr_startup_cfg_uri_get()), "startup:/svc");
+  EXPECT_EQ(str(sysmgr_file_prefix_get()), "cfg_");  // not set: configuration still holds
+  EXPECT_EQ(sysmgr_is_stateful_restart(), 1);
+  EXPECT_EQ(sysmgr_uuid_get(), 99u);
+  plat_test_sysmgr_set_file_prefix(nullptr);
+  EXPECT_EQ(sysmgr_file_prefix_get(), nullptr);
+  unsetenv("HADRA_FILE_PREFIX");
+  plat_test_reset();
+  EXPECT_EQ(sysmgr_supstate_get(), 1);
+  EXPECT_EQ(str(sysmgr_running_cfg_uri_get()), "run:/");
+  EXPECT_EQ(sysmgr_uuid_get(), 0u);
+}
+
+TEST_F(SysmgrTest, UriCompletionJoinsBasePrefixAndName) {
+  EXPECT_EQ(str(sysmgr_uri_complete("run:/", nullptr, "routes")), "run:/routes");
+  EXPECT_EQ(str(sysmgr_uri_complete("run:/", "rt_", "routes")), "run:/rt_routes");
+  EXPECT_EQ(str(sysmgr_uri_complete("snap:/gsync/1", "", "routes")), "snap:/gsync/1/routes");
+  EXPECT_EQ(str(sysmgr_uri_complete("startup:/cfg/", "p", "n.db")), "startup:/cfg/pn.db");
+}
+
+TEST_F(SysmgrTest, UriCompletionRefusesWhatCouldEscapeOrBeCut) {
+  struct Case {
+    const char *base, *prefix, *name;
+    int err;
+  } cases[] = {
+      {nullptr, nullptr, "x", EINVAL},     {"run:/", nullptr, nullptr, EINVAL},
+      {"", nullptr, "x", EINVAL},          {"run:/", nullptr, "", EINVAL},
+      {"run:/", nullptr, "a/b", EINVAL},   {"run:/", nullptr, "..", EINVAL},
+      {"run:/", nullptr, ".", EINVAL},     {"run:/", "../", "x", EINVAL},
+      {"run:/", "..", "x", EINVAL},        {"run:/", "a/b", "x", EINVAL},
+      {"run:/a/../b", nullptr, "x", EINVAL}, {"run:/a//b", nullptr, "x", EINVAL},
+      {"Run:/", nullptr, "x", EINVAL},     {"run:", nullptr, "x", EINVAL},
+      {"/tmp/x", nullptr, "x", EINVAL},
+  };
+  for (const Case& c : cases) {
+    errno = 0;
+    EXPECT_EQ(sysmgr_uri_complete(c.base, c.prefix, c.name), nullptr)
+        << str(c.base) << " | " << str(c.prefix) << " | " << str(c.name);
+    EXPECT_EQ(errno, c.err);
+  }
+  // "run:/" (5) + name: 250 characters fit SYSMGR_URI_MAX with the terminator, 251 do not.
+  EXPECT_EQ(str(sysmgr_uri_complete("run:/", nullptr, std::string(250, 'n').c_str())).size(), 255u);
+  errno = 0;
+  EXPECT_EQ(sysmgr_uri_complete("run:/", nullptr, std::string(251, 'n').c_str()), nullptr);
+  EXPECT_EQ(errno, ENAMETOOLONG);
+  EXPECT_EQ(sysmgr_uri_complete("run:/", "p", std::string(250, 'n').c_str()), nullptr);
+}
+
+TEST_F(SysmgrTest, UriResultIsPerThread) {
+  const char* mine = sysmgr_uri_complete("run:/", nullptr, "mine");
+  std::thread([] { sysmgr_uri_complete("run:/", nullptr, "theirs"); }).join();
+  EXPECT_STREQ(mine, "run:/mine");
+}
+
+int g_daemon_calls = 0;
+int daemon_gsync(int) {
+  ++g_daemon_calls;
+  return static_cast<int>(PLAT_ERR_SYSMGR_NO_DAEMON);
+}
+
+TEST_F(SysmgrTest, GsyncRequestsGoThroughTheLink) {
+  plat_trace_start();
+  EXPECT_EQ(sysmgr_gsync_get(0), 0);
+  EXPECT_EQ(plat_test_sysmgr_gsync_requests(), 1u);
+  const hadra::plat::sysmgr::Link daemon = {&daemon_gsync};
+  hadra::plat::sysmgr::set_link(&daemon);
+  EXPECT_EQ(sysmgr_gsync_get(0), static_cast<int>(PLAT_ERR_SYSMGR_NO_DAEMON));
+  hadra::plat::sysmgr::set_link(nullptr);
+  EXPECT_EQ(g_daemon_calls, 1);
+  EXPECT_EQ(plat_test_sysmgr_gsync_requests(), 1u);
+  EXPECT_EQ(hadra::test::trace_calls("sysmgr_gsync_get").size(), 2u);
+  plat_test_reset();
+  EXPECT_EQ(plat_test_sysmgr_gsync_requests(), 0u);
+}
+
+}  // namespace
