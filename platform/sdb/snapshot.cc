@@ -1,0 +1,213 @@
+// SDB snapshots for global sync.
+//
+// A snapshot is one LMDB file (no sub-directory, no lock file) holding the same four
+// sub-databases as the SDB: its meta record (kind, creator, generation), every record, and
+// for an MSDB every record's secondary-key list and the secondary-key index, tags included.
+// It lives in the snapshot area the caller names, at
+//
+//     <area>/sdb-snapshots/<uuid>/<db area>/<db path>.snap
+//
+// so snapshots of several services and SDBs share an area without clashing with the PSS
+// snapshot files there, and both supervisors find a snapshot by the SDB's URI alone. A
+// snapshot is written to a scratch file and renamed into place: a reader never meets half
+// a snapshot. Restoring replaces the SDB's contents in one write transaction, so other
+// processes that have the SDB open see the old or the new contents, never a mix.
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <string>
+
+#include "common/call.h"
+#include "hadra_platform/config.h"
+#include "sdb/store.h"
+
+namespace sdb = hadra::plat::sdb;
+using hadra::plat::Call;
+
+namespace {
+
+const char* show(const char* s) { return s != nullptr ? s : "(null)"; }
+
+uint32_t snapshot_path(const char* db_uri, const char* area, uint32_t uuid, bool mkdirs, std::string& out) {
+  if (db_uri == nullptr || area == nullptr || std::strchr(area, ':') == nullptr) return PLAT_ERR_SDB_BAD_URI;
+  const char* colon = std::strchr(db_uri, ':');
+  if (colon == nullptr) return PLAT_ERR_SDB_BAD_URI;
+  std::string rest(colon + 1);
+  while (!rest.empty() && rest.front() == '/') rest.erase(0, 1);
+  while (!rest.empty() && rest.back() == '/') rest.pop_back();
+  if (rest.empty()) return PLAT_ERR_SDB_BAD_URI;
+  std::string u(area);
+  while (u.back() == '/') u.pop_back();
+  u += "/sdb-snapshots/" + std::to_string(uuid) + "/" + std::string(db_uri, colon) + "/" + rest + ".snap";
+  char buf[4096];
+  if (plat_uri_to_path(u.c_str(), buf, sizeof buf, mkdirs ? 1 : 0) != 0) return PLAT_ERR_SDB_BAD_URI;
+  out = buf;
+  return 0;
+}
+
+struct Cursor {
+  MDB_cursor* c = nullptr;
+  ~Cursor() {
+    if (c != nullptr) mdb_cursor_close(c);
+  }
+};
+
+// Copies every entry of one sub-database into an empty one, in key order.
+uint32_t copy_dbi(MDB_txn* from, MDB_dbi fd, MDB_txn* to, MDB_dbi td, unsigned append) {
+  Cursor cur;
+  if (int e = mdb_cursor_open(from, fd, &cur.c); e != 0) return sdb::map_err(e);
+  MDB_val k, v;
+  int e = mdb_cursor_get(cur.c, &k, &v, MDB_FIRST);
+  for (; e == 0; e = mdb_cursor_get(cur.c, &k, &v, MDB_NEXT))
+    if (int p = mdb_put(to, td, &k, &v, append); p != 0) return sdb::map_err(p);
+  return e == MDB_NOTFOUND ? 0 : sdb::map_err(e);
+}
+
+uint32_t copy_contents(MDB_txn* from, const sdb::Env& f, MDB_txn* to, const sdb::Env& t) {
+  uint32_t rc = copy_dbi(from, f.records, to, t.records, MDB_APPEND);
+  if (rc == 0) rc = copy_dbi(from, f.mkeys, to, t.mkeys, MDB_APPEND);
+  if (rc == 0) rc = copy_dbi(from, f.skeys, to, t.skeys, MDB_APPENDDUP);
+  return rc;
+}
+
+// The environment of the SDB at path: this process's opening, or one opened for the call.
+uint32_t source_env(const std::string& path, sdb::Env& scratch, const sdb::Env** out) {
+  if (sdb::Db* db = sdb::find_path(path); db != nullptr) {
+    *out = &db->env;
+    return 0;
+  }
+  sdb::Stored s = sdb::probe(path);
+  if (s != sdb::Stored::kSdb) return s == sdb::Stored::kNothing ? PLAT_ERR_SDB_NOT_FOUND : PLAT_ERR_SDB_BAD_URI;
+  sdb::Meta m;
+  uint32_t rc = sdb::open_existing(path, scratch, &m);
+  if (rc == 0 && m.state == sdb::kStateDestroying) rc = PLAT_ERR_SDB_NOT_FOUND;
+  *out = &scratch;
+  return rc;
+}
+
+uint32_t write_file(const sdb::Env& src, MDB_txn* rt, const sdb::Meta& m, const std::string& snap) {
+  std::string tmp = snap + ".tmp-" + std::to_string(::getpid());
+  ::unlink(tmp.c_str());
+  sdb::Env dst;
+  sdb::Meta live = m;
+  live.state = sdb::kStateLive;
+  uint32_t rc = dst.open(tmp, MDB_NOSUBDIR | MDB_NOLOCK, true, live);
+  sdb::Txn wt;
+  if (rc == 0) rc = wt.begin(dst, false);
+  if (rc == 0) rc = copy_contents(rt, src, wt.get(), dst);
+  if (rc == 0) rc = wt.commit();
+  wt.abort();
+  dst.close();
+  if (rc == 0 && ::rename(tmp.c_str(), snap.c_str()) != 0) rc = PLAT_ERR_SDB_IO;
+  if (rc != 0) ::unlink(tmp.c_str());
+  return rc;
+}
+
+uint32_t write_snapshot(const char* db_uri, const char* area, uint32_t uuid, uint32_t kind) {
+  auto g = sdb::lock();
+  std::string path, snap;
+  uint32_t rc = sdb::uri_path(db_uri, path, false);
+  if (rc == 0) rc = snapshot_path(db_uri, area, uuid, true, snap);
+  if (rc != 0) return rc;
+  sdb::Env scratch;
+  const sdb::Env* src = nullptr;
+  if ((rc = source_env(path, scratch, &src)) != 0) return rc;
+  sdb::Txn rt;
+  sdb::Meta m;
+  if ((rc = rt.begin(*src, true)) != 0 || (rc = sdb::read_meta(rt.get(), *src, m)) != 0) return rc;
+  if (m.kind != kind) return PLAT_ERR_SDB_BAD_ARG;
+  return write_file(*src, rt.get(), m, snap);
+}
+
+// The environment to restore into: this process's opening, or the SDB (created when
+// missing or half destroyed) opened for the call.
+uint32_t target_env(const std::string& path, const sdb::Meta& sm, sdb::Env& scratch, sdb::Db** db,
+                    const sdb::Env** out) {
+  *db = sdb::find_path(path);
+  if (*db != nullptr) {
+    *out = &(*db)->env;
+    return 0;
+  }
+  uint32_t rc = sdb::create_at(path, sm.kind, sm.uuid);
+  if (rc != 0 && rc != PLAT_ERR_SDB_EXISTS) return rc;
+  *out = &scratch;
+  return sdb::open_existing(path, scratch, nullptr);
+}
+
+uint32_t replace_contents(const sdb::Env& from, MDB_txn* rt, const sdb::Meta& sm, const sdb::Env& to) {
+  sdb::Txn wt;
+  uint32_t rc = wt.begin(to, false);
+  for (MDB_dbi d : {to.records, to.mkeys, to.skeys})
+    if (rc == 0) rc = sdb::map_err(mdb_drop(wt.get(), d, 0));
+  if (rc == 0) rc = copy_contents(rt, from, wt.get(), to);
+  sdb::Meta m = sm;
+  m.state = sdb::kStateLive;
+  if (rc == 0) rc = sdb::write_meta(wt.get(), to, m);
+  if (rc == 0) rc = wt.commit();
+  return rc;
+}
+
+uint32_t read_snapshot(const char* db_uri, const char* area, uint32_t uuid, uint32_t kind) {
+  auto g = sdb::lock();
+  std::string path, snap;
+  uint32_t rc = sdb::uri_path(db_uri, path, true);
+  if (rc == 0) rc = snapshot_path(db_uri, area, uuid, false, snap);
+  if (rc != 0) return rc;
+  struct stat st;
+  if (::stat(snap.c_str(), &st) != 0) return PLAT_ERR_SDB_NOT_FOUND;
+  sdb::Env file;
+  sdb::Txn rt;
+  sdb::Meta sm;
+  if (file.open(snap, MDB_NOSUBDIR | MDB_RDONLY | MDB_NOLOCK, false) != 0 || rt.begin(file, true) != 0 ||
+      sdb::read_meta(rt.get(), file, sm) != 0)
+    return PLAT_ERR_SDB_IO;
+  if (sm.kind != kind) return PLAT_ERR_SDB_BAD_ARG;
+  sdb::Env scratch;
+  sdb::Db* db = nullptr;
+  const sdb::Env* dst = nullptr;
+  if ((rc = target_env(path, sm, scratch, &db, &dst)) != 0) return rc;
+  if ((rc = replace_contents(file, rt.get(), sm, *dst)) != 0) return rc;
+  if (db != nullptr) {  // its iterator stood on records that are gone
+    db->kind = sm.kind;
+    db->iter = sdb::Db::Iter::kNone;
+    db->iter_key.clear();
+    sdb::context_reset(*db);
+    db->last.op = static_cast<uint16_t>(sdb::WriteOp::kRestore);
+  }
+  return 0;
+}
+
+}  // namespace
+
+extern "C" {
+
+HADRA_PLAT_API uint32_t sdb_write_snapshot(const char* db_uri, const char* base_uri, uint32_t uuid) noexcept {
+  Call c("sdb", "sdb_write_snapshot", PLAT_ERR_SDB_IO);
+  c.args("uri=%s area=%s uuid=%u", show(db_uri), show(base_uri), uuid);
+  if (c.faulted()) return c.fail<uint32_t>();
+  return c.ret(write_snapshot(db_uri, base_uri, uuid, SDB_CREATE_SDB));
+}
+
+HADRA_PLAT_API uint32_t mksdb_write_snapshot(const char* db_uri, const char* base_uri, uint32_t uuid) noexcept {
+  Call c("sdb", "mksdb_write_snapshot", PLAT_ERR_SDB_IO);
+  c.args("uri=%s area=%s uuid=%u", show(db_uri), show(base_uri), uuid);
+  if (c.faulted()) return c.fail<uint32_t>();
+  return c.ret(write_snapshot(db_uri, base_uri, uuid, SDB_CREATE_MSDB));
+}
+
+HADRA_PLAT_API uint32_t sdb_read_snapshot(const char* db_uri, const char* source_uri, uint32_t uuid) noexcept {
+  Call c("sdb", "sdb_read_snapshot", PLAT_ERR_SDB_IO);
+  c.args("uri=%s area=%s uuid=%u", show(db_uri), show(source_uri), uuid);
+  if (c.faulted()) return c.fail<uint32_t>();
+  return c.ret(read_snapshot(db_uri, source_uri, uuid, SDB_CREATE_SDB));
+}
+
+HADRA_PLAT_API uint32_t mksdb_read_snapshot(const char* db_uri, const char* source_uri, uint32_t uuid) noexcept {
+  Call c("sdb", "mksdb_read_snapshot", PLAT_ERR_SDB_IO);
+  c.args("uri=%s area=%s uuid=%u", show(db_uri), show(source_uri), uuid);
+  if (c.faulted()) return c.fail<uint32_t>();
+  return c.ret(read_snapshot(db_uri, source_uri, uuid, SDB_CREATE_MSDB));
+}
+
+}  // extern "C"

@@ -1,0 +1,72 @@
+// SDB snapshots: write and read back (records, secondary keys, tags), replacing an open SDB,
+// missing snapshots and kind mismatches.
+#include <sys/stat.h>
+
+#include "platform/sdb/sdb_fixture.h"
+
+namespace hadra::test {
+namespace {
+
+using SdbSnapshot = SdbTest;
+using V = std::vector<std::string>;
+constexpr const char* kArea = "snap:/gsync1";
+
+TEST_F(SdbSnapshot, SdbRoundTripRebuildsADestroyedSdb) {
+  create_open();
+  for (const char* k : {"a", "b", "c"}) ASSERT_EQ(put(k, std::string("v") + k), 0u);
+  ASSERT_EQ(sdb_write_snapshot(kUri, kArea, kUuid), 0u);
+  struct stat st;
+  EXPECT_EQ(::stat((root() + "/snap/gsync1/sdb-snapshots/300/run/svc/routes.snap").c_str(), &st), 0);
+  ASSERT_EQ(sdb_destroy(kUri), 0u);
+
+  ASSERT_EQ(sdb_read_snapshot(kUri, kArea, kUuid), 0u);
+  EXPECT_EQ(sdb_exists(kUri), 1);
+  ASSERT_EQ(sdb_open(kUri, SDB_OPEN_RW, kUuid, 0, 0), 0u);  // the restore leaves it closed
+  EXPECT_EQ(all(), (V{"a=va", "b=vb", "c=vc"}));
+  EXPECT_EQ(put("d", "vd"), 0u);
+}
+
+TEST_F(SdbSnapshot, MsdbRoundTripKeepsSecondaryKeysAndTags) {
+  create_open(kUri, SDB_CREATE_MSDB);
+  ASSERT_EQ(put_mkey("r1", "one", {{1, "ip-a"}, {0x8001, "name-a"}}), 0u);
+  ASSERT_EQ(put_mkey("r2", "two", {{1, "ip-b"}}), 0u);
+  ASSERT_EQ(mksdb_write_snapshot(kUri, kArea, kUuid), 0u);
+  ASSERT_EQ(sdb_destroy(kUri), 0u);
+  ASSERT_EQ(mksdb_read_snapshot(kUri, kArea, kUuid), 0u);
+  ASSERT_EQ(sdb_open(kUri, SDB_OPEN_RW, kUuid, 0, 0), 0u);
+  EXPECT_EQ(by_skey(0x8001, "name-a"), "r1=one");
+  EXPECT_EQ(by_skey(1, "ip-b"), "r2=two");
+  EXPECT_EQ(skeys_of("r1"), (V{"1:ip-a", std::to_string(0x8001) + ":name-a"}));
+  // The rebuilt SDB is still an MSDB whose rewrites maintain the index.
+  ASSERT_EQ(put_mkey("r1", "uno", {{2, "x"}}), 0u);
+  EXPECT_EQ(by_skey(1, "ip-a"), "<none>");
+}
+
+TEST_F(SdbSnapshot, RestoreReplacesTheContentsOfAnOpenSdb) {
+  create_open();
+  ASSERT_EQ(put("kept", "1"), 0u);
+  ASSERT_EQ(sdb_write_snapshot(kUri, kArea, kUuid), 0u);
+  ASSERT_EQ(put("later", "2"), 0u);
+  ASSERT_EQ(put("kept", "changed"), 0u);
+  ASSERT_EQ(sdb_iterator_init(kUri, SDB_ITER_FIRST), 0u);
+  ASSERT_EQ(sdb_read_snapshot(kUri, kArea, kUuid), 0u);
+  datum *k = nullptr, *v = nullptr;
+  EXPECT_EQ(sdb_getkey(kUri, &k, &v), PLAT_ERR_SDB_NO_ITER);  // repositioning needed
+  EXPECT_EQ(all(), V{"kept=1"});
+}
+
+TEST_F(SdbSnapshot, MissingSnapshotsAndKindMismatches) {
+  EXPECT_EQ(sdb_write_snapshot(kUri, kArea, kUuid), PLAT_ERR_SDB_NOT_FOUND);  // no SDB
+  EXPECT_EQ(sdb_read_snapshot(kUri, kArea, kUuid), PLAT_ERR_SDB_NOT_FOUND);
+  EXPECT_EQ(sdb_exists(kUri), 0);  // a failed restore creates nothing
+  create_open();
+  EXPECT_EQ(mksdb_write_snapshot(kUri, kArea, kUuid), PLAT_ERR_SDB_BAD_ARG);
+  ASSERT_EQ(sdb_write_snapshot(kUri, kArea, kUuid), 0u);
+  EXPECT_EQ(sdb_read_snapshot(kUri, kArea, kUuid + 1), PLAT_ERR_SDB_NOT_FOUND);  // another service's
+  EXPECT_EQ(mksdb_read_snapshot(kUri, kArea, kUuid), PLAT_ERR_SDB_BAD_ARG);
+  EXPECT_EQ(sdb_write_snapshot(kUri, nullptr, kUuid), PLAT_ERR_SDB_BAD_URI);
+  EXPECT_EQ(sdb_write_snapshot(kUri, "no-area", kUuid), PLAT_ERR_SDB_BAD_URI);
+}
+
+}  // namespace
+}  // namespace hadra::test
