@@ -7,5 +7,6 @@
 #include "hadra/registry.h"
 #include "hadra/diag.h"
 #include "hadra/ident.h"
+#include "hadra/sync.h"
 
 #endif

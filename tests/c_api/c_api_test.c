@@ -1,3 +1,4 @@
+#define _POSIX_C_SOURCE 200809L
 /* A C11 client of the public interface: layouts as C sees them, and calls through the shared
    library. Exits non-zero on the first mismatch. */
 #include <stddef.h>
