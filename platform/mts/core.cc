@@ -317,6 +317,60 @@ long payload_length(const void* hdr, uint32_t hdr_len, const mts_xbuf_desc* desc
   return static_cast<long>(total);
 }
 
+namespace {
+
+WireHdr header_for(const Outgoing& o, const Endpoint& ep, uint8_t node, uint32_t len) {
+  WireHdr h;
+  h.sync_event = o.route.peer ? MTS_SYNC_EVENT_UPDATE : MTS_SYNC_EVENT_NONE;
+  if (o.desc != nullptr)
+    h.flags = static_cast<uint8_t>((o.desc->notify != 0 ? MTS_MSG_NOTIFY : 0) | (o.desc->no_reply != 0 ? MTS_MSG_NO_REPLY : 0));
+  h.src_node = node;
+  h.opcode = o.opcode;
+  h.src_sap = o.src_sap;
+  h.dst_sap = o.route.sap;
+  h.msg_id = nonzero_counter(g().next_msg_id);
+  h.rr_token = o.rr_token != 0 ? o.rr_token : nonzero_counter(g().next_token);
+  h.epoch = ep.epoch;
+  h.payload_len = len;
+  return h;
+}
+
+// Keep the sender's reference to a message about to go.
+bool hold_sent(Global& s, Endpoint& ep, const WireHdr& h, mts_msg_ref* ref) {
+  std::lock_guard<std::mutex> lock(s.mu);
+  if (ep.closed) errno = ECONNABORTED;
+  if (ep.closed || !hold_locked(ep, Message{h, Frame(), false}, MTS_REF_SENT, ref)) {
+    std::memset(ref, 0, sizeof *ref);
+    return false;
+  }
+  return true;
+}
+
+void unhold_sent(Global& s, mts_msg_ref* ref) {
+  std::lock_guard<std::mutex> lock(s.mu);
+  Endpoint* owner = nullptr;
+  if (slot_locked(s, ref, &owner) != nullptr) free_slot_locked(*owner, ref->slot);
+  std::memset(ref, 0, sizeof *ref);
+}
+
+// With the endpoint's send mutex held: number the frame, keep a reference, hand it over.
+int send_ordered(Global& s, Endpoint& ep, Transport* tp, const Outgoing& o, WireHdr& h, Frame&& f,
+                 mts_msg_ref* out_ref) {
+  h.ha_seqno = o.route.peer ? next_seq(ep, o.route.sap) : 0;
+  encode(h, f.data());
+  if (out_ref != nullptr && !hold_sent(s, ep, h, out_ref)) return -1;
+  if (route_frame(s, tp, o, h, std::move(f)) != 0) {
+    int err = errno;
+    if (out_ref != nullptr) unhold_sent(s, out_ref);
+    errno = err;
+    return -1;
+  }
+  if (o.route.peer) commit_seq(ep, o.route.sap, h.ha_seqno);
+  return 0;
+}
+
+}  // namespace
+
 int send(const Outgoing& o, mts_msg_ref* out_ref) {
   if (out_ref != nullptr) std::memset(out_ref, 0, sizeof *out_ref);
   if (o.src_sap == 0 || (o.flags & ~MTS_SEND_NONBLOCK) != 0) {
@@ -328,13 +382,13 @@ int send(const Outgoing& o, mts_msg_ref* out_ref) {
   Global& s = g();
   EndpointPtr ep;
   std::shared_ptr<Transport> tp;
-  uint8_t slot;
+  uint8_t node;
   {
     std::lock_guard<std::mutex> lock(s.mu);
     configure_locked(s);
     ep = get_or_create_locked(s, o.src_sap);
     tp = s.transport;
-    slot = s.settings.slot;
+    node = s.settings.slot;
   }
   Frame f = Frame::allocate(kWireHdrSize + static_cast<size_t>(len));
   if (f.empty()) {
@@ -342,43 +396,9 @@ int send(const Outgoing& o, mts_msg_ref* out_ref) {
     return -1;
   }
   fill_payload(f.data() + kWireHdrSize, o);
-
+  WireHdr h = header_for(o, *ep, node, static_cast<uint32_t>(len));
   std::lock_guard<std::mutex> order(ep->send_mu);
-  WireHdr h;
-  h.sync_event = o.route.peer ? MTS_SYNC_EVENT_UPDATE : MTS_SYNC_EVENT_NONE;
-  if (o.desc != nullptr) h.flags = (o.desc->notify != 0 ? MTS_MSG_NOTIFY : 0) | (o.desc->no_reply != 0 ? MTS_MSG_NO_REPLY : 0);
-  h.src_node = slot;
-  h.opcode = o.opcode;
-  h.src_sap = o.src_sap;
-  h.dst_sap = o.route.sap;
-  h.msg_id = nonzero_counter(s.next_msg_id);
-  h.ha_seqno = o.route.peer ? next_seq(*ep, o.route.sap) : 0;
-  h.rr_token = o.rr_token != 0 ? o.rr_token : nonzero_counter(s.next_token);
-  h.epoch = ep->epoch;
-  h.payload_len = static_cast<uint32_t>(len);
-  encode(h, f.data());
-
-  if (out_ref != nullptr) {
-    std::lock_guard<std::mutex> lock(s.mu);
-    if (ep->closed || !hold_locked(*ep, Message{h, Frame(), false}, MTS_REF_SENT, out_ref)) {
-      if (ep->closed) errno = ECONNABORTED;
-      std::memset(out_ref, 0, sizeof *out_ref);
-      return -1;
-    }
-  }
-  if (route_frame(s, tp.get(), o, h, std::move(f)) != 0) {
-    int err = errno;
-    if (out_ref != nullptr) {
-      std::lock_guard<std::mutex> lock(s.mu);
-      Endpoint* owner = nullptr;
-      if (slot_locked(s, out_ref, &owner) != nullptr) free_slot_locked(*owner, out_ref->slot);
-      std::memset(out_ref, 0, sizeof *out_ref);
-    }
-    errno = err;
-    return -1;
-  }
-  if (o.route.peer) commit_seq(*ep, o.route.sap, h.ha_seqno);
-  return 0;
+  return send_ordered(s, *ep, tp.get(), o, h, std::move(f), out_ref);
 }
 
 int bind(uint32_t sap) {

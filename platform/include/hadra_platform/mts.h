@@ -183,27 +183,31 @@ typedef struct mts_recv_opts {
 typedef uint32_t mts_sap_id;
 
 #ifdef __cplusplus
-static_assert(sizeof(mts_msg_ref) == 25, "message reference is 25 bytes");
-static_assert(offsetof(mts_msg_ref, sap) == 1 && offsetof(mts_msg_ref, slot) == 5 &&
+#define MTS_STATIC_ASSERT static_assert
+#else
+#define MTS_STATIC_ASSERT _Static_assert
+#endif
+MTS_STATIC_ASSERT(sizeof(mts_msg_ref) == 25, "message reference is 25 bytes");
+MTS_STATIC_ASSERT(offsetof(mts_msg_ref, sap) == 1 && offsetof(mts_msg_ref, slot) == 5 &&
                   offsetof(mts_msg_ref, gen) == 9 && offsetof(mts_msg_ref, msg_id) == 17 &&
                   offsetof(mts_msg_ref, opcode) == 21,
-              "message reference layout");
-static_assert(sizeof(mts_piece) == sizeof(datum) && offsetof(mts_piece, len) == offsetof(datum, dsize),
-              "a piece has the layout of a datum");
-static_assert(sizeof(mts_recv_opts) == 40 && offsetof(mts_recv_opts, timeout_s) == 8 &&
+                  "message reference layout");
+MTS_STATIC_ASSERT(sizeof(mts_piece) == sizeof(datum) &&
+                      offsetof(mts_piece, len) == offsetof(datum, dsize),
+                  "a piece has the layout of a datum");
+MTS_STATIC_ASSERT(sizeof(mts_recv_opts) == 40 && offsetof(mts_recv_opts, timeout_s) == 8 &&
                   offsetof(mts_recv_opts, timeout_ms) == 12,
-              "receive options layout");
+                  "receive options layout");
 #if UINTPTR_MAX > 0xffffffffu
-static_assert(sizeof(mts_xbuf_desc) == 80 && offsetof(mts_xbuf_desc, pieces) == 24 &&
+MTS_STATIC_ASSERT(sizeof(mts_xbuf_desc) == 80 && offsetof(mts_xbuf_desc, pieces) == 24 &&
                   offsetof(mts_xbuf_desc, count) == 32 && offsetof(mts_xbuf_desc, notify) == 43 &&
                   offsetof(mts_xbuf_desc, no_reply) == 44,
-              "64-bit extra-buffer descriptor layout");
+                  "64-bit extra-buffer descriptor layout");
 #else
-static_assert(sizeof(mts_xbuf_desc) == 68 && offsetof(mts_xbuf_desc, pieces) == 20 &&
+MTS_STATIC_ASSERT(sizeof(mts_xbuf_desc) == 68 && offsetof(mts_xbuf_desc, pieces) == 20 &&
                   offsetof(mts_xbuf_desc, count) == 24 && offsetof(mts_xbuf_desc, notify) == 35 &&
                   offsetof(mts_xbuf_desc, no_reply) == 36,
-              "32-bit extra-buffer descriptor layout");
-#endif
+                  "32-bit extra-buffer descriptor layout");
 #endif
 
 /* ---- Endpoints ---- */
