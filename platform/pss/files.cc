@@ -361,9 +361,14 @@ uint32_t destroy_file(const char* uri) {
   if (open != nullptr) {
     // The library leaves handles open on files it destroys (a creation handle opened again,
     // a copy that failed): closing them here keeps the destruction from failing on them.
+    // The last free_slot closes the environment: stop before looking at it again.
     Table& t = table();
-    for (size_t i = 0; i < kMaxHandles && find_env(open->dev, open->ino) != nullptr; ++i)
-      if (t.slots[i].h != nullptr && t.slots[i].h->env == open) free_slot(i);
+    int left = open->refs;
+    for (size_t i = 0; i < kMaxHandles && left > 0; ++i)
+      if (t.slots[i].h != nullptr && t.slots[i].h->env == open) {
+        --left;
+        free_slot(i);
+      }
   }
   if (unlink(path.c_str()) != 0 && errno != ENOENT) return PLAT_ERR_PSS_IO;
   std::string lockfile = path + "-lock";

@@ -8,9 +8,15 @@
 namespace hadra::plat::pss {
 namespace {
 
-// Room a delete may borrow beyond the limit (see store.h): enough for the copied path of a
-// large prefix deletion, never less than a few pages.
-uint64_t slack(const Env& e) { return e.limit / 4 > (256u << 10) ? e.limit / 4 : (256u << 10); }
+// Map size for a delete that hit the limit (see store.h): the current map (which may be
+// above the limit when the limit was set below what the file already used) plus room for
+// the copied pages of a large prefix deletion.
+uint64_t grown(const Env& e) {
+  MDB_envinfo info;
+  mdb_env_info(e.env, &info);
+  uint64_t now = info.me_mapsize > e.limit ? info.me_mapsize : e.limit;
+  return now + (now / 4 > (256u << 10) ? now / 4 : (256u << 10));
+}
 
 int set_map(Env& e, uint64_t size) { return mdb_env_set_mapsize(e.env, static_cast<size_t>(size)); }
 
@@ -117,7 +123,7 @@ int write_txn(Env& e, TxnBody body, void* ctx, bool may_grow) {
     log_failure("write", e, rc);
     return rc;
   }
-  if (set_map(e, e.limit + slack(e)) != 0) return rc;
+  if (set_map(e, grown(e)) != 0) return rc;
   rc = run_once(e, body, ctx);
   apply_limit(e);
   log_failure("write", e, rc);

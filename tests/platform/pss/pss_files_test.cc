@@ -184,6 +184,20 @@ TEST_F(PssFilesTest, ParametersAreKeptCheckedAndCopied) {
   EXPECT_EQ(0, memcmp(&back, &mine, sizeof mine));
 }
 
+TEST_F(PssFilesTest, CommitsFlushToDiskOnlyWhenAsked) {
+  auto nosync = [](uint32_t h) {
+    unsigned flags = 0;
+    mdb_env_get_flags(plat::pss::find_handle(h)->env->env, &flags);
+    return (flags & MDB_NOSYNC) != 0;
+  };
+  EXPECT_TRUE(nosync(open("run:/lazy")));
+  pss2_params p{PSS2_PARAMS_VERSION, 0, 0, PSS2_PARAM_SYNC, 0};
+  EXPECT_FALSE(nosync(open("run:/careful", 27, &p)));
+  setenv("HADRA_PSS_SYNC", "1", 1);
+  EXPECT_FALSE(nosync(open("run:/synced")));
+  unsetenv("HADRA_PSS_SYNC");
+}
+
 TEST_F(PssFilesTest, SnapshotMakesTheDestinationACopy) {
   uint32_t src = open("run:/src");
   for (int i = 0; i < 2500; ++i) ASSERT_EQ(put(src, "k" + std::to_string(100000 + i), "v" + std::to_string(i)), 0u);
