@@ -297,21 +297,6 @@ TEST_F(PssFilesTest, CallsAreTracedWithTheirKeyArguments) {
   EXPECT_EQ(t[2].result, PLAT_ERR_PSS_BAD_ARG);
 }
 
-TEST_F(PssFilesTest, InjectedFailuresLookLikeTheirCallsFailing) {
-  uint32_t h = open("run:/faults");
-  ASSERT_EQ(plat_fault_arm("pss2_store", 0, 1, PLAT_FAULT_DEFAULT, 0), 0);
-  EXPECT_EQ(put(h, "k", "v"), PLAT_ERR_PSS_IO);
-  EXPECT_EQ(put(h, "k", "v"), 0u);  // once only
-  ASSERT_EQ(plat_fault_arm("pss2_getkey", 0, 1, PLAT_FAULT_DEFAULT, 0), 0);
-  ASSERT_EQ(plat_fault_arm("pss2_open", 0, 1, PLAT_FAULT_DEFAULT, 0), 0);
-  uint32_t st = 0, err = 0;
-  EXPECT_EQ(pss2_getkey(h, &st), nullptr);
-  EXPECT_EQ(st, PLAT_ERR_PSS_IO);
-  EXPECT_EQ(pss2_open("run:/faults", 11, 1, 0, nullptr, &err), 0u);
-  EXPECT_EQ(err, PLAT_ERR_PSS_IO);
-  EXPECT_EQ(plat_fault_fired(), 3u);
-}
-
 // Fail the Nth call of a small session, for every N: each call either works or fails as
 // documented, and every store that was acknowledged is in the file afterwards.
 TEST_F(PssFilesTest, FaultLoopLosesNoAcknowledgedRecord) {
