@@ -1,6 +1,4 @@
 // Scheduling hints on a frozen platform clock.
-#include <stdlib.h>
-
 #include <thread>
 
 #include "hadra_platform/tsp.h"
@@ -39,30 +37,6 @@ TEST_F(TspTest, SlicesArePerThread) {
   std::thread([&] { other = tsp_should_sched_yield(); }).join();
   EXPECT_EQ(other, 0);
   EXPECT_EQ(tsp_should_sched_yield(), 1);
-}
-
-TEST_F(TspTest, SliceLengthComesFromConfiguration) {
-  setenv("HADRA_TSP_SLICE_US", "100", 1);
-  plat_test_reset();
-  plat_test_clock_set(5000 * kUs);
-  EXPECT_EQ(tsp_should_sched_yield(), 0);
-  plat_test_clock_advance(100 * kUs);
-  EXPECT_EQ(tsp_should_sched_yield(), 1);
-  unsetenv("HADRA_TSP_SLICE_US");
-}
-
-TEST_F(TspTest, BracketsAreTracedWithTheirNesting) {
-  plat_trace_start();
-  tsp_before_yield();
-  tsp_before_yield();
-  tsp_after_yield();
-  tsp_after_yield();
-  tsp_after_yield();  // unbalanced: stays at 0
-  auto t = hadra::test::trace();
-  ASSERT_EQ(t.size(), 5u);
-  EXPECT_EQ(t[1].args, "depth=2");
-  EXPECT_EQ(t[3].args, "depth=0");
-  EXPECT_EQ(t[4].args, "depth=0");
 }
 
 }  // namespace
