@@ -84,7 +84,8 @@ HADRA_PLAT_API int plat_test_sysmgr_seqno_status_registered(void) PLAT_NOEXCEPT;
 HADRA_PLAT_API void plat_test_log_set_facility(const char *name, int level) PLAT_NOEXCEPT;
 /* Rate limiter: burst lines per interval per (descriptor, parameters). */
 HADRA_PLAT_API void plat_test_log_set_rate_limit(unsigned burst, uint64_t interval_ns) PLAT_NOEXCEPT;
-/* Capture log lines in memory (in addition to the sink) and read them back. */
+/* Capture log lines in memory (in addition to the sink) and read them back. Turning capture
+   on clears the lines captured before; text comes back without its trailing newline. */
 HADRA_PLAT_API void plat_test_log_capture(int on) PLAT_NOEXCEPT;
 HADRA_PLAT_API size_t plat_test_log_count(void) PLAT_NOEXCEPT;
 /* Copy line i (text only, without time and ident) into out; its level into *level. */

@@ -14,6 +14,12 @@
  *   LOG           stderr | syslog | file:<path> | none; default file <root>/log/platform.log
  *   LOG_IDENT     identity of log lines; default the program name
  *   RATE_BURST, RATE_INTERVAL_MS   rate limit of error reports; default 3 per 1000 ms
+ *   TSP_SLICE_US  time slice after which tsp_should_sched_yield() answers yes; default 10000
+ * Services keep their own keys next to their contracts (mts.h, pss.h, sdb.h).
+ *
+ * Areas under the root: run/ and startup/ (configurations), snap/ (gsync snapshots), log/
+ * (platform log), sysmgr/ (system-manager tables such as the sequence-number table), sock/
+ * (transport sockets).
  */
 #ifndef HADRA_PLATFORM_CONFIG_H
 #define HADRA_PLATFORM_CONFIG_H
