@@ -147,7 +147,10 @@ uint32_t prepare(Env& e, bool create, bool exclusive) {
   if (stat(e.path.c_str(), &st) != 0) return PLAT_ERR_PSS_IO;
   e.dev = st.st_dev;
   e.ino = st.st_ino;
+  // The header promises 511; an LMDB built with a smaller key limit lowers it.
+  auto store_max = static_cast<uint32_t>(mdb_env_get_maxkeysize(e.env));
   e.max_key = e.params.max_key_len != 0 ? e.params.max_key_len : PSS2_MAX_KEY_LEN;
+  if (e.max_key > store_max) e.max_key = store_max;
   mdb_env_set_flags(e.env, MDB_NOSYNC, want_sync(e.params) ? 0 : 1);
   apply_limit(e);
   return 0;
