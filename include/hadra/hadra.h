@@ -8,5 +8,6 @@
 #include "hadra/diag.h"
 #include "hadra/ident.h"
 #include "hadra/sync.h"
+#include "hadra/lifecycle.h"
 
 #endif

@@ -1,0 +1,32 @@
+// SDB lifecycle inside the library: what the exported calls of include/hadra/lifecycle.h
+// share with the rest of the SDB code (the snapshot restore announces a rebuilt SDB the same
+// way creation does).
+#pragma once
+
+#include <cstdint>
+
+#include "hadra/lifecycle.h"
+
+namespace hadra::sdb {
+
+// sdb_create flags by kind, and the two platform answers that count as success.
+inline constexpr uint32_t kCreateFlagsSdb = 0x4;
+inline constexpr uint32_t kCreateFlagsMsdb = 0x10000;
+inline constexpr uint32_t kRcAlreadyExists = 0x411a000e;  // sdb_create: taken like 0
+inline constexpr uint32_t kRcAlreadyOpen = 0x411a0003;    // sdb_open: open, no recovery
+inline constexpr uint32_t kOpenRead = 1;
+inline constexpr uint32_t kOpenReadWrite = 3;
+inline constexpr uint32_t kPssTypePss2 = 3;  // pss2_get_psstype answer for a PSS file
+
+inline constexpr uint32_t kNotifyCreate = 1;
+inline constexpr uint32_t kNotifyDelete = 2;
+
+}  // namespace hadra::sdb
+
+// Send the entry's create (is_create 1) or delete (0) notification to the peer supervisor
+// under the entry's cre_del_opcode: the platform's TLV encoding of {type, uri} as the whole
+// payload, from the client's SAP. A delete notification is marked as a store-change
+// notification that expects no answer. 1 when sent; 0 (logged at level 2 whatever the debug
+// switches) when the buffer, the encoding or the send fails. Library-internal.
+extern "C" __attribute__((visibility("hidden"))) int hadra_create_del_notification(const hadra_ha_pss_entry *entry,
+                                                                                   int is_create) noexcept;
