@@ -128,7 +128,8 @@ HADRA_PLAT_API uint32_t pss2_close(uint32_t handle) PLAT_NOEXCEPT;
 HADRA_PLAT_API uint32_t pss2_destroy(const char *uri) PLAT_NOEXCEPT;
 /*
  * Kind of what is stored at uri: PSS2_TYPE_PSS2 or PSS2_TYPE_OTHER, with *rc 0; 0 with *rc
- * PLAT_ERR_PSS_NOT_FOUND (nothing there), PLAT_ERR_PSS_BAD_URI or PLAT_ERR_PSS_BAD_ARG.
+ * PLAT_ERR_PSS_NOT_FOUND (nothing there), PLAT_ERR_PSS_BAD_URI, PLAT_ERR_PSS_BAD_ARG or
+ * PLAT_ERR_PSS_IO.
  * *other (may be null) receives the file's format version for a PSS file, else 0.
  */
 HADRA_PLAT_API uint32_t pss2_get_psstype(const char *uri, uint32_t *other, uint32_t *rc) PLAT_NOEXCEPT;
