@@ -9,5 +9,6 @@
 #include "hadra/ident.h"
 #include "hadra/sync.h"
 #include "hadra/lifecycle.h"
+#include "hadra/pss.h"
 
 #endif
