@@ -17,7 +17,8 @@
  *  - Threads: every call is thread-safe. Messages of one sending endpoint leave in the order
  *    of their mts_send calls and are received in that order.
  *  - The platform runs one background I/O thread when the ZeroMQ transport is in use (its
- *    library adds its own). The loopback transport runs none.
+ *    library adds its own). The loopback transport runs none. A child of fork() must not use
+ *    (nor reset) an MTS that its parent had set up: its threads did not come along.
  *
  * Endpoints. mts_bind(sap) makes this process receive the messages of sap. A SAP that only
  * sends needs no bind: the first mts_send from a SAP creates a send-only endpoint that keeps
