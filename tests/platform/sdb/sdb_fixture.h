@@ -1,6 +1,7 @@
 // Helpers shared by the SDB store tests: datums from strings, and reads that copy out.
 #pragma once
 
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -14,8 +15,12 @@ class SdbTest : public PlatformTest {
   static constexpr const char* kUri = "run:/svc/routes";
   static constexpr uint32_t kUuid = 300;
 
-  // A datum over s (which must outlive its use).
+  // A datum over s (which must outlive its use: temporaries are refused).
   static datum D(const std::string& s) { return datum{const_cast<char*>(s.data()), static_cast<uint32_t>(s.size())}; }
+  static datum D(std::string&&) = delete;
+  static datum D(const char* literal) {
+    return datum{const_cast<char*>(literal), static_cast<uint32_t>(std::strlen(literal))};
+  }
   static std::string S(const datum* d) { return d == nullptr ? "<null>" : std::string(static_cast<char*>(d->dptr), d->dsize); }
 
   void create_open(const char* uri = kUri, uint32_t flags = SDB_CREATE_SDB) {
