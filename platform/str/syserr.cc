@@ -35,6 +35,7 @@ constexpr ErrText kErrTexts[] = {
     {PLAT_ERR_PSS_IO, "pss: storage error"},
     {PLAT_ERR_PSS_BAD_URI, "pss: URI does not name a pss location"},
     {PLAT_ERR_PSS_TOO_MANY, "pss: too many open handles"},
+    {PLAT_ERR_PSS_READ_ONLY, "pss: write through a handle opened without write access"},
     {PLAT_ERR_SDB_ALREADY_OPEN, "sdb: already open in this process"},
     {PLAT_ERR_SDB_EXISTS, "sdb: already exists"},
     {PLAT_ERR_SDB_NOT_FOUND, "sdb: does not exist"},

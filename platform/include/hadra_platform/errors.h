@@ -29,6 +29,7 @@
 #define PLAT_ERR_PSS_IO 0x80480008u            /* storage error from the store */
 #define PLAT_ERR_PSS_BAD_URI 0x80480009u       /* URI does not name a PSS location */
 #define PLAT_ERR_PSS_TOO_MANY 0x8048000au      /* too many open handles */
+#define PLAT_ERR_PSS_READ_ONLY 0x8048000bu     /* write through a handle opened without write access */
 
 /* SDB */
 #define PLAT_ERR_SDB_ALREADY_OPEN 0x411a0003u  /* SDB already open in this process */
