@@ -8,6 +8,7 @@
 #include "hadra/diag.h"
 #include "hadra/ident.h"
 #include "hadra/sync.h"
+#include "hadra/sdb.h"
 #include "hadra/lifecycle.h"
 #include "hadra/pss.h"
 
