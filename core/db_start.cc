@@ -22,6 +22,7 @@
 #include "core/registry.h"
 #include "hadra/lifecycle.h"
 #include "hadra_platform/sysmgr.h"
+#include "sdb/lifecycle.h"
 
 namespace hadra {
 namespace {
@@ -94,6 +95,9 @@ Start stateless_sdb(hadra_ha_pss_entry &e) noexcept {
   }
   if (hadra_sdb_open(e.uri, 1) == 0) {
     HADRA_DBG("Failed to open %s", e.uri);
+    // An open whose recovery failed stays open, and a database that did not start is
+    // never disabled: without this it would stay open in the process for good.
+    sdb::release(e.uri);
     return Start::kFailed;
   }
   e.state = HADRA_HA_ACTIVE;

@@ -171,6 +171,11 @@ int uri_destroy(const char *uri) noexcept {
 }
 
 }  // namespace
+
+void release(const char *uri) noexcept {
+  if (uri != nullptr) (void)sdb_close(uri);
+}
+
 }  // namespace hadra::sdb
 
 extern "C" {

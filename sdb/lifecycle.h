@@ -21,6 +21,10 @@ inline constexpr uint32_t kPssTypePss2 = 3;  // pss2_get_psstype answer for a PS
 inline constexpr uint32_t kNotifyCreate = 1;
 inline constexpr uint32_t kNotifyDelete = 2;
 
+// Close this process's opening of the SDB at uri if it has one, without a debug line: for
+// an SDB whose open may or may not have left it open.
+void release(const char *uri) noexcept;
+
 }  // namespace hadra::sdb
 
 // Send the entry's create (is_create 1) or delete (0) notification to the peer supervisor
