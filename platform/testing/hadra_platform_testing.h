@@ -95,6 +95,38 @@ HADRA_PLAT_API int plat_test_log_get(size_t i, int *level, char *out, size_t out
 HADRA_PLAT_API void plat_test_hist_set_debug_elem(uint32_t elem, int on) PLAT_NOEXCEPT;
 HADRA_PLAT_API void plat_test_hist_filter_event(uint32_t event, int filtered) PLAT_NOEXCEPT;
 
+/* ---- System-manager procedures: the test plays the system manager ---------------------
+ *
+ * Until a system-manager daemon serves them, the answers a client gives to gsync and
+ * switchover events (sysmgr_gsync_snapshot_done, sysmgr_gsync_ready_done,
+ * sysmgr_switchover_done) are recorded in this process, the newest 256 kept, and read back
+ * here. A test makes the context of an event with plat_test_sysmgr_ctx_init and hands it to
+ * the library's callback as the system manager would.
+ */
+PLAT_EXTERN_C_END
+#include "hadra_platform/sysmgr.h"
+PLAT_EXTERN_C_BEGIN
+
+#define PLAT_TEST_SYSMGR_GSYNC_SNAPSHOT_DONE 1
+#define PLAT_TEST_SYSMGR_GSYNC_READY_DONE 2
+#define PLAT_TEST_SYSMGR_SWITCHOVER_DONE 3
+
+typedef struct plat_test_sysmgr_answer {
+  int kind;        /* PLAT_TEST_SYSMGR_* */
+  uint32_t req_id; /* req_id of the event's context; 0 for a switchover answer */
+  int32_t value;   /* gsync: the failed flag (0 or 1); switchover: the client's status */
+  mts_msg_ref msg; /* gsync: the context's message; switchover: the request reference given */
+} plat_test_sysmgr_answer;
+
+/* A fresh event context: all zero, a new req_id (1, 2, ... since reset), status as given. */
+HADRA_PLAT_API void plat_test_sysmgr_ctx_init(sysmgr_req_ctx *ctx, uint32_t status) PLAT_NOEXCEPT;
+/* Answers recorded since reset, oldest first; answer i into *out: 0, or -1 when none. */
+HADRA_PLAT_API size_t plat_test_sysmgr_answer_count(void) PLAT_NOEXCEPT;
+HADRA_PLAT_API int plat_test_sysmgr_answer_get(size_t i, plat_test_sysmgr_answer *out) PLAT_NOEXCEPT;
+/* What sysmgr_is_swover_first_start / sysmgr_conditional_srv_was_handshake_done answer. */
+HADRA_PLAT_API void plat_test_sysmgr_set_swover_first_start(int on) PLAT_NOEXCEPT;
+HADRA_PLAT_API void plat_test_sysmgr_set_handshake_done(int on) PLAT_NOEXCEPT;
+
 PLAT_EXTERN_C_END
 
 #endif
