@@ -11,5 +11,6 @@
 #include "hadra/sdb.h"
 #include "hadra/lifecycle.h"
 #include "hadra/pss.h"
+#include "hadra/sysmgrcb.h"
 
 #endif
