@@ -11,6 +11,7 @@
 #define HADRA_SYNC_H
 
 #include "hadra/registry.h"
+#include "hadra_platform/mts.h"
 
 HADRA_EXTERN_C_BEGIN
 
@@ -49,6 +50,34 @@ _Static_assert(sizeof(hadra_sync_hdr) == 12 && offsetof(hadra_sync_hdr, sync_opc
  */
 HADRA_API int hadra_ha_sync(const hadra_ha_pss_entry *entry, const datum *key, const datum *data,
                             uint32_t sync_opcode) HADRA_NOEXCEPT;
+
+/*
+ * Apply a received sync message on the standby. Call it with every message the client's
+ * receive loop takes; the caller keeps the message (this neither drops nor answers it).
+ *
+ * A message whose MTS opcode is not the handle's sync opcode is not a sync message: the
+ * result is -1 and nothing else happens (no output), so the caller handles it otherwise.
+ * Every other message gives 0, whatever became of it:
+ *  - a sync event other than 2 (sync update), or a payload shorter than the 12-byte header,
+ *    is ignored (the latter with the debug line "Sync update message without payload");
+ *  - a sync opcode of 0 or above 10 is ignored silently;
+ *  - a registry index outside 1..10, header lengths that reach past the received payload,
+ *    a PSS opcode for an entry without an open PSS file, or an SDB opcode for an entry that
+ *    is not an SDB, is refused with the msg_error_HADRA_HA_INVALID_INDEX report (the
+ *    opcode's text, "SDB_UPDATE" for a batch, and the index); nothing is applied;
+ *  - otherwise the change is applied with the operation that made it on the active
+ *    (hadra_pss_update, hadra_pss_delete, hadra_ha_disable, hadra_sdb_update with notify 1,
+ *    hadra_sdb_delete, hadra_pss_delete_range, the standby batch appliers, hadra_pss_purge),
+ *    which reports its own failures. After a successful apply of opcodes 1, 2, 4, 5, 7 and 8
+ *    the sync callback registered for the index, if any, is called on this thread with
+ *    (data or null, key or null, data_len of the header, sync opcode): opcodes 1 and 4 pass
+ *    data and key; 2, 5 and 7 null and key; 8 the batch and null. Opcodes 3, 6, 9 and 10
+ *    never call it. Pointers handed to the callback point into the message's payload and
+ *    are valid only during the call.
+ * Nothing outside the registry, the callback table and the payload is read or written. A
+ * null msg gives -1. Not reentrant with any other call of the library (no locks).
+ */
+HADRA_API int hadra_ha_dispatch(const mts_msg_ref *msg) HADRA_NOEXCEPT;
 
 /*
  * Printable hexadecimal form of the first bytes of buf (at most 128 characters: groups of

@@ -1,0 +1,172 @@
+// The standby dispatcher: the receiving end of the sync protocol.
+//
+// The client hands every MTS message it receives to hadra_ha_dispatch(). A sync message (the
+// client's sync opcode as MTS opcode, sync event 2) names a registry index and a change; the
+// dispatcher applies that change to the standby's copy with the very operation that made it
+// on the active supervisor, then tells the client through the index's sync callback. The
+// operations try to sync the change on; the sender refuses on the standby, so nothing echoes.
+//
+//   read event, MTS opcode, payload, size   (always all four, in this order)
+//   MTS opcode not the client's             -> -1, silently: not ours
+//   debug line "Received MTS sync message"  (before the event is looked at)
+//   event not 2                             -> 0
+//   no payload                              -> 0, debug line "without payload"
+//   sync opcode 0 or above 10               -> 0, silently
+//   index outside 1..10, header lengths     -> 0, invalid-index report (opcode text, index)
+//   beyond the payload, entry of the wrong
+//   kind (PSS opcode without an open file,
+//   SDB opcode on a non-SDB entry)
+//   apply; on success the row's callback    -> 0
+//
+// The message is trusted for nothing: the index selects an entry only inside 1..10, and every
+// byte handed on (key, data, batch) lies inside the received payload. Batches are applied by
+// the SDB subsystem's bounded readers, which stop at the end of the bytes the header
+// describes. The dispatcher keeps no state and neither drops nor answers the message.
+#include <cstdint>
+
+#include "core/diag.h"
+#include "core/registry.h"
+#include "hadra/handle.h"
+#include "hadra/lifecycle.h"
+#include "hadra/pss.h"
+#include "hadra/sdb.h"
+#include "hadra/sync.h"
+#include "hadra_platform/mts.h"
+#include "sdb/batch.h"
+#include "sync/msg.h"
+
+namespace hadra::sync {
+namespace {
+
+// A sync message that passed every check: its entry and the parts of its payload.
+struct Change {
+  hadra_ha_pss_entry* entry;
+  uint8_t* key;  // payload + 12; also where a batch starts
+  uint32_t key_len;
+  uint8_t* data;  // payload + 12 + key_len
+  uint32_t data_len;
+};
+
+enum class Target : uint8_t { kPssFile, kSdb };
+
+// What the sync callback is handed after a successful apply.
+enum class Callback : uint8_t {
+  kNone,
+  kDataKey,   // (data, key, data_len, opcode)
+  kKeyOnly,   // (null, key, data_len, opcode)
+  kBatch,     // (batch, null, data_len, opcode)
+};
+
+using Apply = int (*)(const Change&) noexcept;
+
+struct Row {
+  Target target;
+  Apply apply;
+  Callback callback;
+};
+
+int apply_pss_update(const Change& c) noexcept {
+  return hadra_pss_update(c.entry, c.key, c.key_len, c.data, c.data_len);
+}
+int apply_pss_delete(const Change& c) noexcept { return hadra_pss_delete(c.entry, c.key, c.key_len); }
+int apply_pss_delete_range(const Change& c) noexcept { return hadra_pss_delete_range(c.entry, c.key, c.key_len); }
+int apply_pss_purge(const Change& c) noexcept { return hadra_pss_purge(c.entry); }
+int apply_disable(const Change& c) noexcept {
+  hadra_ha_disable(c.entry);
+  return 1;
+}
+// The standby completes SDB writes with the update notification (which sends nothing there).
+int apply_sdb_update(const Change& c) noexcept {
+  return hadra_sdb_update(c.entry, c.key, c.key_len, c.data, c.data_len, 1);
+}
+int apply_sdb_delete(const Change& c) noexcept { return hadra_sdb_delete(c.entry, c.key, c.key_len); }
+// A batch starts right after the header and is data_len bytes long (its senders put no key
+// before it); the bounded appliers read nothing beyond that.
+int apply_sdb_batch(const Change& c) noexcept { return hadra::sdb::apply_sdb_batch(c.entry, c.key, c.data_len); }
+int apply_msdb_batch(const Change& c) noexcept { return hadra::sdb::apply_msdb_batch(c.entry, c.key, c.data_len); }
+
+// One row per sync opcode, indexed by it; row 0 is never used (opcode 0 is ignored).
+constexpr Row kRows[] = {
+    {Target::kPssFile, nullptr, Callback::kNone},
+    {Target::kPssFile, apply_pss_update, Callback::kDataKey},        // 1 PSS_UPDATE
+    {Target::kPssFile, apply_pss_delete, Callback::kKeyOnly},        // 2 PSS_DELETE
+    {Target::kPssFile, apply_disable, Callback::kNone},              // 3 PSS_DESTROY
+    {Target::kSdb, apply_sdb_update, Callback::kDataKey},            // 4 SDB_UPDATE
+    {Target::kSdb, apply_sdb_delete, Callback::kKeyOnly},            // 5 SDB_DELETE
+    {Target::kSdb, apply_disable, Callback::kNone},                  // 6 SDB_DESTROY
+    {Target::kPssFile, apply_pss_delete_range, Callback::kKeyOnly},  // 7 PSS_DELETE_RANGE
+    {Target::kSdb, apply_sdb_batch, Callback::kBatch},               // 8 SDB_BATCH_UPDATE
+    {Target::kSdb, apply_msdb_batch, Callback::kNone},               // 9 MSDB_BATCH_UPDATE
+    {Target::kPssFile, apply_pss_purge, Callback::kNone},            // 10 PSS_PURGE
+};
+constexpr uint32_t kLastOpcode = sizeof kRows / sizeof kRows[0] - 1;
+static_assert(kLastOpcode == HADRA_SYNC_PSS_PURGE, "one row per sync opcode");
+
+bool entry_fits(const hadra_ha_pss_entry& e, Target t) noexcept {
+  return t == Target::kPssFile ? e.pss_handle != 0 : e.db_type == HADRA_DB_SDB;
+}
+
+void notify_client(const Row& row, const Change& c, uint8_t index, uint32_t opcode) noexcept {
+  const hadra_ha_sync_cb_fn cb = sync_callback(index);
+  if (cb == nullptr) return;
+  switch (row.callback) {
+    case Callback::kDataKey:
+      cb(c.data, c.key, c.data_len, opcode);
+      return;
+    case Callback::kKeyOnly:
+      cb(nullptr, c.key, c.data_len, opcode);
+      return;
+    case Callback::kBatch:
+      cb(c.key, nullptr, c.data_len, opcode);
+      return;
+    case Callback::kNone:
+      return;
+  }
+}
+
+// Refuses what cannot be applied, with the report the operator knows for a database that is
+// not there: the opcode's text and the index as received.
+void refuse(uint32_t opcode, uint8_t index) noexcept {
+  report(msg_error_HADRA_HA_INVALID_INDEX, opcode_report_text(opcode), static_cast<int>(index));
+}
+
+// Steps after the payload is known to hold a header with a valid sync opcode.
+void dispatch_change(uint8_t* payload, uint32_t size) noexcept {
+  Decoded d;
+  const DecodeResult fit = decode(payload, size, &d);
+  const Row& row = kRows[d.opcode];
+  hadra_ha_pss_entry* entry = entry_at(d.db_index);
+  if (entry == nullptr || fit != DecodeResult::kOk || !entry_fits(*entry, row.target)) {
+    refuse(d.opcode, d.db_index);
+    return;
+  }
+  uint8_t* const key = payload + HADRA_SYNC_HDR_LEN;
+  const Change c{entry, key, d.key_len, key + d.key_len, d.data_len};
+  if (row.apply(c) != 0 && row.callback != Callback::kNone) notify_client(row, c, d.db_index, d.opcode);
+}
+
+}  // namespace
+}  // namespace hadra::sync
+
+extern "C" HADRA_API int hadra_ha_dispatch(const mts_msg_ref* msg) noexcept {
+  using namespace hadra::sync;
+  if (msg == nullptr) return -1;
+  const int event = mts_sync_event_get(msg);
+  const uint32_t opcode = mts_opc_get(msg);
+  auto* const payload = static_cast<uint8_t*>(mts_payload_get(msg));
+  const uint32_t size = mts_payload_size(msg);
+
+  if (opcode != hadra_ha_handle.opcode) return -1;
+  HADRA_DBG("Received MTS sync message, opcde %d, event %d, len %d\n", static_cast<int>(opcode), event,
+            static_cast<int>(size));
+  if (event != MTS_SYNC_EVENT_UPDATE) return 0;
+  // A payload too short for a header carries no change: like one without payload.
+  if (payload == nullptr || size < HADRA_SYNC_HDR_LEN) {
+    HADRA_DBG("Sync update message without payload\n");
+    return 0;
+  }
+  const uint32_t sync_opcode = get_be32(payload + 8);
+  if (sync_opcode == 0 || sync_opcode > kLastOpcode) return 0;
+  dispatch_change(payload, size);
+  return 0;
+}
