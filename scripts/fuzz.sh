@@ -7,14 +7,22 @@
 # Environment: HADRA_FUZZ_BUILD (build directory, default build-fuzz in the repository),
 # HADRA_FUZZ_JOBS (build jobs, default 2). New inputs found during a run stay in the scratch
 # corpus (removed afterwards); add one to fuzz/corpus/ by hand when it is worth keeping.
-# Exit status non-zero when a target crashes, leaks or trips a sanitizer; the crashing input
-# is kept in the build directory and its path printed.
+# Exit status 1 when a target crashes, leaks or trips a sanitizer (the input is kept in the
+# build directory and its path printed); 2 when clang cannot build fuzz targets at all.
 set -euo pipefail
 here="$(cd "$(dirname "$0")/.." && pwd)"
 seconds="${1:-${HADRA_FUZZ_SECONDS:-60}}"
 build="${HADRA_FUZZ_BUILD:-$here/build-fuzz}"
 jobs="${HADRA_FUZZ_JOBS:-2}"
 targets=(dispatch_fuzz)
+
+# libFuzzer's runtime comes with clang's compiler-rt (Debian: libclang-rt-<version>-dev).
+probe='extern "C" int LLVMFuzzerTestOneInput(const unsigned char*, unsigned long) { return 0; }'
+if ! echo "$probe" | clang++ -x c++ -fsanitize=fuzzer,address,undefined - -o /dev/null 2>/dev/null; then
+  echo "fuzz.sh: clang++ cannot link a libFuzzer target with ASan and UBSan;" \
+       "install clang and its compiler-rt runtime (Debian: libclang-rt-14-dev)" >&2
+  exit 2
+fi
 
 echo "== build fuzz targets in $build"
 cmake -S "$here/fuzz" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
