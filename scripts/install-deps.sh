@@ -8,7 +8,7 @@ packages=(
   liblmdb-dev lmdb-utils
   libzmq3-dev
   libgtest-dev libgmock-dev libbenchmark-dev
-  clang
+  clang libclang-rt-14-dev
 )
 
 missing=()
