@@ -188,6 +188,16 @@ TEST_F(GsyncTest, GsyncFailedActsOnItsReason) {
   r.gsync_failed_cb = &failed_hook;
   register_databases();
   init(2, r);
+  // Fatal: the child process ends inside the call, with no answer. (First, while no store is
+  // open: the leak checker would count what an exiting process leaves open.)
+  sysmgr_req_ctx fatal = event(PLAT_ERR_SYSMGR_GSYNC_FATAL);
+  EXPECT_EXIT(
+      {
+        sysmgrcb_gsync_failed(&fatal);
+        std::exit(plat_test_sysmgr_answer_count() == 0 ? 7 : 8);
+      },
+      ::testing::ExitedWithCode(1), "");
+
   sysmgr_req_ctx other = event(PLAT_ERR_SYSMGR_NO_DAEMON);
   EXPECT_EQ(sysmgrcb_gsync_failed(&other), 0);  // only answered
   expect_states(HADRA_HA_DISABLE);
@@ -202,14 +212,6 @@ TEST_F(GsyncTest, GsyncFailedActsOnItsReason) {
   ASSERT_EQ(answers().size(), 2u);
   EXPECT_EQ(answers()[0].value + answers()[1].value, 0);
 
-  // Fatal: the process ends inside the call, with no answer.
-  sysmgr_req_ctx fatal = event(PLAT_ERR_SYSMGR_GSYNC_FATAL);
-  EXPECT_EXIT(
-      {
-        sysmgrcb_gsync_failed(&fatal);
-        std::exit(plat_test_sysmgr_answer_count() == 2 ? 7 : 8);
-      },
-      ::testing::ExitedWithCode(1), "");
 }
 
 }  // namespace
