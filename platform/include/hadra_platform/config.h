@@ -15,6 +15,8 @@
  *   LOG_IDENT     identity of log lines; default the program name
  *   RATE_BURST, RATE_INTERVAL_MS   rate limit of error reports; default 3 per 1000 ms
  *   TSP_SLICE_US  time slice after which tsp_should_sched_yield() answers yes; default 10000
+ *   SWOVER_FIRST_START, HANDSHAKE_DONE   1: first start after a switchover / this service's
+ *                 handshake with the system manager is done; default 0
  *   PSS_SYNC, SDB_SYNC   1: flush every store commit to disk (default: the commit survives a
  *                 crash of the process, not of the machine)
  * Services keep their own keys next to their contracts (mts.h, pss.h, sdb.h).
