@@ -17,7 +17,7 @@ constexpr uint32_t kIsis = uuid_of("isis");
 constexpr uint32_t kOspf = uuid_of("ospf");
 constexpr uint32_t kOspfv3 = uuid_of("ospfv3");
 constexpr uint32_t kBgp = uuid_of("bgp");
-static_assert(kIp && kIpv6 && kIsis && kOspf && kOspfv3 && kBgp, "pib services are in the table");
+static_assert(kIp != 0 && kIpv6 != 0 && kIsis != 0 && kOspf != 0 && kOspfv3 != 0 && kBgp != 0, "pib services are in the table");
 
 // The IP services enumerate their route sources; the others have one instance each.
 constexpr const char *kIpPibNames[] = {"static", "direct", "connected"};
