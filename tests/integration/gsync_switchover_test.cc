@@ -21,7 +21,6 @@
 
 #include <cstdio>
 #include <cstring>
-#include <filesystem>
 #include <string>
 
 #include "hadra_platform/sdb.h"
@@ -30,13 +29,12 @@
 #include "hadra_mts_testing.h"
 #include "hadra_platform/sysmgr.h"
 #include "hadra_platform_testing.h"
-#include "support/store_dump.h"
-#include "support/two_sup.h"
+#include "pairkit/store_dump.h"
+#include "pairkit/two_sup.h"
 
 namespace {
 
-namespace fs = std::filesystem;
-using hadra::it::log;
+using hadra::pairkit::log;
 
 constexpr uint32_t kSap = 3401;
 constexpr uint32_t kCoveredOpc = 6202;  // the active's stream up to here is in the snapshot
@@ -46,7 +44,7 @@ constexpr const char* kArea = "snap:/gsync-1";
 enum : uint8_t { kRoutes = 1, kPeers = 2, kSessions = 3 };
 
 struct Steps {
-  hadra::it::Signal standby_up, covered, shipped, synced, compared, finished;
+  hadra::pairkit::Signal standby_up, covered, shipped, synced, compared, finished;
 };
 
 int g_switchover_hooks = 0;
@@ -132,7 +130,7 @@ int run_active(Steps& r) {
 // ---- The standby ----
 
 int gsync(Steps& r) {
-  if (hadra::it::wait_for_opcode(kSap, kCoveredOpc, kWaitMs) != 0 || !r.shipped.wait(kWaitMs)) return 1;
+  if (hadra::pairkit::wait_for_opcode(kSap, kCoveredOpc, kWaitMs) != 0 || !r.shipped.wait(kWaitMs)) return 1;
   sysmgr_req_ctx ctx;
   plat_test_sysmgr_ctx_init(&ctx, 0);
   if (sysmgrcb_gsync_ready(&ctx, kArea, nullptr) != 0 || !answered(PLAT_TEST_SYSMGR_GSYNC_READY_DONE)) return 2;
@@ -164,8 +162,8 @@ int run_standby(Steps& r) {
   r.standby_up.raise();
   if (int rc = gsync(r); rc != 0) return log("standby", "gsync step %d failed", rc), 20 + rc;
   r.synced.raise();
-  hadra::it::LoopStats stats;
-  const int rc = hadra::it::receive_loop(
+  hadra::pairkit::LoopStats stats;
+  const int rc = hadra::pairkit::receive_loop(
       kSap, 2 * kWaitMs, [](const mts_msg_ref& ref) { return mts_opc_get(&ref) == kDoneOpc; }, &stats);
   if (rc != 0 || stats.sync == 0) return log("standby", "receive loop: %d", rc), 30;
   if (int so = switchover(); so != 0) return log("standby", "switchover step %d failed", so), 30 + so;
@@ -176,36 +174,24 @@ int run_standby(Steps& r) {
 // ---- The driver ----
 
 bool ship_area(const std::string& base) {
-  const fs::path from = fs::path(hadra::it::root_of(base, 1)) / "snap/gsync-1";
-  const fs::path to = fs::path(hadra::it::root_of(base, 2)) / "snap/gsync-1";
-  std::error_code ec;
-  size_t files = 0;
-  for (auto it = fs::recursive_directory_iterator(from, ec); !ec && it != fs::recursive_directory_iterator();
-       it.increment(ec)) {
-    const std::string name = it->path().filename().string();
-    if (!it->is_regular_file() || name == "lock.mdb" || name.ends_with("-lock")) continue;
-    const fs::path dest = to / fs::relative(it->path(), from);
-    fs::create_directories(dest.parent_path(), ec);
-    if (ec || !fs::copy_file(it->path(), dest, fs::copy_options::overwrite_existing, ec)) return false;
-    ++files;
-  }
-  return !ec && files >= 3;  // the PSS copy and two SDB snapshots at least
+  // The PSS copy and two SDB snapshots at least.
+  return hadra::pairkit::ship_area(base, 1, 2, "snap/gsync-1", nullptr) >= 3;
 }
 
 std::string compare_running(const std::string& base, size_t* records) {
-  const hadra::it::RootDump a = hadra::it::dump_root(hadra::it::root_of(base, 1), {"run"});
-  const hadra::it::RootDump s = hadra::it::dump_root(hadra::it::root_of(base, 2), {"run"});
-  *records = hadra::it::record_count(s);
-  return a.size() == 3 ? hadra::it::compare_dumps(a, s) : "the active holds " + std::to_string(a.size()) + " stores";
+  const hadra::pairkit::RootDump a = hadra::pairkit::dump_root(hadra::pairkit::root_of(base, 1), {"run"});
+  const hadra::pairkit::RootDump s = hadra::pairkit::dump_root(hadra::pairkit::root_of(base, 2), {"run"});
+  *records = hadra::pairkit::record_count(s);
+  return a.size() == 3 ? hadra::pairkit::compare_dumps(a, s) : "the active holds " + std::to_string(a.size()) + " stores";
 }
 
 TEST(GsyncSwitchoverEndToEnd, AStandbyBroughtUpByGsyncTakesOverWithEveryRecord) {
-  hadra::it::BaseDir base;
+  hadra::pairkit::BaseDir base;
   ASSERT_FALSE(base.path().empty());
   std::printf("gsync e2e: base %s\n", base.path().c_str());
   Steps r;
-  const pid_t standby = hadra::it::spawn({base.path(), 2, "standby"}, [&] { return run_standby(r); });
-  const pid_t active = hadra::it::spawn({base.path(), 1, "active"}, [&] { return run_active(r); });
+  const pid_t standby = hadra::pairkit::spawn({base.path(), 2, "standby"}, [&] { return run_standby(r); });
+  const pid_t active = hadra::pairkit::spawn({base.path(), 1, "active"}, [&] { return run_active(r); });
   ASSERT_TRUE(standby > 0 && active > 0);
   std::string after_gsync = "never synced";
   size_t synced_records = 0;
@@ -215,7 +201,7 @@ TEST(GsyncSwitchoverEndToEnd, AStandbyBroughtUpByGsyncTakesOverWithEveryRecord) 
     r.compared.raise();
   }
   std::string why;
-  ASSERT_TRUE(hadra::it::wait_children({standby, active}, 3 * kWaitMs, &why)) << why;
+  ASSERT_TRUE(hadra::pairkit::wait_children({standby, active}, 3 * kWaitMs, &why)) << why;
   EXPECT_EQ(after_gsync, "");
   EXPECT_EQ(synced_records, 3u * 40u);
 

@@ -24,12 +24,12 @@
 #include "hadra/hadra.h"
 #include "hadra/sdb.h"
 #include "hadra_platform/mts.h"
-#include "support/store_dump.h"
-#include "support/two_sup.h"
+#include "pairkit/store_dump.h"
+#include "pairkit/two_sup.h"
 
 namespace {
 
-using hadra::it::Bytes;
+using hadra::pairkit::Bytes;
 
 constexpr uint32_t kSap = 3301;
 constexpr uint32_t kSyncOpc = 6001;
@@ -111,7 +111,7 @@ class Script {
   void check(bool ok, const char* what) {
     if (ok) return;
     ++failures_;
-    hadra::it::log("active", "FAILED: %s", what);
+    hadra::pairkit::log("active", "FAILED: %s", what);
   }
   void pss_put(uint8_t index, const std::string& key, size_t value_len) {
     Bytes k = text(key), v = gen_.bytes(value_len);
@@ -243,18 +243,18 @@ struct DoneMsg {
   uint32_t min_batches;
 };
 
-int run_active(hadra::it::Signal& ready, hadra::it::Signal& finished) {
+int run_active(hadra::pairkit::Signal& ready, hadra::pairkit::Signal& finished) {
   if (mts_bind(kSap) != 0 || !register_databases(false)) return 10;
-  if (!ready.wait(kWaitMs)) return hadra::it::log("active", "standby never became ready"), 11;
-  if (!init_library()) return hadra::it::log("active", "initialisation failed"), 12;
+  if (!ready.wait(kWaitMs)) return hadra::pairkit::log("active", "standby never became ready"), 11;
+  if (!init_library()) return hadra::pairkit::log("active", "initialisation failed"), 12;
   Script s(kSeed);
   s.run();
   DoneMsg done{s.expected(), s.min_batches()};
   if (mts_send(kSap, MTS_ADDR_PEER, MTS_SAP_SAME, kDoneOpc, &done, sizeof done, nullptr, 0, nullptr) != 0)
-    return hadra::it::log("active", "done message not sent"), 13;
+    return hadra::pairkit::log("active", "done message not sent"), 13;
   // Stay until the standby has applied everything: leaving earlier could take queued
   // messages down with this process's sockets.
-  if (!finished.wait(kWaitMs)) return hadra::it::log("active", "standby never finished"), 14;
+  if (!finished.wait(kWaitMs)) return hadra::pairkit::log("active", "standby never finished"), 14;
   return s.ok() ? 0 : 15;
 }
 
@@ -279,58 +279,58 @@ int check_callbacks(const DoneMsg& done) {
       want = done.min_batches;
     }
     if (g_callbacks[op] == want) continue;
-    hadra::it::log("standby", "FAILED: opcode %u: %u callbacks, expected %u", op, g_callbacks[op], want);
+    hadra::pairkit::log("standby", "FAILED: opcode %u: %u callbacks, expected %u", op, g_callbacks[op], want);
     ++bad;
   }
   return bad;
 }
 
-int run_standby(hadra::it::Signal& ready, hadra::it::Signal& finished) {
+int run_standby(hadra::pairkit::Signal& ready, hadra::pairkit::Signal& finished) {
   if (mts_bind(kSap) != 0 || !register_databases(true)) return 20;
-  if (!init_library() || !bring_up_copies()) return hadra::it::log("standby", "start failed"), 21;
+  if (!init_library() || !bring_up_copies()) return hadra::pairkit::log("standby", "start failed"), 21;
   ready.raise();
   DoneMsg done{};
   bool got_done = false;
-  hadra::it::LoopStats stats;
-  const int rc = hadra::it::receive_loop(kSap, kWaitMs, [&](const mts_msg_ref& ref) {
+  hadra::pairkit::LoopStats stats;
+  const int rc = hadra::pairkit::receive_loop(kSap, kWaitMs, [&](const mts_msg_ref& ref) {
     if (mts_opc_get(&ref) != kDoneOpc) return false;  // SDB notifications: not for the dispatcher
     if (mts_payload_size(&ref) == sizeof done) std::memcpy(&done, mts_payload_get(&ref), sizeof done), got_done = true;
     return true;
   }, &stats);
-  hadra::it::log("standby", "%llu sync messages, %llu others", static_cast<unsigned long long>(stats.sync),
+  hadra::pairkit::log("standby", "%llu sync messages, %llu others", static_cast<unsigned long long>(stats.sync),
                  static_cast<unsigned long long>(stats.other));
-  if (rc != 0 || !got_done) return hadra::it::log("standby", "receive loop ended without done"), 22;
+  if (rc != 0 || !got_done) return hadra::pairkit::log("standby", "receive loop ended without done"), 22;
   int bad = check_callbacks(done);
   // The destroys disabled the standby's entries as well.
   if (hadra_ha_pss[kScratchPss].state != HADRA_HA_DISABLE || hadra_ha_pss[kScratchPss].pss_handle != 0 ||
       hadra_ha_pss[kScratchSdb].state != HADRA_HA_DISABLE)
-    hadra::it::log("standby", "FAILED: destroyed entries still enabled"), ++bad;
+    hadra::pairkit::log("standby", "FAILED: destroyed entries still enabled"), ++bad;
   finished.raise();
   return bad == 0 ? 0 : 23;
 }
 
 TEST(SyncEndToEnd, EveryKindOfChangeLeavesBothSupervisorsWithTheSameRecords) {
-  hadra::it::BaseDir base;
+  hadra::pairkit::BaseDir base;
   ASSERT_FALSE(base.path().empty());
   std::printf("sync e2e: seed %u, base %s\n", kSeed, base.path().c_str());
-  hadra::it::Signal ready, finished;
-  const pid_t standby = hadra::it::spawn({base.path(), 2, "standby"}, [&] { return run_standby(ready, finished); });
+  hadra::pairkit::Signal ready, finished;
+  const pid_t standby = hadra::pairkit::spawn({base.path(), 2, "standby"}, [&] { return run_standby(ready, finished); });
   ASSERT_GT(standby, 0);
-  const pid_t active = hadra::it::spawn({base.path(), 1, "active"}, [&] { return run_active(ready, finished); });
+  const pid_t active = hadra::pairkit::spawn({base.path(), 1, "active"}, [&] { return run_active(ready, finished); });
   ASSERT_GT(active, 0);
   std::string why;
-  ASSERT_TRUE(hadra::it::wait_children({standby, active}, 3 * kWaitMs, &why)) << why;
+  ASSERT_TRUE(hadra::pairkit::wait_children({standby, active}, 3 * kWaitMs, &why)) << why;
 
-  const hadra::it::RootDump a = hadra::it::dump_root(hadra::it::root_of(base.path(), 1));
-  const hadra::it::RootDump s = hadra::it::dump_root(hadra::it::root_of(base.path(), 2));
-  EXPECT_EQ(hadra::it::compare_dumps(a, s), "");
+  const hadra::pairkit::RootDump a = hadra::pairkit::dump_root(hadra::pairkit::root_of(base.path(), 1));
+  const hadra::pairkit::RootDump s = hadra::pairkit::dump_root(hadra::pairkit::root_of(base.path(), 2));
+  EXPECT_EQ(hadra::pairkit::compare_dumps(a, s), "");
   // The stores that must be left, and nothing else: the destroyed ones are gone on both.
   std::vector<std::string> uris;
   for (const auto& [uri, store] : a) uris.push_back(uri + " " + store.kind);
   EXPECT_EQ(uris, (std::vector<std::string>{"run:/neighbors pss", "run:/peers sdb", "run:/routes pss",
                                             "run:/sessions sdb"}));
   EXPECT_EQ(a.at("run:/neighbors").records.size(), 10u);  // the purge took the older ones
-  EXPECT_GT(hadra::it::record_count(a), 300u);
+  EXPECT_GT(hadra::pairkit::record_count(a), 300u);
   size_t skeys = 0;
   for (const auto& r : a.at("run:/sessions").records) skeys += r.skeys.size();
   EXPECT_GT(skeys, 100u);  // secondary keys were compared, not two empty sets

@@ -1,22 +1,27 @@
-// Two supervisors on one host as separate processes, for end-to-end tests.
+// Two supervisors on one host as separate processes, for the end-to-end tests and the
+// hadra_pair tool.
 //
-// A test (the driver) makes a base directory, then forks one child per supervisor. Each child
+// A driver (a test, or the tool) makes a base directory, then forks one child per supervisor. Each child
 // configures its own platform before touching it: root <base>/sup<slot>, its slot, its
 // supervisor state and the ZeroMQ transport, so that the two reach each other over ipc://
 // sockets under their roots with nothing else configured. The driver itself never uses the
 // transport; after the children are gone it may inspect both roots (store_dump.h).
 //
 // Every wait is bounded: Signal::wait and receive_loop take timeouts, and wait_children kills
-// whatever still runs at its deadline, so a broken peer fails the test instead of hanging it.
+// whatever still runs at its deadline, so a broken peer fails the run instead of hanging it.
+//
+// Until a system-manager daemon exists the driver also stands in for it: it ships the gsync
+// snapshot area from one root to the other (ship_area), and the children hand the library
+// the system manager's events through the platform's testing interface.
 //
 // Typical use:
 //
-//   hadra::it::BaseDir base;
-//   hadra::it::Signal ready, finished;
-//   pid_t standby = hadra::it::spawn({base.path(), 2, "standby"}, [&] { ... ready.raise(); ... });
-//   pid_t active = hadra::it::spawn({base.path(), 1, "active"}, [&] { ready.wait(10000); ... });
+//   hadra::pairkit::BaseDir base;
+//   hadra::pairkit::Signal ready, finished;
+//   pid_t standby = spawn({base.path(), 2, "standby"}, [&] { ... ready.raise(); ... });
+//   pid_t active = spawn({base.path(), 1, "active"}, [&] { ready.wait(10000); ... });
 //   std::string why;
-//   bool ok = hadra::it::wait_children({standby, active}, 60000, &why);
+//   bool ok = wait_children({standby, active}, 60000, &why);
 #pragma once
 
 #include <sys/types.h>
@@ -29,21 +34,29 @@
 
 #include "hadra_platform/mts.h"
 
-namespace hadra::it {
+namespace hadra::pairkit {
 
-// A fresh directory under /tmp (short, so ipc socket paths stay within their limit), removed
-// with everything in it by the destructor unless HADRA_KEEP_E2E is set in the environment.
+// A fresh directory made from a mkdtemp template (short, under /tmp, so ipc socket paths
+// stay within their limit), removed with everything in it by the destructor unless keep()
+// was called or HADRA_KEEP_E2E is set in the environment. path() is empty when it could not
+// be made.
 class BaseDir {
  public:
-  BaseDir();
+  explicit BaseDir(const char* tmpl = "/tmp/hadra-e2e-XXXXXX");
   ~BaseDir();
   BaseDir(const BaseDir&) = delete;
   BaseDir& operator=(const BaseDir&) = delete;
   const std::string& path() const { return path_; }
+  void keep() { keep_ = true; }
 
  private:
   std::string path_;
+  bool keep_ = false;
 };
+
+// Longest base directory for which every supervisor's ipc socket path still fits a socket
+// address (the transport refuses longer ones with ENAMETOOLONG).
+constexpr size_t kMaxBaseLen = 80;
 
 // One supervisor's settings.
 struct Supervisor {
@@ -60,6 +73,12 @@ std::string root_of(const std::string& base, int slot);
 // Sets the environment of this process for sup and makes the platform read it again. Call
 // it before any platform call of the process.
 void configure(const Supervisor& sup);
+
+// Copies the files of snapshot area dir (a path under a root, e.g. "snap/gsync-1") from the
+// root of from_slot to the root of to_slot, leaving LMDB's lock files behind: what the
+// system manager does over the peer link between gsync snapshot and gsync ready. Returns
+// the number of files copied, or -1 (with *why, may be null) when a copy failed.
+long ship_area(const std::string& base, int from_slot, int to_slot, const std::string& dir, std::string* why);
 
 // Forks a child that configures itself as sup, runs role and exits with its result (the
 // child never returns into the caller). Output of the child goes to the inherited stderr,
@@ -108,4 +127,4 @@ int receive_loop(uint32_t sap, int idle_timeout_ms, const std::function<bool(con
 // timeout_ms. 0, or -1 on timeout or a failed receive.
 int wait_for_opcode(uint32_t sap, uint32_t opcode, int timeout_ms);
 
-}  // namespace hadra::it
+}  // namespace hadra::pairkit

@@ -19,7 +19,7 @@
 #include <utility>
 #include <vector>
 
-namespace hadra::it {
+namespace hadra::pairkit {
 
 using Bytes = std::vector<uint8_t>;
 
@@ -50,4 +50,4 @@ std::string compare_dumps(const RootDump& a, const RootDump& b, const char* name
 // Number of records over all stores, for checks that a test did not compare empty roots.
 size_t record_count(const RootDump& d);
 
-}  // namespace hadra::it
+}  // namespace hadra::pairkit

@@ -1,4 +1,4 @@
-#include "support/two_sup.h"
+#include "pairkit/two_sup.h"
 
 #include <poll.h>
 #include <signal.h>
@@ -17,7 +17,7 @@
 #include "hadra/sync.h"
 #include "hadra_platform/config.h"
 
-namespace hadra::it {
+namespace hadra::pairkit {
 namespace {
 
 using Clock = std::chrono::steady_clock;
@@ -52,13 +52,13 @@ std::string describe_status(pid_t pid, int status) {
 
 }  // namespace
 
-BaseDir::BaseDir() {
-  char tmpl[] = "/tmp/hadra-e2e-XXXXXX";
-  if (mkdtemp(tmpl) != nullptr) path_ = tmpl;
+BaseDir::BaseDir(const char* tmpl) {
+  std::string name = tmpl;
+  if (mkdtemp(name.data()) != nullptr) path_ = name;
 }
 
 BaseDir::~BaseDir() {
-  if (path_.empty() || getenv("HADRA_KEEP_E2E") != nullptr) return;
+  if (path_.empty() || keep_ || getenv("HADRA_KEEP_E2E") != nullptr) return;
   std::error_code ec;
   std::filesystem::remove_all(path_, ec);
 }
@@ -72,6 +72,26 @@ void configure(const Supervisor& sup) {
   setenv_key("TRANSPORT", "zmq");
   for (const auto& [key, value] : sup.extra) setenv_key(key, value);
   plat_config_reload();
+}
+
+long ship_area(const std::string& base, int from_slot, int to_slot, const std::string& dir, std::string* why) {
+  namespace fs = std::filesystem;
+  const fs::path from = fs::path(root_of(base, from_slot)) / dir;
+  const fs::path to = fs::path(root_of(base, to_slot)) / dir;
+  std::error_code ec;
+  long files = 0;
+  for (auto it = fs::recursive_directory_iterator(from, ec); !ec && it != fs::recursive_directory_iterator();
+       it.increment(ec)) {
+    const std::string name = it->path().filename().string();
+    if (!it->is_regular_file() || name == "lock.mdb" || name.ends_with("-lock")) continue;
+    const fs::path dest = to / fs::relative(it->path(), from);
+    fs::create_directories(dest.parent_path(), ec);
+    if (ec || !fs::copy_file(it->path(), dest, fs::copy_options::overwrite_existing, ec)) break;
+    ++files;
+  }
+  if (!ec) return files;
+  if (why != nullptr) *why = "shipping " + from.string() + ": " + ec.message();
+  return -1;
 }
 
 pid_t spawn(const Supervisor& sup, const std::function<int()>& role) {
@@ -188,4 +208,4 @@ int wait_for_opcode(uint32_t sap, uint32_t opcode, int timeout_ms) {
   }
 }
 
-}  // namespace hadra::it
+}  // namespace hadra::pairkit

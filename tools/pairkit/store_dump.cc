@@ -1,4 +1,4 @@
-#include "support/store_dump.h"
+#include "pairkit/store_dump.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -9,7 +9,7 @@
 #include "hadra_platform/sdb.h"
 #include "hadra_platform_testing.h"
 
-namespace hadra::it {
+namespace hadra::pairkit {
 namespace fs = std::filesystem;
 namespace {
 
@@ -183,4 +183,4 @@ size_t record_count(const RootDump& d) {
   return n;
 }
 
-}  // namespace hadra::it
+}  // namespace hadra::pairkit
