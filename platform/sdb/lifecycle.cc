@@ -22,17 +22,12 @@ namespace {
 const char* show(const char* s) { return s != nullptr ? s : "(null)"; }
 
 uint32_t open_new(const char* uri, const std::string& path, uint32_t rights) {
-  sdb::Stored s = sdb::probe(path);
-  if (s == sdb::Stored::kNothing) return PLAT_ERR_SDB_NOT_FOUND;
-  if (s == sdb::Stored::kOther) return PLAT_ERR_SDB_BAD_URI;
   auto db = std::make_unique<sdb::Db>();
   db->uri = uri;
   db->path = path;
   db->rights = rights;
   sdb::Meta m;
-  uint32_t rc = sdb::open_existing(path, db->env, &m);
-  if (rc != 0) return rc;
-  if (m.state == sdb::kStateDestroying) return PLAT_ERR_SDB_NOT_FOUND;
+  if (uint32_t rc = sdb::open_live(path, db->env, m); rc != 0) return rc;
   db->kind = m.kind;
   sdb::context_reset(*db);
   sdb::add_open(std::move(db));
@@ -41,13 +36,12 @@ uint32_t open_new(const char* uri, const std::string& path, uint32_t rights) {
 
 // Marks the SDB at path as being destroyed, closing it here first.
 uint32_t mark_destroying(const std::string& path) {
-  sdb::Stored s = sdb::probe(path);
-  if (s == sdb::Stored::kNothing) return PLAT_ERR_SDB_NOT_FOUND;
-  if (s == sdb::Stored::kOther) return PLAT_ERR_SDB_BAD_URI;
+  uint32_t rc = sdb::check_stored(path);
+  if (rc != 0) return rc;
   sdb::close_open(path);
   sdb::Env env;
   sdb::Meta m;
-  uint32_t rc = sdb::open_existing(path, env, &m);
+  rc = sdb::open_existing(path, env, &m);
   if (rc != 0) return rc;
   if (m.state == sdb::kStateDestroying) return 0;
   sdb::Txn txn;
@@ -67,11 +61,7 @@ HADRA_PLAT_API uint32_t sdb_create(const char* uri, uint32_t flags, uint32_t uui
   c.args("uri=%s flags=0x%x uuid=%u", show(uri), flags, uuid);
   if (c.faulted()) return c.fail<uint32_t>();
   if ((flags != SDB_CREATE_SDB && flags != SDB_CREATE_MSDB) || reserved != 0) return c.ret(PLAT_ERR_SDB_BAD_ARG);
-  auto g = sdb::lock();
-  std::string path;
-  uint32_t rc = sdb::uri_path(uri, path, true);
-  if (rc == 0) rc = sdb::create_at(path, flags, uuid);
-  return c.ret(rc);
+  return c.ret(sdb::with_path(uri, true, [&](const std::string& path) { return sdb::create_at(path, flags, uuid); }));
 }
 
 HADRA_PLAT_API uint32_t sdb_open(const char* uri, uint32_t rw_flag, uint32_t uuid, uint32_t reserved1,
@@ -81,15 +71,13 @@ HADRA_PLAT_API uint32_t sdb_open(const char* uri, uint32_t rw_flag, uint32_t uui
   if (c.faulted()) return c.fail<uint32_t>();
   if ((rw_flag != SDB_OPEN_READ && rw_flag != SDB_OPEN_RW) || reserved1 != 0 || reserved2 != 0)
     return c.ret(PLAT_ERR_SDB_BAD_ARG);
-  auto g = sdb::lock();
-  std::string path;
-  uint32_t rc = sdb::uri_path(uri, path, false);
-  if (rc != 0) return c.ret(rc);
-  if (sdb::Db* db = sdb::find_path(path); db != nullptr) {
-    db->rights |= rw_flag;
-    return c.ret(PLAT_ERR_SDB_ALREADY_OPEN);
-  }
-  return c.ret(open_new(uri, path, rw_flag));
+  return c.ret(sdb::with_path(uri, false, [&](const std::string& path) {
+    if (sdb::Db* db = sdb::find_path(path); db != nullptr) {
+      db->rights |= rw_flag;
+      return PLAT_ERR_SDB_ALREADY_OPEN;
+    }
+    return open_new(uri, path, rw_flag);
+  }));
 }
 
 HADRA_PLAT_API uint32_t sdb_recover(uint32_t sap) noexcept {
@@ -122,33 +110,21 @@ HADRA_PLAT_API uint32_t sdb_destroy_begin(const char* uri) noexcept {
   Call c("sdb", "sdb_destroy_begin", PLAT_ERR_SDB_IO);
   c.args("uri=%s", show(uri));
   if (c.faulted()) return c.fail<uint32_t>();
-  auto g = sdb::lock();
-  std::string path;
-  uint32_t rc = sdb::uri_path(uri, path, false);
-  if (rc == 0) rc = mark_destroying(path);
-  return c.ret(rc);
+  return c.ret(sdb::with_path(uri, false, mark_destroying));
 }
 
 HADRA_PLAT_API uint32_t sdb_destroy_done(const char* uri, uint32_t sap, uint32_t cre_del_opcode) noexcept {
   Call c("sdb", "sdb_destroy_done", PLAT_ERR_SDB_IO);
   c.args("uri=%s sap=%u opcode=%u", show(uri), sap, cre_del_opcode);
   if (c.faulted()) return c.fail<uint32_t>();
-  auto g = sdb::lock();
-  std::string path;
-  uint32_t rc = sdb::uri_path(uri, path, false);
-  if (rc == 0) rc = sdb::destroy_at(path);
-  return c.ret(rc);
+  return c.ret(sdb::with_path(uri, false, sdb::destroy_at));
 }
 
 HADRA_PLAT_API uint32_t sdb_destroy(const char* uri) noexcept {
   Call c("sdb", "sdb_destroy", PLAT_ERR_SDB_IO);
   c.args("uri=%s", show(uri));
   if (c.faulted()) return c.fail<uint32_t>();
-  auto g = sdb::lock();
-  std::string path;
-  uint32_t rc = sdb::uri_path(uri, path, false);
-  if (rc == 0) rc = sdb::destroy_at(path);
-  return c.ret(rc);
+  return c.ret(sdb::with_path(uri, false, sdb::destroy_at));
 }
 
 HADRA_PLAT_API int sdb_exists(const char* uri) noexcept {
@@ -159,11 +135,9 @@ HADRA_PLAT_API int sdb_exists(const char* uri) noexcept {
   std::string path;
   if (sdb::uri_path(uri, path, false) != 0) return c.ret(0);
   if (sdb::find_path(path) != nullptr) return c.ret(1);
-  if (sdb::probe(path) != sdb::Stored::kSdb) return c.ret(0);
   sdb::Env env;
   sdb::Meta m;
-  bool live = sdb::open_existing(path, env, &m) == 0 && m.state != sdb::kStateDestroying;
-  return c.ret(live ? 1 : 0);
+  return c.ret(sdb::open_live(path, env, m) == 0 ? 1 : 0);
 }
 
 HADRA_PLAT_API uint32_t sdb_register(uint32_t* opcodes, uint32_t count) noexcept {

@@ -274,12 +274,27 @@ Stored probe(const std::string& path) {
   return ::stat(join(path, "data.mdb").c_str(), &st) == 0 && S_ISREG(st.st_mode) ? Stored::kSdb : Stored::kOther;
 }
 
+uint32_t check_stored(const std::string& path) {
+  switch (probe(path)) {
+    case Stored::kSdb: return 0;
+    case Stored::kNothing: return PLAT_ERR_SDB_NOT_FOUND;
+    default: return PLAT_ERR_SDB_BAD_URI;
+  }
+}
+
 uint32_t open_existing(const std::string& path, Env& env, Meta* meta) {
   uint32_t rc = env.open(path, env_flags(), false);
   if (rc != 0 || meta == nullptr) return rc;
   Txn txn;
   rc = txn.begin(env, true);
   if (rc == 0) rc = read_meta(txn.get(), env, *meta);
+  return rc;
+}
+
+uint32_t open_live(const std::string& path, Env& env, Meta& meta) {
+  uint32_t rc = check_stored(path);
+  if (rc == 0) rc = open_existing(path, env, &meta);
+  if (rc == 0 && meta.state == kStateDestroying) rc = PLAT_ERR_SDB_NOT_FOUND;
   return rc;
 }
 
@@ -314,9 +329,7 @@ uint32_t create_at(const std::string& path, uint32_t kind, uint32_t uuid) {
 }
 
 uint32_t destroy_at(const std::string& path) {
-  Stored s = probe(path);
-  if (s == Stored::kNothing) return PLAT_ERR_SDB_NOT_FOUND;
-  if (s == Stored::kOther) return PLAT_ERR_SDB_BAD_URI;
+  if (uint32_t rc = check_stored(path); rc != 0) return rc;
   close_open(path);
   {
     Env env;  // only what carries our meta record is ever removed

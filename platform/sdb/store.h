@@ -93,6 +93,17 @@ class Txn {
   MDB_txn* txn_ = nullptr;
 };
 
+// A cursor closed when it goes out of scope (before its transaction ends).
+struct Cursor {
+  MDB_cursor* c = nullptr;
+  Cursor() = default;
+  ~Cursor() {
+    if (c != nullptr) mdb_cursor_close(c);
+  }
+  Cursor(const Cursor&) = delete;
+  Cursor& operator=(const Cursor&) = delete;
+};
+
 // LMDB result to platform code.
 uint32_t map_err(int rc);
 uint32_t read_meta(MDB_txn* txn, const Env& env, Meta& out);
@@ -140,6 +151,15 @@ uint32_t with_open(const char* uri, F&& f) {
   uint32_t rc = find_open(uri, &db);
   return rc != 0 ? rc : f(*db);
 }
+// Takes the lock, resolves uri to its path (see uri_path) and runs f(path); or the
+// resolution's error. For calls that work on the stored SDB whether it is open here or not.
+template <class F>
+uint32_t with_path(const char* uri, bool mkdirs, F&& f) {
+  auto g = lock();
+  std::string path;
+  uint32_t rc = uri_path(uri, path, mkdirs);
+  return rc != 0 ? rc : f(path);
+}
 Db* add_open(std::unique_ptr<Db> db);
 void close_open(const std::string& path);
 bool id_is_open(uint64_t id);
@@ -150,10 +170,16 @@ void for_each_open(F&& f);
 // What is stored at a path.
 enum class Stored { kNothing, kSdb, kOther };
 Stored probe(const std::string& path);
+// probe() as a result: 0 for an SDB, PLAT_ERR_SDB_NOT_FOUND for nothing, PLAT_ERR_SDB_BAD_URI
+// for anything else.
+uint32_t check_stored(const std::string& path);
 
 // Open the environment of the SDB stored at path (not open in this process); meta, when
 // given, receives its meta record.
 uint32_t open_existing(const std::string& path, Env& env, Meta* meta);
+// The same for an SDB that must be usable: stored (check_stored) and not being destroyed
+// (PLAT_ERR_SDB_NOT_FOUND). meta receives its meta record.
+uint32_t open_live(const std::string& path, Env& env, Meta& meta);
 // Flags with which SDB environments are opened (SDB_SYNC) and their map size (SDB_MAP_SIZE).
 unsigned env_flags();
 
