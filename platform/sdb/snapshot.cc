@@ -46,16 +46,9 @@ uint32_t snapshot_path(const char* db_uri, const char* area, uint32_t uuid, bool
   return 0;
 }
 
-struct Cursor {
-  MDB_cursor* c = nullptr;
-  ~Cursor() {
-    if (c != nullptr) mdb_cursor_close(c);
-  }
-};
-
 // Copies every entry of one sub-database into an empty one, in key order.
 uint32_t copy_dbi(MDB_txn* from, MDB_dbi fd, MDB_txn* to, MDB_dbi td, unsigned append) {
-  Cursor cur;
+  sdb::Cursor cur;
   if (int e = mdb_cursor_open(from, fd, &cur.c); e != 0) return sdb::map_err(e);
   MDB_val k, v;
   int e = mdb_cursor_get(cur.c, &k, &v, MDB_FIRST);
@@ -77,13 +70,9 @@ uint32_t source_env(const std::string& path, sdb::Env& scratch, const sdb::Env**
     *out = &db->env;
     return 0;
   }
-  sdb::Stored s = sdb::probe(path);
-  if (s != sdb::Stored::kSdb) return s == sdb::Stored::kNothing ? PLAT_ERR_SDB_NOT_FOUND : PLAT_ERR_SDB_BAD_URI;
   sdb::Meta m;
-  uint32_t rc = sdb::open_existing(path, scratch, &m);
-  if (rc == 0 && m.state == sdb::kStateDestroying) rc = PLAT_ERR_SDB_NOT_FOUND;
   *out = &scratch;
-  return rc;
+  return sdb::open_live(path, scratch, m);
 }
 
 uint32_t write_file(const sdb::Env& src, MDB_txn* rt, const sdb::Meta& m, const std::string& snap) {
@@ -104,15 +93,11 @@ uint32_t write_file(const sdb::Env& src, MDB_txn* rt, const sdb::Meta& m, const 
   return rc;
 }
 
-uint32_t write_snapshot(const char* db_uri, const char* area, uint32_t uuid, uint32_t kind) {
-  auto g = sdb::lock();
-  std::string path, snap;
-  uint32_t rc = sdb::uri_path(db_uri, path, false);
-  if (rc == 0) rc = snapshot_path(db_uri, area, uuid, true, snap);
-  if (rc != 0) return rc;
+uint32_t write_snapshot(const std::string& path, const std::string& snap, uint32_t kind) {
   sdb::Env scratch;
   const sdb::Env* src = nullptr;
-  if ((rc = source_env(path, scratch, &src)) != 0) return rc;
+  uint32_t rc = source_env(path, scratch, &src);
+  if (rc != 0) return rc;
   sdb::Txn rt;
   sdb::Meta m;
   if ((rc = rt.begin(*src, true)) != 0 || (rc = sdb::read_meta(rt.get(), *src, m)) != 0) return rc;
@@ -148,12 +133,7 @@ uint32_t replace_contents(const sdb::Env& from, MDB_txn* rt, const sdb::Meta& sm
   return rc;
 }
 
-uint32_t read_snapshot(const char* db_uri, const char* area, uint32_t uuid, uint32_t kind) {
-  auto g = sdb::lock();
-  std::string path, snap;
-  uint32_t rc = sdb::uri_path(db_uri, path, true);
-  if (rc == 0) rc = snapshot_path(db_uri, area, uuid, false, snap);
-  if (rc != 0) return rc;
+uint32_t read_snapshot(const std::string& path, const std::string& snap, uint32_t kind) {
   struct stat st;
   if (::stat(snap.c_str(), &st) != 0) return PLAT_ERR_SDB_NOT_FOUND;
   sdb::Env file;
@@ -166,6 +146,7 @@ uint32_t read_snapshot(const char* db_uri, const char* area, uint32_t uuid, uint
   sdb::Env scratch;
   sdb::Db* db = nullptr;
   const sdb::Env* dst = nullptr;
+  uint32_t rc;
   if ((rc = target_env(path, sm, scratch, &db, &dst)) != 0) return rc;
   if ((rc = replace_contents(file, rt.get(), sm, *dst)) != 0) return rc;
   if (db != nullptr) {  // its iterator stood on records that are gone
@@ -178,36 +159,39 @@ uint32_t read_snapshot(const char* db_uri, const char* area, uint32_t uuid, uint
   return 0;
 }
 
+// Every snapshot call: the SDB's path and its snapshot's (only the side being written gets
+// its directories made), then the copy in the call's direction, all under the lock.
+uint32_t snapshot_call(const char* call, bool writing, const char* db_uri, const char* area, uint32_t uuid,
+                       uint32_t kind) {
+  Call c("sdb", call, PLAT_ERR_SDB_IO);
+  c.args("uri=%s area=%s uuid=%u", show(db_uri), show(area), uuid);
+  if (c.faulted()) return c.fail<uint32_t>();
+  return c.ret(sdb::with_path(db_uri, !writing, [&](const std::string& path) {
+    std::string snap;
+    uint32_t rc = snapshot_path(db_uri, area, uuid, writing, snap);
+    if (rc != 0) return rc;
+    return writing ? write_snapshot(path, snap, kind) : read_snapshot(path, snap, kind);
+  }));
+}
+
 }  // namespace
 
 extern "C" {
 
 HADRA_PLAT_API uint32_t sdb_write_snapshot(const char* db_uri, const char* base_uri, uint32_t uuid) noexcept {
-  Call c("sdb", "sdb_write_snapshot", PLAT_ERR_SDB_IO);
-  c.args("uri=%s area=%s uuid=%u", show(db_uri), show(base_uri), uuid);
-  if (c.faulted()) return c.fail<uint32_t>();
-  return c.ret(write_snapshot(db_uri, base_uri, uuid, SDB_CREATE_SDB));
+  return snapshot_call("sdb_write_snapshot", true, db_uri, base_uri, uuid, SDB_CREATE_SDB);
 }
 
 HADRA_PLAT_API uint32_t mksdb_write_snapshot(const char* db_uri, const char* base_uri, uint32_t uuid) noexcept {
-  Call c("sdb", "mksdb_write_snapshot", PLAT_ERR_SDB_IO);
-  c.args("uri=%s area=%s uuid=%u", show(db_uri), show(base_uri), uuid);
-  if (c.faulted()) return c.fail<uint32_t>();
-  return c.ret(write_snapshot(db_uri, base_uri, uuid, SDB_CREATE_MSDB));
+  return snapshot_call("mksdb_write_snapshot", true, db_uri, base_uri, uuid, SDB_CREATE_MSDB);
 }
 
 HADRA_PLAT_API uint32_t sdb_read_snapshot(const char* db_uri, const char* source_uri, uint32_t uuid) noexcept {
-  Call c("sdb", "sdb_read_snapshot", PLAT_ERR_SDB_IO);
-  c.args("uri=%s area=%s uuid=%u", show(db_uri), show(source_uri), uuid);
-  if (c.faulted()) return c.fail<uint32_t>();
-  return c.ret(read_snapshot(db_uri, source_uri, uuid, SDB_CREATE_SDB));
+  return snapshot_call("sdb_read_snapshot", false, db_uri, source_uri, uuid, SDB_CREATE_SDB);
 }
 
 HADRA_PLAT_API uint32_t mksdb_read_snapshot(const char* db_uri, const char* source_uri, uint32_t uuid) noexcept {
-  Call c("sdb", "mksdb_read_snapshot", PLAT_ERR_SDB_IO);
-  c.args("uri=%s area=%s uuid=%u", show(db_uri), show(source_uri), uuid);
-  if (c.faulted()) return c.fail<uint32_t>();
-  return c.ret(read_snapshot(db_uri, source_uri, uuid, SDB_CREATE_MSDB));
+  return snapshot_call("mksdb_read_snapshot", false, db_uri, source_uri, uuid, SDB_CREATE_MSDB);
 }
 
 }  // extern "C"
