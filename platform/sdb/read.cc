@@ -55,13 +55,6 @@ void fill(ReadBuf& b, const MDB_val* k, const MDB_val& v) {
   b.vd = datum{b.value.data(), static_cast<uint32_t>(b.value.size())};
 }
 
-struct Cursor {
-  MDB_cursor* c = nullptr;
-  ~Cursor() {
-    if (c != nullptr) mdb_cursor_close(c);
-  }
-};
-
 // One step of the iterator: the record at the position, or (advance) the one after it.
 uint32_t iter_step(sdb::Db& db, bool advance, datum** key, datum** data) {
   using Iter = sdb::Db::Iter;
@@ -69,7 +62,7 @@ uint32_t iter_step(sdb::Db& db, bool advance, datum** key, datum** data) {
   sdb::Txn txn;
   uint32_t rc = txn.begin(db.env, true);
   if (rc != 0) return rc;
-  Cursor cur;  // closed before the transaction ends
+  sdb::Cursor cur;  // closed before the transaction ends
   if (int e = mdb_cursor_open(txn.get(), db.env.records, &cur.c); e != 0) return sdb::map_err(e);
   MDB_val k = sdb::val_of(db.iter_key), v;
   int e = db.iter_key.empty() ? mdb_cursor_get(cur.c, &k, &v, MDB_FIRST) : mdb_cursor_get(cur.c, &k, &v, MDB_SET_RANGE);
@@ -90,12 +83,19 @@ uint32_t iter_step(sdb::Db& db, bool advance, datum** key, datum** data) {
   return 0;
 }
 
-uint32_t read_key(sdb::Db& db, const datum* key, datum** out) {
-  sdb::Txn txn;
+// Begins a read transaction of db and finds the record stored under key in it: k and v
+// receive the key and the value (valid while txn lasts).
+uint32_t find_record(const sdb::Db& db, sdb::Txn& txn, const datum* key, MDB_val& k, MDB_val& v) {
   uint32_t rc = txn.begin(db.env, true);
   if (rc != 0) return rc;
-  MDB_val k = sdb::val_of(key), v;
-  if (int e = mdb_get(txn.get(), db.env.records, &k, &v); e != 0) return sdb::map_err(e);
+  k = sdb::val_of(key);
+  return sdb::map_err(mdb_get(txn.get(), db.env.records, &k, &v));
+}
+
+uint32_t read_key(sdb::Db& db, const datum* key, datum** out) {
+  sdb::Txn txn;
+  MDB_val k, v;
+  if (uint32_t rc = find_record(db, txn, key, k, v); rc != 0) return rc;
   ReadBuf& b = buf_for(db);
   fill(b, nullptr, v);
   *out = &b.vd;
@@ -140,10 +140,8 @@ bool decode_skeys(ReadBuf& b) {
 
 uint32_t skeys_of(sdb::Db& db, const datum* key, const sdb_skey** skeys, uint32_t* count) {
   sdb::Txn txn;
-  uint32_t rc = txn.begin(db.env, true);
-  if (rc != 0) return rc;
-  MDB_val k = sdb::val_of(key), v;
-  if (int e = mdb_get(txn.get(), db.env.records, &k, &v); e != 0) return sdb::map_err(e);
+  MDB_val k, v;
+  if (uint32_t rc = find_record(db, txn, key, k, v); rc != 0) return rc;
   ReadBuf& b = buf_for(db);
   int e = mdb_get(txn.get(), db.env.mkeys, &k, &v);
   if (e != 0 && e != MDB_NOTFOUND) return sdb::map_err(e);
@@ -152,6 +150,15 @@ uint32_t skeys_of(sdb::Db& db, const datum* key, const sdb_skey** skeys, uint32_
   *skeys = b.sk.empty() ? nullptr : b.sk.data();
   *count = static_cast<uint32_t>(b.sk.size());
   return 0;
+}
+
+// sdb_getkey and sdb_getnext differ only in their names and in whether they step on.
+uint32_t iter_call(const char* call, const char* uri, bool advance, datum** key, datum** data) {
+  Call c("sdb", call, PLAT_ERR_SDB_NO_ITER);
+  c.args("uri=%s", show(uri));
+  if (c.faulted()) return c.fail<uint32_t>();
+  if (key == nullptr || data == nullptr) return c.ret(PLAT_ERR_SDB_BAD_ARG);
+  return c.ret(sdb::with_open(uri, [&](sdb::Db& db) { return iter_step(db, advance, key, data); }));
 }
 
 }  // namespace
@@ -175,19 +182,11 @@ HADRA_PLAT_API uint32_t sdb_iterator_init(const char* uri, const datum* start) n
 }
 
 HADRA_PLAT_API uint32_t sdb_getkey(const char* uri, datum** key, datum** data) noexcept {
-  Call c("sdb", "sdb_getkey", PLAT_ERR_SDB_NO_ITER);
-  c.args("uri=%s", show(uri));
-  if (c.faulted()) return c.fail<uint32_t>();
-  if (key == nullptr || data == nullptr) return c.ret(PLAT_ERR_SDB_BAD_ARG);
-  return c.ret(sdb::with_open(uri, [&](sdb::Db& db) { return iter_step(db, false, key, data); }));
+  return iter_call("sdb_getkey", uri, false, key, data);
 }
 
 HADRA_PLAT_API uint32_t sdb_getnext(const char* uri, datum** key, datum** data) noexcept {
-  Call c("sdb", "sdb_getnext", PLAT_ERR_SDB_NO_ITER);
-  c.args("uri=%s", show(uri));
-  if (c.faulted()) return c.fail<uint32_t>();
-  if (key == nullptr || data == nullptr) return c.ret(PLAT_ERR_SDB_BAD_ARG);
-  return c.ret(sdb::with_open(uri, [&](sdb::Db& db) { return iter_step(db, true, key, data); }));
+  return iter_call("sdb_getnext", uri, true, key, data);
 }
 
 HADRA_PLAT_API datum* sdb_read(const char* uri, const datum* key, uint32_t* rc) noexcept {
