@@ -10,6 +10,7 @@
 //   "skeys":  tag (u16, big-endian) + secondary-key bytes -> primary key (duplicates sorted)
 // The first tells a rewrite or delete which index entries to remove; the second answers
 // lookups by secondary key.
+#include <algorithm>
 #include <set>
 #include <string>
 
@@ -74,26 +75,57 @@ uint32_t put_skeys(MDB_txn* txn, const sdb::Env& env, MDB_val key, const sdb_ske
   return sdb::map_err(mdb_put(txn, env.mkeys, &key, &v, 0));
 }
 
-uint32_t put_record(MDB_txn* txn, const sdb::Env& env, const datum* key, const datum* data, sdb::WriteNote& note) {
+// One write transaction in progress: where records go, and what its context will tell.
+struct Writer {
+  MDB_txn* txn;
+  const sdb::Env& env;
+  sdb::WriteNote& note;
+};
+
+uint32_t put_record(Writer& w, const datum* key, const datum* data) {
   static char empty[1];
   MDB_val k = sdb::val_of(key), v{0, empty};
   if (data != nullptr && data->dsize > 0) v = sdb::val_of(data);
-  note.key(key->dptr, key->dsize);
-  return sdb::map_err(mdb_put(txn, env.records, &k, &v, 0));
+  w.note.key(key->dptr, key->dsize);
+  return sdb::map_err(mdb_put(w.txn, w.env.records, &k, &v, 0));
 }
 
 // Deletes the record and its secondary keys; a missing record gives NO_RECORD.
-uint32_t del_record(MDB_txn* txn, const sdb::Env& env, const datum* key, sdb::WriteNote& note) {
+uint32_t del_record(Writer& w, const datum* key) {
   MDB_val k = sdb::val_of(key);
-  note.key(key->dptr, key->dsize);
-  int rc = mdb_del(txn, env.records, &k, nullptr);
+  w.note.key(key->dptr, key->dsize);
+  int rc = mdb_del(w.txn, w.env.records, &k, nullptr);
   if (rc != 0) return sdb::map_err(rc);
-  return drop_skeys(txn, env, k);
+  return drop_skeys(w.txn, w.env, k);
 }
 
-uint32_t del_if_present(MDB_txn* txn, const sdb::Env& env, const datum* key, sdb::WriteNote& note) {
-  uint32_t rc = del_record(txn, env, key, note);
+uint32_t del_if_present(Writer& w, const datum* key) {
+  uint32_t rc = del_record(w, key);
   return rc == PLAT_ERR_SDB_NO_RECORD ? 0 : rc;
+}
+
+// Runs each(writer, i) for i in [0, count) in one write transaction of db; the first
+// failure aborts the transaction, so a list is applied whole or not at all.
+template <class F>
+uint32_t apply_each(sdb::Db& db, sdb::WriteOp op, uint32_t count, F&& each) {
+  return sdb::write_txn(db, op, [&](MDB_txn* txn, sdb::WriteNote& note) {
+    Writer w{txn, db.env, note};
+    for (uint32_t i = 0; i < count; ++i)
+      if (uint32_t rc = each(w, i); rc != 0) return rc;
+    return 0u;
+  });
+}
+
+// apply_each on the SDB named by uri.
+template <class F>
+uint32_t write_each(const char* uri, sdb::WriteOp op, uint32_t count, F&& each) {
+  return sdb::with_open(uri, [&](sdb::Db& db) { return apply_each(db, op, count, each); });
+}
+
+// A list argument: present, not empty, and every entry acceptable.
+template <class T, class P>
+bool list_ok(const T* list, uint32_t count, P ok) {
+  return list != nullptr && count != 0 && std::all_of(list, list + count, ok);
 }
 
 // A write-list entry that the HA library would not repeat on the standby.
@@ -121,12 +153,15 @@ bool mkey_op_ok(const sdb_mkey_op& e) {
   return true;
 }
 
-uint32_t apply_mkey_op(MDB_txn* txn, const sdb::Env& env, const sdb_mkey_op& e, sdb::WriteNote& note) {
-  if (e.op == SDB_OP_DELETE) return del_if_present(txn, env, e.key, note);
-  uint32_t rc = put_record(txn, env, e.key, e.data, note);
+// A delete-list entry without a key, which the list skips.
+bool no_key(const datum& k) { return k.dsize == 0 || k.dptr == nullptr; }
+
+uint32_t apply_mkey_op(Writer& w, const sdb_mkey_op& e) {
+  if (e.op == SDB_OP_DELETE) return del_if_present(w, e.key);
+  uint32_t rc = put_record(w, e.key, e.data);
   MDB_val k = sdb::val_of(e.key);
-  if (rc == 0) rc = drop_skeys(txn, env, k);
-  if (rc == 0) rc = put_skeys(txn, env, k, e.skeys, e.skey_count);
+  if (rc == 0) rc = drop_skeys(w.txn, w.env, k);
+  if (rc == 0) rc = put_skeys(w.txn, w.env, k, e.skeys, e.skey_count);
   return rc;
 }
 
@@ -139,28 +174,17 @@ HADRA_PLAT_API uint32_t sdb_write(const char* uri, const datum* key, const datum
   c.args("uri=%s klen=%u dlen=%u", show(uri), len_of(key), len_of(data));
   if (c.faulted()) return c.fail<uint32_t>();
   if (!sdb::key_ok(key) || !sdb::value_ok(data)) return c.ret(PLAT_ERR_SDB_BAD_ARG);
-  return c.ret(sdb::with_open(uri, [&](sdb::Db& db) {
-    return sdb::write_txn(db, sdb::WriteOp::kWrite, [&](MDB_txn* txn, sdb::WriteNote& note) {
-      return put_record(txn, db.env, key, data, note);
-    });
-  }));
+  return c.ret(write_each(uri, sdb::WriteOp::kWrite, 1, [&](Writer& w, uint32_t) { return put_record(w, key, data); }));
 }
 
 HADRA_PLAT_API uint32_t sdb_write_list(const char* uri, const sdb_kv* list, uint32_t count) noexcept {
   Call c("sdb", "sdb_write_list", PLAT_ERR_SDB_IO);
   c.args("uri=%s count=%u", show(uri), count);
   if (c.faulted()) return c.fail<uint32_t>();
-  if (list == nullptr || count == 0) return c.ret(PLAT_ERR_SDB_BAD_ARG);
-  for (uint32_t i = 0; i < count; ++i)
-    if (!is_hole(list[i]) && list[i].key->dsize > SDB_KEY_MAX) return c.ret(PLAT_ERR_SDB_BAD_ARG);
-  return c.ret(sdb::with_open(uri, [&](sdb::Db& db) {
-    return sdb::write_txn(db, sdb::WriteOp::kWriteList, [&](MDB_txn* txn, sdb::WriteNote& note) {
-      for (uint32_t i = 0; i < count; ++i) {
-        if (is_hole(list[i])) continue;
-        if (uint32_t rc = put_record(txn, db.env, list[i].key, list[i].data, note); rc != 0) return rc;
-      }
-      return 0u;
-    });
+  if (!list_ok(list, count, [](const sdb_kv& e) { return is_hole(e) || e.key->dsize <= SDB_KEY_MAX; }))
+    return c.ret(PLAT_ERR_SDB_BAD_ARG);
+  return c.ret(write_each(uri, sdb::WriteOp::kWriteList, count, [&](Writer& w, uint32_t i) {
+    return is_hole(list[i]) ? 0u : put_record(w, list[i].key, list[i].data);
   }));
 }
 
@@ -168,19 +192,10 @@ HADRA_PLAT_API uint32_t sdb_list_ops(const char* uri, const sdb_list_op* list, u
   Call c("sdb", "sdb_list_ops", PLAT_ERR_SDB_IO);
   c.args("uri=%s count=%u", show(uri), count);
   if (c.faulted()) return c.fail<uint32_t>();
-  if (list == nullptr || count == 0) return c.ret(PLAT_ERR_SDB_BAD_ARG);
-  for (uint32_t i = 0; i < count; ++i)
-    if (!list_op_ok(list[i])) return c.ret(PLAT_ERR_SDB_BAD_ARG);
-  return c.ret(sdb::with_open(uri, [&](sdb::Db& db) {
-    return sdb::write_txn(db, sdb::WriteOp::kListOps, [&](MDB_txn* txn, sdb::WriteNote& note) {
-      for (uint32_t i = 0; i < count; ++i) {
-        const sdb_list_op& e = list[i];
-        uint32_t rc = e.op == SDB_OP_WRITE ? put_record(txn, db.env, e.key, e.data, note)
-                                           : del_if_present(txn, db.env, e.key, note);
-        if (rc != 0) return rc;
-      }
-      return 0u;
-    });
+  if (!list_ok(list, count, list_op_ok)) return c.ret(PLAT_ERR_SDB_BAD_ARG);
+  return c.ret(write_each(uri, sdb::WriteOp::kListOps, count, [&](Writer& w, uint32_t i) {
+    const sdb_list_op& e = list[i];
+    return e.op == SDB_OP_WRITE ? put_record(w, e.key, e.data) : del_if_present(w, e.key);
   }));
 }
 
@@ -189,29 +204,17 @@ HADRA_PLAT_API uint32_t sdb_delete(const char* uri, const datum* key) noexcept {
   c.args("uri=%s klen=%u", show(uri), len_of(key));
   if (c.faulted()) return c.fail<uint32_t>();
   if (!sdb::key_ok(key)) return c.ret(PLAT_ERR_SDB_BAD_ARG);
-  return c.ret(sdb::with_open(uri, [&](sdb::Db& db) {
-    return sdb::write_txn(db, sdb::WriteOp::kDelete, [&](MDB_txn* txn, sdb::WriteNote& note) {
-      return del_record(txn, db.env, key, note);
-    });
-  }));
+  return c.ret(write_each(uri, sdb::WriteOp::kDelete, 1, [&](Writer& w, uint32_t) { return del_record(w, key); }));
 }
 
 HADRA_PLAT_API uint32_t sdb_delete_list(const char* uri, const datum* keys, uint32_t count) noexcept {
   Call c("sdb", "sdb_delete_list", PLAT_ERR_SDB_IO);
   c.args("uri=%s count=%u", show(uri), count);
   if (c.faulted()) return c.fail<uint32_t>();
-  if (keys == nullptr || count == 0) return c.ret(PLAT_ERR_SDB_BAD_ARG);
-  auto skipped = [&](uint32_t i) { return keys[i].dsize == 0 || keys[i].dptr == nullptr; };
-  for (uint32_t i = 0; i < count; ++i)
-    if (!skipped(i) && !sdb::key_ok(&keys[i])) return c.ret(PLAT_ERR_SDB_BAD_ARG);
-  return c.ret(sdb::with_open(uri, [&](sdb::Db& db) {
-    return sdb::write_txn(db, sdb::WriteOp::kDeleteList, [&](MDB_txn* txn, sdb::WriteNote& note) {
-      for (uint32_t i = 0; i < count; ++i) {
-        if (skipped(i)) continue;
-        if (uint32_t rc = del_if_present(txn, db.env, &keys[i], note); rc != 0) return rc;
-      }
-      return 0u;
-    });
+  if (!list_ok(keys, count, [](const datum& k) { return no_key(k) || sdb::key_ok(&k); }))
+    return c.ret(PLAT_ERR_SDB_BAD_ARG);
+  return c.ret(write_each(uri, sdb::WriteOp::kDeleteList, count, [&](Writer& w, uint32_t i) {
+    return no_key(keys[i]) ? 0u : del_if_present(w, &keys[i]);
   }));
 }
 
@@ -219,16 +222,11 @@ HADRA_PLAT_API uint32_t sdb_write_mkey_list(const char* uri, const sdb_mkey_op* 
   Call c("sdb", "sdb_write_mkey_list", PLAT_ERR_SDB_IO);
   c.args("uri=%s count=%u", show(uri), count);
   if (c.faulted()) return c.fail<uint32_t>();
-  if (list == nullptr || count == 0) return c.ret(PLAT_ERR_SDB_BAD_ARG);
-  for (uint32_t i = 0; i < count; ++i)
-    if (!mkey_op_ok(list[i])) return c.ret(PLAT_ERR_SDB_BAD_ARG);
+  if (!list_ok(list, count, mkey_op_ok)) return c.ret(PLAT_ERR_SDB_BAD_ARG);
   return c.ret(sdb::with_open(uri, [&](sdb::Db& db) {
     if (db.kind != SDB_CREATE_MSDB) return PLAT_ERR_SDB_BAD_ARG;
-    return sdb::write_txn(db, sdb::WriteOp::kMkeyList, [&](MDB_txn* txn, sdb::WriteNote& note) {
-      for (uint32_t i = 0; i < count; ++i)
-        if (uint32_t rc = apply_mkey_op(txn, db.env, list[i], note); rc != 0) return rc;
-      return 0u;
-    });
+    return apply_each(db, sdb::WriteOp::kMkeyList, count,
+                      [&](Writer& w, uint32_t i) { return apply_mkey_op(w, list[i]); });
   }));
 }
 
