@@ -11,10 +11,12 @@
 // The first tells a rewrite or delete which index entries to remove; the second answers
 // lookups by secondary key.
 #include <algorithm>
+#include <atomic>
 #include <set>
 #include <string>
 
 #include "common/call.h"
+#include "hadra_platform_testing.h"
 #include "sdb/bytes.h"
 #include "sdb/store.h"
 
@@ -25,6 +27,11 @@ namespace {
 
 const char* show(const char* s) { return s != nullptr ? s : "(null)"; }
 uint32_t len_of(const datum* d) { return d != nullptr ? d->dsize : 0; }
+
+// Context length a test made sdb_get_context_len report (0: the real one).
+std::atomic<uint32_t> g_test_context_len{0};
+void forget_test_context_len() { g_test_context_len = 0; }
+[[maybe_unused]] const bool g_reset_registered = (hadra::plat::register_reset(&forget_test_context_len), true);
 
 // Removes the record's secondary keys from the index and forgets its list.
 uint32_t drop_skeys(MDB_txn* txn, const sdb::Env& env, MDB_val key) {
@@ -243,10 +250,13 @@ HADRA_PLAT_API uint32_t sdb_get_context_len(const char* uri, uint32_t* len) noex
   if (c.faulted()) return c.fail<uint32_t>();
   if (len == nullptr) return c.ret(PLAT_ERR_SDB_BAD_ARG);
   return c.ret(sdb::with_open(uri, [&](sdb::Db&) {
-    *len = SDB_CONTEXT_LEN;
+    uint32_t claimed = g_test_context_len;
+    *len = claimed != 0 ? claimed : SDB_CONTEXT_LEN;
     return 0u;
   }));
 }
+
+HADRA_PLAT_API void plat_test_sdb_set_context_len(uint32_t len) noexcept { g_test_context_len = len; }
 
 HADRA_PLAT_API uint32_t sdb_set_context(const char* uri, void* buffer) noexcept {
   Call c("sdb", "sdb_set_context", PLAT_ERR_SDB_IO);

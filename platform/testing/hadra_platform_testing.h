@@ -95,6 +95,10 @@ HADRA_PLAT_API int plat_test_log_get(size_t i, int *level, char *out, size_t out
 HADRA_PLAT_API void plat_test_hist_set_debug_elem(uint32_t elem, int on) PLAT_NOEXCEPT;
 HADRA_PLAT_API void plat_test_hist_filter_event(uint32_t event, int filtered) PLAT_NOEXCEPT;
 
+/* SDB. Length that sdb_get_context_len reports for an open SDB (0: the real SDB_CONTEXT_LEN),
+   so that a test can meet a platform whose context is longer than it ever gives. */
+HADRA_PLAT_API void plat_test_sdb_set_context_len(uint32_t len) PLAT_NOEXCEPT;
+
 /* ---- System-manager procedures: the test plays the system manager ---------------------
  *
  * Until a system-manager daemon serves them, the answers a client gives to gsync and

@@ -5,18 +5,6 @@
 #include "sdb/ops.h"
 #include "tests/sdb/sdb_fixture.h"
 
-// The platform's context is always 32 bytes; this seam (the test binary links with
-// --wrap=sdb_get_context_len) lets a test claim a longer one.
-namespace {
-uint32_t g_claimed_context_len = 0;
-}
-extern "C" uint32_t __real_sdb_get_context_len(const char* uri, uint32_t* len);
-extern "C" uint32_t __wrap_sdb_get_context_len(const char* uri, uint32_t* len) {
-  const uint32_t rc = __real_sdb_get_context_len(uri, len);
-  if (rc == 0 && g_claimed_context_len != 0) *len = g_claimed_context_len;
-  return rc;
-}
-
 namespace {
 
 using hadra::test::Bytes;
@@ -25,10 +13,6 @@ using Calls = std::vector<std::string>;
 
 class SdbUpdateTest : public hadra::test::SdbOpsTest {
  protected:
-  void TearDown() override {
-    g_claimed_context_len = 0;
-    SdbOpsTest::TearDown();
-  }
   int update(const std::string& k, const std::string& v, uint32_t notify = 1) {
     return hadra_sdb_update(sdb_, k.data(), static_cast<uint32_t>(k.size()), v.data(), static_cast<uint32_t>(v.size()),
                             notify);
@@ -124,9 +108,10 @@ TEST_F(SdbUpdateTest, WriteIsCompletedWhenTheContextCannotBeHadOrSent) {
   plat_fault_arm("sdb_get_context_len", 0, 1, PLAT_ERR_SDB_IO, 0);
   plat_trace_start();
   EXPECT_EQ(hadra_sdb_update_notification(sdb_), 0);
-  g_claimed_context_len = HADRA_SDB_CONTEXT_BUF_SIZE + 1;
+  // The platform's context is 32 bytes; the setter makes it claim a longer one.
+  plat_test_sdb_set_context_len(HADRA_SDB_CONTEXT_BUF_SIZE + 1);
   EXPECT_EQ(hadra_sdb_update_notification(sdb_), 0);
-  g_claimed_context_len = 0;
+  plat_test_sdb_set_context_len(0);
   EXPECT_EQ(plat_trace_count("sdb_set_context"), 0u);
   plat_fault_arm("sdb_set_context", 0, 1, PLAT_ERR_SDB_IO, 0);
   EXPECT_EQ(hadra_sdb_update_notification(sdb_), 1);
