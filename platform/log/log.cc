@@ -81,6 +81,20 @@ void facility_settle() noexcept {
   fill_preamble(g_fac_name);
 }
 
+namespace {
+
+// The two exported line writers differ only in their names.
+void log_call(const char* call, int level, const char* format, va_list ap) noexcept {
+  Call c("log", call, 0);
+  c.args("level=%d", level);
+  if (c.faulted()) return (void)c.fail<int>();
+  facility_settle();
+  vwritef(level, format, ap);
+  c.ret_void();
+}
+
+}  // namespace
+
 }  // namespace hadra::plat::log
 
 namespace lg = hadra::plat::log;
@@ -93,27 +107,17 @@ HADRA_PLAT_API char syslog_preamble[64];
 extern const char sdwrap_dbg_modname[] = "hadra_sysmgr";  // exported by its declaration
 
 HADRA_PLAT_API void plat_syslog(int level, const char* format, ...) noexcept {
-  hadra::plat::Call c("log", "plat_syslog", 0);
-  c.args("level=%d", level);
-  if (c.faulted()) return (void)c.fail<int>();
-  lg::facility_settle();
   va_list ap;
   va_start(ap, format);
-  lg::vwritef(level, format, ap);
+  lg::log_call("plat_syslog", level, format, ap);
   va_end(ap);
-  c.ret_void();
 }
 
 HADRA_PLAT_API void syslog_log(int level, const char* format, ...) noexcept {
-  hadra::plat::Call c("log", "syslog_log", 0);
-  c.args("level=%d", level);
-  if (c.faulted()) return (void)c.fail<int>();
-  lg::facility_settle();
   va_list ap;
   va_start(ap, format);
-  lg::vwritef(level, format, ap);
+  lg::log_call("syslog_log", level, format, ap);
   va_end(ap);
-  c.ret_void();
 }
 
 // A debug print is a debug-level line naming the module and the print level it came with.
