@@ -1,6 +1,7 @@
 // The exported MTS calls: trace, fault injection, argument checks, then the core.
 #include <cerrno>
 #include <cstdio>
+#include <type_traits>
 
 #include "common/call.h"
 #include "hadra_platform/log.h"
@@ -12,9 +13,13 @@ using hadra::plat::Call;
 
 namespace {
 
-// Reads one field of a held message; failure (bad reference) gives dflt with errno EINVAL.
+// The call named call: reads one field of a held message; failure (bad reference) gives
+// dflt with errno EINVAL, and dflt is also what an injected fault returns.
 template <class R, class F>
-R read_field(Call& c, const mts_msg_ref* ref, R dflt, F field) {
+R read_field(const char* call, const mts_msg_ref* ref, R dflt, F field) {
+  long long natural = 0;
+  if constexpr (!std::is_pointer_v<R>) natural = static_cast<long long>(dflt);
+  Call c("mts", call, natural);
   if (ref != nullptr) c.args("sap=%u slot=%u gen=%llu", ref->sap, ref->slot, static_cast<unsigned long long>(ref->gen));
   if (c.faulted()) return c.fail<R>();
   mts::MsgInfo mi;
@@ -57,17 +62,11 @@ HADRA_PLAT_API int mts_send(uint32_t src_sap, uint32_t dest_addr, uint32_t dest_
     if (out_ref != nullptr) *out_ref = mts_msg_ref{};
     return c.fail<int>();
   }
-  mts::Outgoing o;
+  mts::Outgoing o{src_sap, mts::Route{}, opcode, hdr, hdr_len, desc, flags, 0};
   if (mts::resolve(src_sap, dest_addr, dest_sap, &o.route) != 0) {
     if (out_ref != nullptr) *out_ref = mts_msg_ref{};
     return c.ret(-1);
   }
-  o.src_sap = src_sap;
-  o.opcode = opcode;
-  o.hdr = hdr;
-  o.hdr_len = hdr_len;
-  o.desc = desc;
-  o.flags = flags;
   return c.ret(mts::send(o, out_ref));
 }
 
@@ -83,15 +82,8 @@ HADRA_PLAT_API int mts_reply(uint32_t sap, const mts_msg_ref* request, uint32_t 
     errno = EINVAL;
     return c.ret(-1);
   }
-  mts::Outgoing o;
-  o.src_sap = sap;
-  o.route = mts::Route{mi.from_peer, mi.h.src_sap};
-  o.opcode = opcode;
-  o.hdr = hdr;
-  o.hdr_len = hdr_len;
-  o.desc = desc;
-  o.flags = flags;
-  o.rr_token = mi.h.rr_token;
+  // Back to where the request came from, under the request's token.
+  mts::Outgoing o{sap, mts::Route{mi.from_peer, mi.h.src_sap}, opcode, hdr, hdr_len, desc, flags, mi.h.rr_token};
   return c.ret(mts::send(o, out_ref));
 }
 
@@ -114,48 +106,41 @@ HADRA_PLAT_API int mts_drop(uint32_t sap, const mts_msg_ref* ref) noexcept {
 }
 
 HADRA_PLAT_API uint32_t mts_opc_get(const mts_msg_ref* ref) noexcept {
-  Call c("mts", "mts_opc_get", 0);
-  return read_field<uint32_t>(c, ref, 0u, [](const mts::MsgInfo& m) { return m.h.opcode; });
+  return read_field<uint32_t>("mts_opc_get", ref, 0u, [](const mts::MsgInfo& m) { return m.h.opcode; });
 }
 
 HADRA_PLAT_API int mts_sync_event_get(const mts_msg_ref* ref) noexcept {
-  Call c("mts", "mts_sync_event_get", -1);
-  return read_field<int>(c, ref, -1, [](const mts::MsgInfo& m) { return static_cast<int>(m.h.sync_event); });
+  return read_field<int>("mts_sync_event_get", ref, -1,
+                         [](const mts::MsgInfo& m) { return static_cast<int>(m.h.sync_event); });
 }
 
 HADRA_PLAT_API void* mts_payload_get(const mts_msg_ref* ref) noexcept {
-  Call c("mts", "mts_payload_get", 0);
-  return read_field<void*>(c, ref, nullptr, [](const mts::MsgInfo& m) { return m.payload; });
+  return read_field<void*>("mts_payload_get", ref, nullptr, [](const mts::MsgInfo& m) { return m.payload; });
 }
 
 HADRA_PLAT_API uint32_t mts_payload_size(const mts_msg_ref* ref) noexcept {
-  Call c("mts", "mts_payload_size", 0);
-  return read_field<uint32_t>(c, ref, 0u, [](const mts::MsgInfo& m) { return m.h.payload_len; });
+  return read_field<uint32_t>("mts_payload_size", ref, 0u, [](const mts::MsgInfo& m) { return m.h.payload_len; });
 }
 
 HADRA_PLAT_API uint64_t mts_ha_seqno_get(const mts_msg_ref* ref) noexcept {
-  Call c("mts", "mts_ha_seqno_get", 0);
-  return read_field<uint64_t>(c, ref, 0u, [](const mts::MsgInfo& m) { return m.h.ha_seqno; });
+  return read_field<uint64_t>("mts_ha_seqno_get", ref, 0u, [](const mts::MsgInfo& m) { return m.h.ha_seqno; });
 }
 
 HADRA_PLAT_API uint32_t mts_msg_id_get(const mts_msg_ref* ref) noexcept {
-  Call c("mts", "mts_msg_id_get", 0);
-  return read_field<uint32_t>(c, ref, 0u, [](const mts::MsgInfo& m) { return m.h.msg_id; });
+  return read_field<uint32_t>("mts_msg_id_get", ref, 0u, [](const mts::MsgInfo& m) { return m.h.msg_id; });
 }
 
 HADRA_PLAT_API uint32_t mts_rr_token_get(const mts_msg_ref* ref) noexcept {
-  Call c("mts", "mts_rr_token_get", 0);
-  return read_field<uint32_t>(c, ref, 0u, [](const mts::MsgInfo& m) { return m.h.rr_token; });
+  return read_field<uint32_t>("mts_rr_token_get", ref, 0u, [](const mts::MsgInfo& m) { return m.h.rr_token; });
 }
 
 HADRA_PLAT_API uint32_t mts_src_sap_get(const mts_msg_ref* ref) noexcept {
-  Call c("mts", "mts_src_sap_get", 0);
-  return read_field<uint32_t>(c, ref, 0u, [](const mts::MsgInfo& m) { return m.h.src_sap; });
+  return read_field<uint32_t>("mts_src_sap_get", ref, 0u, [](const mts::MsgInfo& m) { return m.h.src_sap; });
 }
 
 HADRA_PLAT_API uint32_t mts_msg_flags_get(const mts_msg_ref* ref) noexcept {
-  Call c("mts", "mts_msg_flags_get", 0);
-  return read_field<uint32_t>(c, ref, 0u, [](const mts::MsgInfo& m) { return static_cast<uint32_t>(m.h.flags); });
+  return read_field<uint32_t>("mts_msg_flags_get", ref, 0u,
+                              [](const mts::MsgInfo& m) { return static_cast<uint32_t>(m.h.flags); });
 }
 
 HADRA_PLAT_API const char* mts_opc_name_get(uint32_t opcode) noexcept {
