@@ -22,6 +22,20 @@ mts::LoopbackTransport* loopback() {
 // Epoch of the stream that mts_test_deliver plays.
 constexpr uint32_t kTestEpoch = 0x7e57u;
 
+// Hands head then body to the core as one frame, as if the transport had received it. An
+// empty frame still takes a byte, for the core to refuse like any short one.
+int deliver_bytes(const void* head, size_t head_len, const void* body, size_t body_len, bool from_peer) {
+  size_t len = head_len + body_len;
+  mts::Frame f = mts::Frame::allocate(len != 0 ? len : 1);
+  if (f.empty()) {
+    errno = ENOMEM;
+    return -1;
+  }
+  if (head_len != 0) std::memcpy(f.data(), head, head_len);
+  if (body_len != 0) std::memcpy(f.data() + head_len, body, body_len);
+  return mts::deliver_frame(std::move(f), from_peer);
+}
+
 }  // namespace
 
 extern "C" {
@@ -63,13 +77,7 @@ HADRA_PLAT_API int mts_test_feed(const void* frame, size_t len) noexcept {
     return -1;
   }
   // A frame shorter than its header is refused (and counted) by the core like any other.
-  mts::Frame f = mts::Frame::allocate(len != 0 ? len : 1);
-  if (f.empty()) {
-    errno = ENOMEM;
-    return -1;
-  }
-  std::memcpy(f.data(), frame, len);
-  return mts::deliver_frame(std::move(f), true);
+  return deliver_bytes(frame, len, nullptr, 0, true);
 }
 
 HADRA_PLAT_API int mts_test_deliver(uint32_t sap, uint32_t src_sap, int from_peer, uint32_t opcode, int sync_event,
@@ -88,14 +96,9 @@ HADRA_PLAT_API int mts_test_deliver(uint32_t sap, uint32_t src_sap, int from_pee
   h.rr_token = rr_token;
   h.epoch = kTestEpoch;
   h.payload_len = len;
-  mts::Frame f = mts::Frame::allocate(mts::kWireHdrSize + len);
-  if (f.empty()) {
-    errno = ENOMEM;
-    return -1;
-  }
-  mts::encode(h, f.data());
-  if (len != 0) std::memcpy(f.data() + mts::kWireHdrSize, payload, len);
-  return mts::deliver_frame(std::move(f), from_peer != 0);
+  uint8_t wire[mts::kWireHdrSize];
+  mts::encode(h, wire);
+  return deliver_bytes(wire, sizeof wire, payload, len, from_peer != 0);
 }
 
 HADRA_PLAT_API int mts_test_counters_get(uint32_t sap, mts_test_counters* out) noexcept {
