@@ -13,16 +13,13 @@
 // Keys cycle over kKeys records so that every update replaces a record of the same size and
 // the file does not grow while the benchmark runs.
 #include <benchmark/benchmark.h>
-#include <stdlib.h>
 
 #include <cstdio>
 #include <cstring>
-#include <filesystem>
-#include <string>
 
+#include "bench/bench_support.h"
 #include "hadra/hadra.h"
 #include "hadra_platform/pss.h"
-#include "hadra_platform_testing.h"
 
 namespace {
 
@@ -33,15 +30,6 @@ constexpr uint32_t kValueLen = 64;
 class Bench {
  public:
   Bench() {
-    char tmpl[] = "/tmp/hadra-bench-XXXXXX";
-    root_ = mkdtemp(tmpl) != nullptr ? tmpl : "";
-    plat_test_reset();
-    plat_test_set_root(root_.c_str());
-    plat_test_sysmgr_set_supstate(HADRA_SUP_ACTIVE);
-    hadra_ha_handle.sap = 0x3100;
-    hadra_ha_handle.opcode = 0x3101;
-    hadra_ha_disable_debug();
-    hadra_sdwrap_dbg_elem_set(0, nullptr);
     entry_ = hadra_ha_register_pss(1, "bench");
     uint32_t err = 0;
     if (entry_ != nullptr) entry_->pss_handle = pss2_open(entry_->uri, PSS2_OPEN_FLAGS_CREATE, 0, 0, nullptr, &err);
@@ -61,9 +49,6 @@ class Bench {
       entry_->pss_handle = 0;
       entry_->state = HADRA_HA_DISABLE;
     }
-    plat_test_reset();
-    std::error_code ec;
-    if (!root_.empty()) std::filesystem::remove_all(root_, ec);
   }
   Bench(const Bench &) = delete;
   Bench &operator=(const Bench &) = delete;
@@ -81,7 +66,7 @@ class Bench {
   void *value() { return value_; }
 
  private:
-  std::string root_;
+  hadra::bench::ScratchRoot root_{0x3100, 0x3101};
   hadra_ha_pss_entry *entry_ = nullptr;
   bool ok_ = false;
   char value_[kValueLen];

@@ -12,17 +12,15 @@
 // "per_record" is the time of one record (seconds, shown in the unit the library picks).
 // Keys cycle over kKeys records of the same size, so the SDB does not grow while measuring.
 #include <benchmark/benchmark.h>
-#include <stdlib.h>
 
 #include <cstdio>
-#include <filesystem>
 #include <string>
 #include <vector>
 
+#include "bench/bench_support.h"
 #include "hadra/hadra.h"
 #include "hadra_mts_testing.h"
 #include "hadra_platform/sdb.h"
-#include "hadra_platform_testing.h"
 #include "sdb/batch.h"
 
 namespace {
@@ -36,15 +34,6 @@ constexpr uint32_t kValueLen = 64;
 class Bench {
  public:
   Bench() {
-    char tmpl[] = "/tmp/hadra-bench-XXXXXX";
-    root_ = mkdtemp(tmpl) != nullptr ? tmpl : "";
-    plat_test_reset();
-    plat_test_set_root(root_.c_str());
-    plat_test_sysmgr_set_supstate(HADRA_SUP_ACTIVE);
-    hadra_ha_handle.sap = 0x3200;
-    hadra_ha_handle.opcode = 0x3201;
-    hadra_ha_disable_debug();
-    hadra_sdwrap_dbg_elem_set(0, nullptr);
     active_ = open(1, "bench_active");
     standby_ = open(2, "bench_standby");
     keys_.resize(kKeys);
@@ -58,11 +47,6 @@ class Bench {
     key_datums_.resize(kKeys);
     for (uint32_t i = 0; i < kKeys; ++i) key_datums_[i] = {keys_[i].data(), kKeyLen};
     value_datum_ = {value_.data(), kValueLen};
-  }
-  ~Bench() {
-    plat_test_reset();
-    std::error_code ec;
-    std::filesystem::remove_all(root_, ec);
   }
   bool ok() const { return active_ != nullptr && standby_ != nullptr; }
 
@@ -87,6 +71,7 @@ class Bench {
     return out;
   }
 
+  hadra::bench::ScratchRoot root_{0x3200, 0x3201};  // first: set up before, gone after the rest
   hadra_ha_pss_entry* active_ = nullptr;
   hadra_ha_pss_entry* standby_ = nullptr;
   std::vector<std::string> keys_;
@@ -101,7 +86,6 @@ class Bench {
       return nullptr;
     return e;
   }
-  std::string root_;
 };
 
 void per_record(benchmark::State& state, double records) {
