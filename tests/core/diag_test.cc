@@ -39,11 +39,6 @@ class DiagTest : public PlatformTest {
     std::memcpy(&elem, r.data, sizeof elem);
     return {elem, reinterpret_cast<const char *>(r.data + 4)};
   }
-  static std::string line(size_t i, int *level) {
-    char text[4096] = "";
-    plat_test_log_get(i, level, text, sizeof text);
-    return text;
-  }
   sdwrap_hist_buf *buf_ = nullptr;
 };
 
@@ -63,9 +58,9 @@ TEST_F(DiagTest, DebugLogAloneWritesLevelSix) {
   plat_trace_start();
   HADRA_DBG("Disabling PSS %s\n", "routes");
   EXPECT_EQ(trace_calls(), Calls{"plat_syslog"});
-  int level = 0;
-  EXPECT_EQ(line(0, &level).find("Disabling PSS routes"), 0u);
-  EXPECT_EQ(level, 6);
+  ASSERT_EQ(log_lines().size(), 1u);
+  EXPECT_EQ(log_lines()[0].text.find("Disabling PSS routes"), 0u);
+  EXPECT_EQ(log_lines()[0].level, 6);
 }
 
 TEST_F(DiagTest, TraceRecordCarriesElementUuidThreadTagAndIsCutAt200) {
@@ -112,9 +107,9 @@ TEST_F(DiagTest, ReportWritesUpperCaseFacilityAndParameterRecord) {
   std::memset(syslog_vmsg_params, 0xab, sizeof syslog_vmsg_params);
   plat_test_log_set_facility("hadra_Core", 7);
   report(g_desc, 5, "text");
-  int level = 0;
-  EXPECT_EQ(line(0, &level), "%HADRA_CORE-3-TEST_MSG: code 5, text");
-  EXPECT_EQ(level, 3);
+  ASSERT_FALSE(log_lines().empty());  // the report, then its traceback
+  EXPECT_EQ(log_lines()[0].text, "%HADRA_CORE-3-TEST_MSG: code 5, text");
+  EXPECT_EQ(log_lines()[0].level, 3);
 
   unsigned char want[sizeof syslog_vmsg_params] = {};
   want[0] = want[64] = 1;  // little-endian words of 1; words at 16 and 20 stay 0

@@ -10,9 +10,9 @@
 namespace {
 
 using hadra::test::Files;
-using hadra::test::Frame;
+using Frame = hadra::test::SentFrame;
+using hadra::test::take_sent;
 using hadra::test::open_store_files;
-using hadra::test::take_frames;
 using Ops = std::vector<uint32_t>;
 
 constexpr uint32_t kSyncOpcode = 0x4402;
@@ -44,7 +44,7 @@ class InitTest : public hadra::test::PlatformTest {
   // Sync opcodes of the sync messages sent to the peer, and the MTS opcodes of the rest.
   Ops sent() {
     Ops out;
-    for (const Frame& f : take_frames()) out.push_back(f.opcode == kSyncOpcode ? f.sync_opcode() : f.opcode);
+    for (const Frame& f : take_sent()) out.push_back(f.opcode == kSyncOpcode ? f.sync_opcode() : f.opcode);
     return out;
   }
 
@@ -115,10 +115,10 @@ TEST_F(InitTest, NoGsyncInitialisationStartsEverythingUnsynced) {
 TEST_F(InitTest, DisablingAnnouncesTheDestroyEvenUnsyncedAndClearsTheUri) {
   hadra_ha_register_msdb(5, "adj", 0x611, 0x612);
   ASSERT_EQ(hadra_ha_api_init(&record_), 1);
-  take_frames();
+  take_sent();
   pss_->no_sync = sdb_->no_sync = 1;
   hadra_ha_disable(pss_);
-  std::vector<Frame> f = take_frames();
+  std::vector<Frame> f = take_sent();
   ASSERT_EQ(f.size(), 1u);
   EXPECT_EQ(f[0].payload, (std::vector<uint8_t>{1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, HADRA_SYNC_PSS_DESTROY}));
   EXPECT_EQ(pss_->pss_handle, 0u);

@@ -1,5 +1,5 @@
-// Helpers of the lifecycle tests: real stores under the platform root, the files this
-// process still holds open, and the messages sent to the peer through the loopback.
+// Helpers of the lifecycle tests: real stores under the platform root and the files this
+// process still holds open.
 #pragma once
 
 #include <dirent.h>
@@ -10,7 +10,6 @@
 #include <vector>
 
 #include "hadra/hadra.h"
-#include "hadra_mts_testing.h"
 #include "hadra_platform/config.h"
 #include "hadra_platform/pss.h"
 #include "hadra_platform/sdb.h"
@@ -72,24 +71,6 @@ inline int count_records(const std::string& uri) {
   int n = err == 0 ? count_open(h) : -1;
   pss2_close(h);
   return n;
-}
-
-// One message sent to the peer, from its wire frame (48-byte little-endian header).
-struct Frame {
-  uint32_t opcode = 0;
-  uint8_t flags = 0;  // bit 0 notification, bit 1 no reply wanted
-  std::vector<uint8_t> payload;
-  uint32_t sync_opcode() const { return payload.size() < 12 ? 0 : payload[11] | (payload[10] << 8); }
-};
-
-// Every message sent to the peer so far, oldest first (taken off the outbox).
-inline std::vector<Frame> take_frames() {
-  std::vector<Frame> out;
-  std::vector<uint8_t> b(MTS_TEST_WIRE_HDR_SIZE + 70000);
-  for (long n; (n = mts_test_peer_read(b.data(), b.size(), 1)) >= MTS_TEST_WIRE_HDR_SIZE;)
-    out.push_back({b[8] | (b[9] << 8) | (b[10] << 16) | (uint32_t{b[11]} << 24), b[6],
-                   std::vector<uint8_t>(b.begin() + MTS_TEST_WIRE_HDR_SIZE, b.begin() + n)});
-  return out;
 }
 
 // The call whose failure was injected during the traced run, or "none".

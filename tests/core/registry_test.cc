@@ -18,16 +18,6 @@ class RegistryTest : public PlatformTest {
     plat_test_log_set_facility("hadra", 7);
     plat_test_log_capture(1);
   }
-  // Whether some captured log line holds both pieces (a report must carry its parameters).
-  static bool logged(const std::string &a, const std::string &b) {
-    char line[4096];
-    int level;
-    for (size_t i = 0; i < plat_test_log_count(); ++i)
-      if (plat_test_log_get(i, &level, line, sizeof line) == 0 && std::string(line).find(a) != std::string::npos &&
-          std::string(line).find(b) != std::string::npos)
-        return true;
-    return false;
-  }
 };
 
 TEST_F(RegistryTest, RefusesBadIndexOrEmptyNameReportingOnlyForPss) {
@@ -37,9 +27,9 @@ TEST_F(RegistryTest, RefusesBadIndexOrEmptyNameReportingOnlyForPss) {
     EXPECT_EQ(hadra_ha_register_msdb(bad, "m", 1, 2), nullptr);
     EXPECT_EQ(hadra::sync_callback(bad), nullptr);
   }
-  EXPECT_TRUE(logged("HA_INVALID_INDEX", "hadra_ha_register_pss in File p"));
+  EXPECT_TRUE(logged({"HA_INVALID_INDEX", "hadra_ha_register_pss in File p"}));
   EXPECT_EQ(hadra_ha_register_pss(1, nullptr), nullptr);
-  EXPECT_TRUE(logged("INVALID_ARG", "hadra_ha_register_pss"));
+  EXPECT_TRUE(logged({"INVALID_ARG", "hadra_ha_register_pss"}));
   const size_t lines = plat_test_log_count();
   EXPECT_EQ(hadra_ha_register_sdb(1, "", 1, 2), nullptr);
   EXPECT_EQ(plat_test_log_count(), lines);
@@ -87,7 +77,7 @@ TEST_F(RegistryTest, NoUriFromThePlatformIsReportedAndKeepsTheCallback) {
   EXPECT_EQ(trace_calls("sysmgr_"),
             (std::vector<std::string>{"sysmgr_running_cfg_uri_get", "sysmgr_file_prefix_get", "sysmgr_uri_complete",
                                       "sysmgr_running_cfg_uri_get", "sysmgr_uri_complete"}));
-  EXPECT_TRUE(logged("API_FAILED", "hadra_ha_register_pss: running_cfg - , file_prefix - pfx"));
+  EXPECT_TRUE(logged({"API_FAILED", "hadra_ha_register_pss: running_cfg - , file_prefix - pfx"}));
 }
 
 TEST_F(RegistryTest, SettingsIgnoreNullAndStateTextsCoverBadValues) {

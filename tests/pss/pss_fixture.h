@@ -2,7 +2,6 @@
 // supervisor active with the loopback transport, log lines captured.
 #pragma once
 
-#include <cstring>
 #include <functional>
 #include <map>
 #include <string>
@@ -39,8 +38,7 @@ class PssOpsTest : public PlatformTest {
   void fill(const Records &recs) {
     ASSERT_EQ(pss2_purge(e_->pss_handle, nullptr), 0u);
     for (const auto &[k, v] : recs) {
-      datum kd{const_cast<char *>(k.data()), static_cast<uint32_t>(k.size())};
-      datum vd{const_cast<char *>(v.data()), static_cast<uint32_t>(v.size())};
+      datum kd = D(k), vd = D(v);
       ASSERT_EQ(pss2_store(e_->pss_handle, &kd, &vd), 0u);
     }
   }
@@ -49,31 +47,16 @@ class PssOpsTest : public PlatformTest {
   Records stored() {
     Records out;
     uint32_t st = 0, h = pss2_open(e_->uri, PSS2_OPEN_FLAGS_OPEN, 0, 0, nullptr, &st);
-    for (pss2_move2location(&h, 1, PSS2_LOC_FIRST, &st); st == 0; pss2_move2location(&h, 1, PSS2_LOC_NEXT, &st)) {
-      const datum *k = pss2_getkey(h, &st), *v = pss2_getvalue(h, &st);
-      out[std::string(static_cast<char *>(k->dptr), k->dsize)] = std::string(static_cast<char *>(v->dptr), v->dsize);
-    }
+    for (pss2_move2location(&h, 1, PSS2_LOC_FIRST, &st); st == 0; pss2_move2location(&h, 1, PSS2_LOC_NEXT, &st))
+      out[S(pss2_getkey(h, &st))] = S(pss2_getvalue(h, &st));
     pss2_close(h);
     return out;
   }
 
   // Payload of the oldest sync message sent to the peer, taken off the outbox; empty if none.
   static Bytes take_payload() {
-    std::vector<uint8_t> frame(MTS_TEST_WIRE_HDR_SIZE + 2 * 65536 + 64);
-    long n = mts_test_peer_read(frame.data(), frame.size(), 1);
-    if (n < MTS_TEST_WIRE_HDR_SIZE) return {};
-    return Bytes(frame.begin() + MTS_TEST_WIRE_HDR_SIZE, frame.begin() + n);
-  }
-
-  // Whether one captured log line holds every piece.
-  static bool logged(std::initializer_list<std::string> pieces) {
-    char line[4096];
-    for (size_t i = 0; plat_test_log_get(i, nullptr, line, sizeof line) == 0; ++i) {
-      bool all = true;
-      for (const auto &p : pieces) all = all && std::strstr(line, p.c_str()) != nullptr;
-      if (all) return true;
-    }
-    return false;
+    auto f = take_sent(1);
+    return f.empty() ? Bytes() : f[0].payload;
   }
 
   hadra_ha_pss_entry *e_ = nullptr;

@@ -7,8 +7,8 @@
 
 namespace {
 
-using hadra::test::Frame;
-using hadra::test::take_frames;
+using Frame = hadra::test::SentFrame;
+using hadra::test::take_sent;
 using hadra::test::trace_calls;
 using hadra::test::trace_find;
 using Calls = std::vector<std::string>;
@@ -56,7 +56,7 @@ TEST_F(SdbLifecycleTest, CreateByKindAnnouncesThenRegistersAlsoWhenItExists) {
   ASSERT_EQ(hadra_sdb_create(sdb_), 1);  // exists already: announced and registered again
   EXPECT_EQ(plat_trace_count("sdb_register"), 2u);
 
-  std::vector<Frame> f = take_frames();
+  std::vector<Frame> f = take_sent();
   ASSERT_EQ(f.size(), 3u);
   EXPECT_EQ(notification_type(f[0], sdb_), SDB_NOTIFY_CREATE);
   EXPECT_EQ(f[0].flags, 0);
@@ -76,7 +76,7 @@ TEST_F(SdbLifecycleTest, CreateStopsAtTheFirstFailingStep) {
     plat_trace_start();
     const size_t lines = plat_test_log_count();
     EXPECT_EQ(hadra_sdb_create(sdb_), 0);
-    EXPECT_EQ(take_frames().size(), s.sent);
+    EXPECT_EQ(take_sent().size(), s.sent);
     EXPECT_EQ(plat_trace_count("sdb_register"), s.registered);
     EXPECT_EQ(plat_test_log_count() - lines, s.logged);
     plat_fault_clear();
@@ -108,14 +108,14 @@ TEST_F(SdbLifecycleTest, OnlyAReadWriteOpenRecovers) {
 
 TEST_F(SdbLifecycleTest, DestroyGoesOnAfterAFailedCloseAndAnnouncesTheDelete) {
   ASSERT_EQ(hadra_sdb_create(sdb_), 1);
-  take_frames();
+  take_sent();
   plat_trace_start();
   EXPECT_EQ(hadra_sdb_destroy(sdb_), 1);  // never opened: the close fails
   EXPECT_EQ(trace_calls("sdb_"), (Calls{"sdb_close", "sdb_destroy_begin", "sdb_destroy_done"}));
   EXPECT_LT(trace_find("mts_send"), trace_find("sdb_destroy_done"));
   EXPECT_TRUE(has("sdb_destroy_done", "sap=8705 opcode=1281"));
   EXPECT_EQ(sdb_exists(sdb_->uri), 0);
-  std::vector<Frame> f = take_frames();
+  std::vector<Frame> f = take_sent();
   ASSERT_EQ(f.size(), 1u);
   EXPECT_EQ(notification_type(f[0], sdb_), SDB_NOTIFY_DELETE);
   // Descriptor bytes 35 and 36 reach the peer as "notification" and "no reply wanted".

@@ -3,12 +3,10 @@
 // library sent to the peer, read back from the loopback outbox.
 #pragma once
 
-#include <cstring>
 #include <string>
 #include <vector>
 
 #include "hadra/hadra.h"
-#include "hadra_mts_testing.h"
 #include "hadra_platform/sdb.h"
 #include "support/fixture.h"
 
@@ -19,11 +17,7 @@ using Bytes = std::vector<uint8_t>;
 inline Bytes bytes_of(const std::string& s) { return Bytes(s.begin(), s.end()); }
 
 // One message sent to the peer: its MTS opcode, descriptor flags and payload.
-struct SentMsg {
-  uint32_t opcode = 0;
-  uint8_t flags = 0;
-  Bytes payload;
-};
+using SentMsg = SentFrame;
 
 class SdbOpsTest : public PlatformTest {
  protected:
@@ -53,19 +47,7 @@ class SdbOpsTest : public PlatformTest {
   }
 
   // Every message sent to the peer so far, oldest first; the outbox is emptied.
-  static std::vector<SentMsg> sent() {
-    std::vector<SentMsg> out;
-    std::vector<uint8_t> frame(MTS_TEST_WIRE_HDR_SIZE + 70000);
-    for (;;) {
-      long n = mts_test_peer_read(frame.data(), frame.size(), 1);
-      if (n < MTS_TEST_WIRE_HDR_SIZE) return out;
-      SentMsg m;
-      std::memcpy(&m.opcode, &frame[8], 4);
-      m.flags = frame[6];
-      m.payload.assign(frame.begin() + MTS_TEST_WIRE_HDR_SIZE, frame.begin() + n);
-      out.push_back(std::move(m));
-    }
-  }
+  static std::vector<SentMsg> sent() { return take_sent(); }
 
   // Payloads of the sync messages (the client's sync opcode) among them.
   static std::vector<Bytes> sent_sync() {
@@ -77,11 +59,10 @@ class SdbOpsTest : public PlatformTest {
 
   // The stored value at key, or "<missing>".
   static std::string value(const hadra_ha_pss_entry* e, const std::string& key) {
-    datum k{const_cast<char*>(key.data()), static_cast<uint32_t>(key.size())};
+    datum k = D(key);
     uint32_t rc = 0;
     datum* d = sdb_read(e->uri, &k, &rc);
-    if (rc != 0 || d == nullptr) return "<missing>";
-    return std::string(static_cast<const char*>(d->dptr), d->dsize);
+    return rc != 0 || d == nullptr ? "<missing>" : S(d);
   }
 
   // Every record as "key=value" in key order.
@@ -90,8 +71,7 @@ class SdbOpsTest : public PlatformTest {
     datum *k = nullptr, *d = nullptr;
     if (sdb_iterator_init(e->uri, SDB_ITER_FIRST) != 0 || sdb_getkey(e->uri, &k, &d) != 0) return out;
     do
-      out.push_back(std::string(static_cast<char*>(k->dptr), k->dsize) + "=" +
-                    std::string(static_cast<char*>(d->dptr), d->dsize));
+      out.push_back(S(k) + "=" + S(d));
     while (sdb_getnext(e->uri, &k, &d) == 0);
     return out;
   }
@@ -99,8 +79,7 @@ class SdbOpsTest : public PlatformTest {
   // Level-2 log lines written since capture began.
   static size_t level2_lines() {
     size_t n = 0;
-    int level = 0;
-    for (size_t i = 0; plat_test_log_get(i, &level, nullptr, 0) == 0; ++i) n += level == 2;
+    for (const LogLine& l : log_lines()) n += l.level == 2 ? 1 : 0;
     return n;
   }
 

@@ -1,8 +1,12 @@
 #include "support/fixture.h"
 
 #include <stdlib.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <filesystem>
+
+#include "hadra_mts_testing.h"
 
 namespace hadra::test {
 
@@ -30,6 +34,46 @@ int trace_find(const std::string& call, size_t from) {
   for (size_t i = from; i < t.size(); ++i)
     if (t[i].call == call) return static_cast<int>(i);
   return -1;
+}
+
+std::vector<LogLine> log_lines() {
+  std::vector<LogLine> out;
+  char text[8192];
+  int level = -1;
+  for (size_t i = 0; plat_test_log_get(i, &level, text, sizeof text) == 0; ++i) out.push_back({level, text});
+  return out;
+}
+
+size_t log_count(std::initializer_list<std::string> pieces) {
+  size_t n = 0;
+  for (const LogLine& l : log_lines()) {
+    bool all = true;
+    for (const std::string& p : pieces) all = all && l.text.find(p) != std::string::npos;
+    n += all ? 1 : 0;
+  }
+  return n;
+}
+
+std::string last_log_line() {
+  auto lines = log_lines();
+  return lines.empty() ? "" : lines.back().text;
+}
+
+std::vector<SentFrame> take_sent(size_t max) {
+  std::vector<SentFrame> out;
+  static std::vector<uint8_t> b(MTS_TEST_WIRE_HDR_SIZE + MTS_PAYLOAD_MAX);
+  for (long n; out.size() < max && (n = mts_test_peer_read(b.data(), b.size(), 1)) >= MTS_TEST_WIRE_HDR_SIZE;)
+    out.push_back({b[8] | (b[9] << 8) | (b[10] << 16) | (uint32_t{b[11]} << 24), b[6],
+                   std::vector<uint8_t>(b.begin() + MTS_TEST_WIRE_HDR_SIZE, b.begin() + n)});
+  return out;
+}
+
+int run_in_child(const std::function<int()>& body) {
+  pid_t pid = fork();
+  if (pid == 0) _exit(body());
+  int status = 0;
+  if (pid < 0 || waitpid(pid, &status, 0) != pid) return -1;
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 TempDir::TempDir() {

@@ -4,6 +4,10 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
+#include <cstring>
+#include <functional>
+#include <initializer_list>
 #include <string>
 #include <vector>
 
@@ -33,6 +37,41 @@ class PlatformTest : public ::testing::Test {
  private:
   std::string root_;
 };
+
+// A datum over s, which must outlive its use (temporaries are refused), and a datum's bytes.
+inline datum D(const std::string& s) { return datum{const_cast<char*>(s.data()), static_cast<uint32_t>(s.size())}; }
+datum D(std::string&&) = delete;
+inline datum D(const char* literal) {
+  return datum{const_cast<char*>(literal), static_cast<uint32_t>(std::strlen(literal))};
+}
+inline std::string S(const datum* d) {
+  return d == nullptr ? "<null>" : std::string(static_cast<const char*>(d->dptr), d->dsize);
+}
+
+// Log lines captured since plat_test_log_capture(1), oldest first.
+struct LogLine {
+  int level;
+  std::string text;
+};
+std::vector<LogLine> log_lines();
+// Number of captured lines holding every piece (a report must carry its parameters).
+size_t log_count(std::initializer_list<std::string> pieces);
+inline bool logged(std::initializer_list<std::string> pieces) { return log_count(pieces) != 0; }
+std::string last_log_line();
+
+// One message sent to the peer through the loopback, from its wire frame.
+struct SentFrame {
+  uint32_t opcode = 0;
+  uint8_t flags = 0;  // bit 0 notification, bit 1 no reply wanted
+  std::vector<uint8_t> payload;
+  // The sync opcode of a sync message (the last byte of its big-endian header word).
+  uint32_t sync_opcode() const { return payload.size() < 12 ? 0 : payload[11] | (payload[10] << 8); }
+};
+// The oldest max messages sent to the peer (all by default), taken off the outbox.
+std::vector<SentFrame> take_sent(size_t max = SIZE_MAX);
+
+// Runs body in a forked child process: its exit code, or -1 when it did not exit normally.
+int run_in_child(const std::function<int()>& body);
 
 // A scratch directory under the system temp directory, removed by the destructor.
 class TempDir {

@@ -2,7 +2,6 @@
 // client's queue through the loopback testing interface, takes it with mts_recv and hands it
 // to hadra_ha_dispatch. Checked: the change reaches the store, the callback gets its
 // arguments in their order, and whatever is refused touches nothing.
-#include <cstring>
 #include <string>
 #include <vector>
 
@@ -20,6 +19,7 @@
 namespace {
 
 using Bytes = std::vector<uint8_t>;
+using hadra::test::log_count;
 using hadra::test::trace_calls;
 
 constexpr uint32_t kSap = 0x2345;
@@ -97,8 +97,7 @@ class DispatchTest : public hadra::test::PlatformTest {
       ASSERT_EQ(hadra_ha_db_start(e), 1);
       e->state = HADRA_HA_STANDBY;
     }
-    while (mts_test_peer_read(nullptr, 0, 1) >= 0) {
-    }  // the SDBs' create notifications
+    hadra::test::take_sent();  // the SDBs' create notifications
     plat_test_log_capture(1);
   }
 
@@ -128,23 +127,6 @@ class DispatchTest : public hadra::test::PlatformTest {
     datum k{const_cast<uint8_t*>(key.data()), static_cast<uint32_t>(key.size())};
     datum* v = sdb_read(e->uri, &k, nullptr);
     return v != nullptr ? Bytes(static_cast<uint8_t*>(v->dptr), static_cast<uint8_t*>(v->dptr) + v->dsize) : b("none");
-  }
-  static size_t lines_with(const std::string& a, const std::string& c = "") {
-    char line[2048];
-    int level;
-    size_t n = 0;
-    for (size_t i = 0; i < plat_test_log_count(); ++i)
-      if (plat_test_log_get(i, &level, line, sizeof line) == 0 && std::strstr(line, a.c_str()) != nullptr &&
-          std::strstr(line, c.c_str()) != nullptr)
-        ++n;
-    return n;
-  }
-  static std::string last_line() {
-    char line[2048] = "";
-    int level;
-    size_t n = plat_test_log_count();
-    if (n > 0) plat_test_log_get(n - 1, &level, line, sizeof line);
-    return line;
   }
   // Whether the dispatch reached any store.
   static bool stores_touched() {
@@ -198,7 +180,7 @@ TEST_F(DispatchTest, PssRowsApplyAndCallBackWithDataBeforeKey) {
 
   // With the file gone, the next update names an index without a database.
   EXPECT_EQ(deliver(msg(1, HADRA_SYNC_PSS_UPDATE, b("k1"), v)), 0);
-  EXPECT_EQ(lines_with("HA_INVALID_INDEX", "PSS_UPDATE"), 1u);
+  EXPECT_EQ(log_count({"HA_INVALID_INDEX", "PSS_UPDATE"}), 1u);
   EXPECT_FALSE(stores_touched());
 }
 
@@ -260,13 +242,13 @@ TEST_F(DispatchTest, MessagesThatAreNotSyncUpdatesApplyNothing) {
 
   // Sync opcode, but not the sync-update event: only the receipt is logged.
   EXPECT_EQ(deliver(msg(1, HADRA_SYNC_PSS_UPDATE, b("k"), b("v")), kOpc, 0), 0);
-  EXPECT_EQ(lines_with("Received MTS sync message"), 1u);
+  EXPECT_EQ(log_count({"Received MTS sync message"}), 1u);
   EXPECT_EQ(plat_test_log_count(), 1u);
 
   // No payload, or one too short for a header.
   EXPECT_EQ(deliver({}), 0);
   EXPECT_EQ(deliver(Bytes(11, 1)), 0);
-  EXPECT_EQ(lines_with("Sync update message without payload"), 2u);
+  EXPECT_EQ(log_count({"Sync update message without payload"}), 2u);
 
   // Sync opcodes outside the table are ignored without a report.
   const size_t lines = plat_test_log_count();
@@ -304,7 +286,7 @@ TEST_F(DispatchTest, WhatCannotBeAppliedIsReportedAsAnInvalidIndex) {
     const size_t before = plat_test_log_count();
     EXPECT_EQ(deliver(c.payload), 0);
     ASSERT_EQ(plat_test_log_count(), before + 1);
-    const std::string line = last_line();
+    const std::string line = hadra::test::last_log_line();
     EXPECT_NE(line.find("HA_INVALID_INDEX"), std::string::npos) << line;
     EXPECT_NE(line.find(c.text), std::string::npos) << line;
     EXPECT_NE(line.find(std::to_string(c.index)), std::string::npos) << line;

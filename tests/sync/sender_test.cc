@@ -28,23 +28,11 @@ class SyncSenderTest : public hadra::test::PlatformTest {
     ASSERT_NE(entry_, nullptr);
   }
 
-  // Payload of the oldest message sent to the peer (taken off the outbox).
-  Bytes take_payload(uint32_t* opcode = nullptr) {
-    std::vector<uint8_t> frame(MTS_TEST_WIRE_HDR_SIZE + 2 * 65536 + 64);
-    long n = mts_test_peer_read(frame.data(), frame.size(), 1);
-    if (n < MTS_TEST_WIRE_HDR_SIZE) return {};
-    if (opcode != nullptr) {
-      // Decode through a real receive: feed the frame back to our own SAP.
-      mts_bind(kSap);
-      mts_test_feed(frame.data(), static_cast<size_t>(n));
-      mts_msg_ref ref;
-      if (mts_recv(kSap, &ref, nullptr) == 0) {
-        *opcode = mts_opc_get(&ref);
-        EXPECT_EQ(mts_sync_event_get(&ref), 2);
-        mts_drop(kSap, &ref);
-      }
-    }
-    return Bytes(frame.begin() + MTS_TEST_WIRE_HDR_SIZE, frame.begin() + n);
+  // Payload and MTS opcode of the oldest message sent to the peer (taken off the outbox).
+  static Bytes take_payload(uint32_t* opcode = nullptr) {
+    auto f = hadra::test::take_sent(1);
+    if (opcode != nullptr && !f.empty()) *opcode = f[0].opcode;
+    return f.empty() ? Bytes() : f[0].payload;
   }
 
   hadra_ha_pss_entry* entry_ = nullptr;

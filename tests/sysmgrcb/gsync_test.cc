@@ -8,6 +8,7 @@
 
 namespace {
 
+using hadra::test::D;
 using hadra::test::trace;
 using hadra::test::trace_calls;
 

@@ -2,7 +2,6 @@
 // every step of a restore failing in turn. (The gsync tests carry SDBs and MSDBs through
 // whole walks.)
 #include <cerrno>
-#include <cstring>
 
 #include "hadra_platform/errors.h"
 #include "tests/sysmgrcb/sysmgrcb_fixture.h"
@@ -27,12 +26,7 @@ class SdbSnapshotTest : public hadra::test::SysmgrcbTest {
     EXPECT_EQ(sdb_exists(sdb_->uri), 0);
     sdb_->state = HADRA_HA_DISABLE;
     int n = 0;
-    uint8_t frame[MTS_TEST_WIRE_HDR_SIZE + 512];
-    while (mts_test_peer_read(frame, sizeof frame, 1) >= MTS_TEST_WIRE_HDR_SIZE) {
-      uint32_t opcode = 0;
-      std::memcpy(&opcode, &frame[8], sizeof opcode);
-      n += opcode == kCreDelOpcode ? 1 : 0;
-    }
+    for (const auto& f : hadra::test::take_sent()) n += f.opcode == kCreDelOpcode ? 1 : 0;
     return n;
   }
 };
@@ -74,7 +68,7 @@ TEST_F(SdbSnapshotTest, EveryFailingStepLeavesTheEntryDisabledOrGivesAUsableCopy
   ASSERT_EQ(plat_fault_arm("mts_send", 0, 1, -1, EIO), 0);
   EXPECT_EQ(hadra_sdb_restore_sync_snapshot("snap:/s1", sdb_), 0);
   const std::string key = "a";
-  datum k = D(key);
+  datum k = hadra::test::D(key);
   uint32_t rc = 0;
   sdb_read(sdb_->uri, &k, &rc);
   EXPECT_EQ(rc, PLAT_ERR_SDB_NOT_OPEN);

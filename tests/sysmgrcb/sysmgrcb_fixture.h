@@ -54,10 +54,6 @@ class SysmgrcbTest : public PlatformTest {
     plat_test_set_root(root().c_str());
   }
 
-  // A datum over s, which must outlive its use (temporaries are refused).
-  static datum D(const std::string& s) { return datum{const_cast<char*>(s.data()), static_cast<uint32_t>(s.size())}; }
-  static datum D(std::string&&) = delete;
-
   static void put(const hadra_ha_pss_entry* e, const std::string& k, const std::string& v) {
     datum kd = D(k), vd = D(v);
     ASSERT_EQ(e->db_type == HADRA_DB_PSS ? pss2_store(e->pss_handle, &kd, &vd) : sdb_write(e->uri, &kd, &vd), 0u);
@@ -78,7 +74,7 @@ class SysmgrcbTest : public PlatformTest {
       v = pss2_fetch(e == nullptr ? handle : e->pss_handle, &kd, &rc);
     else
       v = sdb_read(e->uri, &kd, &rc);
-    return rc == 0 && v != nullptr ? std::string(static_cast<const char*>(v->dptr), v->dsize) : "<none>";
+    return rc == 0 && v != nullptr ? S(v) : "<none>";
   }
 
   static std::vector<plat_test_sysmgr_answer> answers() {

@@ -49,12 +49,6 @@ class LogTest : public hadra::test::PlatformTest {
     out->text = s.substr(static_cast<size_t>(n));
     return true;
   }
-  static std::vector<std::string> captured() {
-    std::vector<std::string> out;
-    char buf[8192];
-    for (size_t i = 0; plat_test_log_get(i, nullptr, buf, sizeof buf) == 0; ++i) out.push_back(buf);
-    return out;
-  }
 };
 
 TEST_F(LogTest, DefaultSinkIsTheFileUnderTheRoot) {
@@ -110,16 +104,12 @@ TEST_F(LogTest, CaptureKeepsLevelAndTextAndCutsLongLines) {
   plat_syslog(99, "high\n\n");
   std::string big(10000, 'x');
   plat_syslog(PLAT_LOG_INFO, "%s", big.c_str());
-  ASSERT_EQ(plat_test_log_count(), 3u);
-  int level = -1;
-  char buf[8192];
-  ASSERT_EQ(plat_test_log_get(0, &level, buf, sizeof buf), 0);
-  EXPECT_EQ(level, PLAT_LOG_EMERG);  // out-of-range levels are clamped
-  ASSERT_EQ(plat_test_log_get(1, &level, buf, sizeof buf), 0);
-  EXPECT_EQ(level, PLAT_LOG_DEBUG);
-  EXPECT_STREQ(buf, "high");
-  ASSERT_EQ(plat_test_log_get(2, &level, buf, sizeof buf), 0);
-  EXPECT_EQ(std::string(buf).size(), 4096u);
+  auto l = hadra::test::log_lines();
+  ASSERT_EQ(l.size(), 3u);
+  EXPECT_EQ(l[0].level, PLAT_LOG_EMERG);  // out-of-range levels are clamped
+  EXPECT_EQ(l[1].level, PLAT_LOG_DEBUG);
+  EXPECT_EQ(l[1].text, "high");
+  EXPECT_EQ(l[2].text.size(), 4096u);
 }
 
 TEST_F(LogTest, LinesOfConcurrentThreadsStayWhole) {
@@ -168,10 +158,10 @@ TEST_F(LogTest, FacilityTakesTheConfiguredIdentityBeforeTheFirstReport) {
 TEST_F(LogTest, TracebackLogsTheCallersFrames) {
   plat_test_log_capture(1);
   syslog_traceback(0, "HADRA", PLAT_LOG_ERR, 0x730001);
-  auto lines = captured();
+  auto lines = hadra::test::log_lines();
   ASSERT_GE(lines.size(), 2u);
-  EXPECT_NE(lines[0].find("0x00730001"), std::string::npos);
-  EXPECT_NE(lines[1].find("#0"), std::string::npos);
+  EXPECT_NE(lines[0].text.find("0x00730001"), std::string::npos);
+  EXPECT_NE(lines[1].text.find("#0"), std::string::npos);
 }
 
 }  // namespace

@@ -20,12 +20,7 @@ class RateLimitTest : public hadra::test::PlatformTest {
     plat_test_log_capture(1);
   }
   static int open_failed(const char* uri) { return syslog_msg_rate_limit(&msg_error_HADRA_PSS_OPEN, uri, "io"); }
-  static std::string last_line() {
-    char buf[1024] = "";
-    size_t n = plat_test_log_count();
-    if (n > 0) plat_test_log_get(n - 1, nullptr, buf, sizeof buf);
-    return buf;
-  }
+  static std::string last_line() { return hadra::test::last_log_line(); }
 };
 
 TEST_F(RateLimitTest, BurstPerDistinctParametersThenSuppressed) {

@@ -2,8 +2,6 @@
 // destruction, the older calls, and fault injection.
 #include <lmdb.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <cstdio>
 #include <fstream>
@@ -99,23 +97,18 @@ TEST_F(PssFilesTest, HandleTableHasALimit) {
 TEST_F(PssFilesTest, RecordsSurviveACrashedWriterInAnotherProcess) {
   uint32_t mine = open("run:/crash");
   ASSERT_EQ(put(mine, "parent", "v"), 0u);
-  pid_t pid = fork();
-  ASSERT_GE(pid, 0);
-  if (pid == 0) {
-    uint32_t err = 1;
-    uint32_t h = pss2_open("run:/crash", 11, 1, 0, nullptr, &err);
-    int bad = h == 0 ? 1 : 0;
-    for (int i = 0; i < 50; ++i) {
-      std::string k = "k" + std::to_string(i);
-      datum kd = dat(k), vd = dat("v");
-      bad |= pss2_store(h, &kd, &vd) != 0 ? 1 : 0;
-    }
-    _exit(bad ? 2 : 0);
-  }
-  int status = 0;
-  ASSERT_EQ(waitpid(pid, &status, 0), pid);
-  ASSERT_TRUE(WIFEXITED(status));
-  ASSERT_EQ(WEXITSTATUS(status), 0);
+  ASSERT_EQ(run_in_child([] {
+              uint32_t err = 1;
+              uint32_t h = pss2_open("run:/crash", 11, 1, 0, nullptr, &err);
+              int bad = h == 0 ? 1 : 0;
+              for (int i = 0; i < 50; ++i) {
+                std::string k = "k" + std::to_string(i);
+                datum kd = D(k), vd = D("v");
+                bad |= pss2_store(h, &kd, &vd) != 0 ? 1 : 0;
+              }
+              return bad;  // exits without closing
+            }),
+            0);
   EXPECT_EQ(walk(mine).size(), 51u);
   ASSERT_EQ(pss2_close(mine), 0u);
   uint32_t h = open("run:/crash", PSS2_OPEN_FLAGS_OPEN);
@@ -148,7 +141,7 @@ TEST_F(PssFilesTest, SizeLimitStopsWritesButNotReadsOrCleanup) {
   ASSERT_EQ(pss2_get_params(h, &p), 0u);
   EXPECT_EQ(p.max_dbsize_mib, 1u);  // 128 KiB, rounded up
   // A full file can still be cleaned, and then written again.
-  datum k0 = dat("k0");
+  datum k0 = D("k0");
   EXPECT_EQ(pss2_delete(h, &k0, PSS2_DELETE_KEY), 0u);
   uint32_t n = 0;
   EXPECT_EQ(pss2_purge(h, &n), 0u);

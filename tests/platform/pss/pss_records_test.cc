@@ -15,12 +15,12 @@ TEST_F(PssRecordsTest, StoreFetchReplaceAndDelete) {
   EXPECT_EQ(put(h, "k2", ""), 0u);  // empty values are records too
   EXPECT_EQ(get(h, "k1"), "uno");
   uint32_t st = 1;
-  datum k2 = dat("k2");
+  datum k2 = D("k2");
   datum* v = pss2_fetch(h, &k2, &st);
   ASSERT_NE(v, nullptr);
   EXPECT_NE(v->dptr, nullptr);  // a null pointer would read as "no record"
   EXPECT_EQ(v->dsize, 0u);
-  datum k1 = dat("k1"), nope = dat("nope");
+  datum k1 = D("k1"), nope = D("nope");
   EXPECT_EQ(pss2_delete(h, &k1, PSS2_DELETE_KEY), 0u);
   EXPECT_EQ(pss2_delete(h, &k1, PSS2_DELETE_KEY), PLAT_ERR_PSS_NO_RECORD);
   EXPECT_EQ(pss2_fetch(h, &nope, &st), nullptr);
@@ -34,11 +34,11 @@ TEST_F(PssRecordsTest, KeyLengthsAreCheckedNeverTrusted) {
   EXPECT_EQ(put(h, max, "v"), 0u);
   EXPECT_EQ(put(h, over, "v"), PLAT_ERR_PSS_BAD_ARG);
   EXPECT_EQ(put(h, "", "v"), PLAT_ERR_PSS_BAD_ARG);
-  datum null_key{nullptr, 3}, v = dat("v"), null_val{nullptr, 2}, k = dat("k");
+  datum null_key{nullptr, 3}, v = D("v"), null_val{nullptr, 2}, k = D("k");
   EXPECT_EQ(pss2_store(h, &null_key, &v), PLAT_ERR_PSS_BAD_ARG);
   EXPECT_EQ(pss2_store(h, &k, &null_val), PLAT_ERR_PSS_BAD_ARG);
   EXPECT_EQ(pss2_store(h, nullptr, &v), PLAT_ERR_PSS_BAD_ARG);
-  datum o = dat(over);
+  datum o = D(over);
   uint32_t st = 0;
   EXPECT_EQ(pss2_move2key(&h, 1, &o, &st), PLAT_ERR_PSS_BAD_ARG);
   EXPECT_EQ(pss2_fetch(h, &o, &st), nullptr);
@@ -57,7 +57,7 @@ TEST_F(PssRecordsTest, PrefixDeleteAndPurgeCount) {
   uint32_t h = open("run:/prefix");
   for (const char* k : {"a1", "a2", "a3", "ab", "b1", "c"}) ASSERT_EQ(put(h, k, "v"), 0u);
   uint32_t n = 99;
-  datum none = dat("zz"), b = dat("b"), a = dat("a"), all{nullptr, 0};
+  datum none = D("zz"), b = D("b"), a = D("a"), all{nullptr, 0};
   EXPECT_EQ(pss2_delete_prefixed_keys(h, &none, 0, &n), 0u);
   EXPECT_EQ(n, 0u);
   EXPECT_EQ(pss2_delete_prefixed_keys(h, &b, 0, &n), 0u);
@@ -92,9 +92,9 @@ TEST_F(PssRecordsTest, WalkGoesInKeyOrderAndEndsWithNoRecord) {
   EXPECT_EQ(pss2_move2location(&h, 1, PSS2_LOC_NEXT, &st), PLAT_ERR_PSS_NO_RECORD);
   // Backwards: prev from the end is the last record.
   EXPECT_EQ(pss2_move2location(&h, 1, PSS2_LOC_PREV, &st), 0u);
-  EXPECT_EQ(str_of(pss2_getkey(h, &st)), "z");
+  EXPECT_EQ(S(pss2_getkey(h, &st)), "z");
   EXPECT_EQ(pss2_move2location(&h, 1, PSS2_LOC_PREV, &st), 0u);
-  EXPECT_EQ(str_of(pss2_getvalue(h, &st)), "vmm");
+  EXPECT_EQ(S(pss2_getvalue(h, &st)), "vmm");
   EXPECT_EQ(pss2_move2location(&h, 1, 5, &st), PLAT_ERR_PSS_BAD_ARG);
   EXPECT_EQ(pss2_move2location(&h, 2, PSS2_LOC_FIRST, &st), PLAT_ERR_PSS_BAD_ARG);
   EXPECT_EQ(pss2_move2location(nullptr, 1, PSS2_LOC_FIRST, &st), PLAT_ERR_PSS_BAD_ARG);
@@ -103,16 +103,16 @@ TEST_F(PssRecordsTest, WalkGoesInKeyOrderAndEndsWithNoRecord) {
 TEST_F(PssRecordsTest, MoveToMissingKeyLandsOnTheNextOne) {
   uint32_t h = open("run:/m2k");
   for (const char* k : {"b", "d"}) ASSERT_EQ(put(h, k, "v"), 0u);
-  datum a = dat("a"), b = dat("b"), c = dat("c"), e = dat("e");
+  datum a = D("a"), b = D("b"), c = D("c"), e = D("e");
   uint32_t st = 0;
   EXPECT_EQ(pss2_move2key(&h, 1, &b, &st), 0u);
-  EXPECT_EQ(str_of(pss2_getkey(h, &st)), "b");
+  EXPECT_EQ(S(pss2_getkey(h, &st)), "b");
   EXPECT_EQ(pss2_move2key(&h, 1, &c, &st), PLAT_ERR_PSS_NO_RECORD);
   EXPECT_EQ(st, PLAT_ERR_PSS_NO_RECORD);
-  EXPECT_EQ(str_of(pss2_getkey(h, &st)), "d");
+  EXPECT_EQ(S(pss2_getkey(h, &st)), "d");
   EXPECT_EQ(st, 0u);
   EXPECT_EQ(pss2_move2key(&h, 1, &a, &st), PLAT_ERR_PSS_NO_RECORD);
-  EXPECT_EQ(str_of(pss2_getkey(h, &st)), "b");
+  EXPECT_EQ(S(pss2_getkey(h, &st)), "b");
   EXPECT_EQ(pss2_move2key(&h, 1, &e, &st), PLAT_ERR_PSS_NO_RECORD);
   EXPECT_EQ(pss2_getkey(h, &st), nullptr);
   EXPECT_EQ(st, 0u);
@@ -129,12 +129,12 @@ TEST_F(PssRecordsTest, DeleteAtPositionThenNextKeepsWalking) {
        rc = pss2_move2location(&h, 1, PSS2_LOC_NEXT, &st)) {
     datum* k = pss2_getkey(h, &st);
     ASSERT_NE(k, nullptr);
-    if (str_of(k).rfind("bad", 0) == 0) {
+    if (S(k).rfind("bad", 0) == 0) {
       ASSERT_EQ(pss2_delete(h, k, PSS2_DELETE_KEY), 0u);
       EXPECT_EQ(pss2_getvalue(h, &st), nullptr);  // the key stays; its record is gone
       EXPECT_EQ(st, PLAT_ERR_PSS_NO_RECORD);
     } else {
-      kept.push_back(str_of(k));
+      kept.push_back(S(k));
     }
   }
   EXPECT_EQ(kept, (std::vector<std::string>{"a", "c", "e"}));
@@ -152,16 +152,16 @@ TEST_F(PssRecordsTest, ReturnedDatumsLiveUntilTheNextPositioningCall) {
   datum* v = pss2_getvalue(h, &st);
   ASSERT_NE(k, nullptr);
   ASSERT_NE(v, nullptr);
-  datum k2 = dat("k2");
+  datum k2 = D("k2");
   datum* f = pss2_fetch(h, &k2, &st);
   ASSERT_EQ(put(h, "k3", "three"), 0u);
   ASSERT_EQ(pss2_delete(h, &k2, PSS2_DELETE_KEY), 0u);
-  EXPECT_EQ(str_of(k), "k1");
-  EXPECT_EQ(str_of(v), std::string(3000, 'x'));
-  EXPECT_EQ(str_of(f), "two");
+  EXPECT_EQ(S(k), "k1");
+  EXPECT_EQ(S(v), std::string(3000, 'x'));
+  EXPECT_EQ(S(f), "two");
   // A move hands out a new key; a pointer kept across it is not used again.
   ASSERT_EQ(pss2_move2key(&h, 1, k, &st), 0u);  // the position's own key as the argument
-  EXPECT_EQ(str_of(pss2_getkey(h, &st)), "k1");
+  EXPECT_EQ(S(pss2_getkey(h, &st)), "k1");
 }
 
 TEST_F(PssRecordsTest, MultiGetSeesItsSnapshotWhileWritesGoOn) {
@@ -173,7 +173,7 @@ TEST_F(PssRecordsTest, MultiGetSeesItsSnapshotWhileWritesGoOn) {
   EXPECT_EQ(n, 3u);
   EXPECT_EQ(pss2_mget_begin(h, &n), PLAT_ERR_PSS_BAD_ARG);
   ASSERT_EQ(put(h, "b2", "new"), 0u);        // written and committed at once ...
-  datum a = dat("a");
+  datum a = D("a");
   ASSERT_EQ(pss2_delete(other, &a, PSS2_DELETE_KEY), 0u);
   EXPECT_EQ(get(other, "b2"), "new");         // ... visible to other handles ...
   EXPECT_EQ(walk(h), (std::vector<std::string>{"a", "b", "c"}));  // ... not in the phase

@@ -1,7 +1,6 @@
 // Helpers of the PSS store tests: a fixture with short forms of the calls.
 #pragma once
 
-#include <cstring>
 #include <optional>
 #include <string>
 #include <vector>
@@ -10,13 +9,6 @@
 #include "support/fixture.h"
 
 namespace hadra::test {
-
-// A datum over s; s must outlive it (a string literal, or a named string).
-inline datum dat(const char* s) { return datum{const_cast<char*>(s), static_cast<uint32_t>(strlen(s))}; }
-inline datum dat(const std::string& s) { return datum{const_cast<char*>(s.data()), static_cast<uint32_t>(s.size())}; }
-inline std::string str_of(const datum* d) {
-  return d == nullptr ? std::string("<null>") : std::string(static_cast<const char*>(d->dptr), d->dsize);
-}
 
 class PssTest : public PlatformTest {
  protected:
@@ -29,15 +21,15 @@ class PssTest : public PlatformTest {
     return h;
   }
   uint32_t put(uint32_t h, const std::string& k, const std::string& v) {
-    datum kd = dat(k), vd = dat(v);
+    datum kd = D(k), vd = D(v);
     return pss2_store(h, &kd, &vd);
   }
   std::optional<std::string> get(uint32_t h, const std::string& k) {
-    datum kd = dat(k);
+    datum kd = D(k);
     uint32_t st = 1;
     datum* v = pss2_fetch(h, &kd, &st);
     if (v == nullptr) return std::nullopt;
-    return str_of(v);
+    return S(v);
   }
   // Every key from the first, by move2location; the last status is the one that ended it.
   std::vector<std::string> walk(uint32_t h, uint32_t* end_status = nullptr) {
@@ -46,7 +38,7 @@ class PssTest : public PlatformTest {
     for (uint32_t rc = pss2_move2location(&h, 1, PSS2_LOC_FIRST, &st); rc == 0;
          rc = pss2_move2location(&h, 1, PSS2_LOC_NEXT, &st)) {
       uint32_t ks = 1;
-      keys.push_back(str_of(pss2_getkey(h, &ks)));
+      keys.push_back(S(pss2_getkey(h, &ks)));
     }
     if (end_status != nullptr) *end_status = st;
     return keys;

@@ -1,7 +1,6 @@
 // Helpers shared by the SDB store tests: datums from strings, and reads that copy out.
 #pragma once
 
-#include <cstring>
 #include <string>
 #include <vector>
 
@@ -14,14 +13,6 @@ class SdbTest : public PlatformTest {
  protected:
   static constexpr const char* kUri = "run:/svc/routes";
   static constexpr uint32_t kUuid = 300;
-
-  // A datum over s (which must outlive its use: temporaries are refused).
-  static datum D(const std::string& s) { return datum{const_cast<char*>(s.data()), static_cast<uint32_t>(s.size())}; }
-  static datum D(std::string&&) = delete;
-  static datum D(const char* literal) {
-    return datum{const_cast<char*>(literal), static_cast<uint32_t>(std::strlen(literal))};
-  }
-  static std::string S(const datum* d) { return d == nullptr ? "<null>" : std::string(static_cast<char*>(d->dptr), d->dsize); }
 
   void create_open(const char* uri = kUri, uint32_t flags = SDB_CREATE_SDB) {
     ASSERT_EQ(sdb_create(uri, flags, kUuid, 0), 0u);

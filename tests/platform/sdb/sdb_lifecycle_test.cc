@@ -1,8 +1,6 @@
 // SDB lifecycle: create/open/close/destroy sequences, rights, layout on disk, a second
 // process sharing the store, trace and fault injection.
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <fstream>
 
@@ -115,19 +113,12 @@ TEST_F(SdbLifecycle, RegisteredOpcodesAreKnownUntilReset) {
 TEST_F(SdbLifecycle, SecondProcessSharesTheStore) {
   create_open();
   ASSERT_EQ(put("from-parent", "p"), 0u);
-  pid_t pid = ::fork();
-  ASSERT_GE(pid, 0);
-  if (pid == 0) {
-    int code = 0;
-    if (sdb_open(kUri, SDB_OPEN_RW, kUuid, 0, 0) != 0) code = 1;  // inherited opening not counted
-    else if (get("from-parent") != "p") code = 2;
-    else if (put("from-child", "c") != 0) code = 3;
-    ::_exit(code);
-  }
-  int status = 0;
-  ASSERT_EQ(::waitpid(pid, &status, 0), pid);
-  ASSERT_TRUE(WIFEXITED(status));
-  EXPECT_EQ(WEXITSTATUS(status), 0);
+  EXPECT_EQ(run_in_child([this] {
+              if (sdb_open(kUri, SDB_OPEN_RW, kUuid, 0, 0) != 0) return 1;  // inherited opening not counted
+              if (get("from-parent") != "p") return 2;
+              return put("from-child", "c") != 0 ? 3 : 0;
+            }),
+            0);
   EXPECT_EQ(get("from-child"), "c");
   EXPECT_EQ(all(), (std::vector<std::string>{"from-child=c", "from-parent=p"}));
 }
