@@ -1,10 +1,10 @@
 // MTS over ZeroMQ within one process: the "peer" address is pointed at this process's own
-// sockets, so frames really cross an ipc:// socket and the I/O thread.
+// sockets, so frames really cross an ipc:// socket and the I/O thread. Order, numbering and
+// bytes of every payload size are the two-process test's; these are the socket's edge cases.
 #include <zmq.h>
 
 #include <cerrno>
 #include <chrono>
-#include <filesystem>
 #include <thread>
 
 #include "mts_support.h"
@@ -43,44 +43,9 @@ class MtsZmqTest : public PlatformTest {
   }
 };
 
-// Deterministic bytes for message i.
-Bytes pattern(size_t n, uint32_t seed) {
-  Bytes b(n);
-  uint32_t x = seed * 2654435761u + 1;
-  for (auto& c : b) {
-    x ^= x << 13, x ^= x >> 17, x ^= x << 5;
-    c = static_cast<uint8_t>(x);
-  }
-  return b;
-}
-
-TEST_F(MtsZmqTest, PeerMessagesCrossTheSocketInOrderByteForByte) {
-  ASSERT_EQ(mts_bind(kSap), 0);
-  EXPECT_STREQ(mts_test_transport(), "zmq");
-  EXPECT_TRUE(std::filesystem::exists(root() + "/sock/sap-100"));
-  const uint32_t sizes[] = {0, 1, 12, 4096, 65535, 65535 + 65535};
-  for (uint32_t i = 0; i < 6; ++i) {
-    Bytes hdr = pattern(12, i), body = pattern(sizes[i], i + 100);
-    mts_piece half[2] = {{body.data(), sizes[i] / 2}, {body.data() + sizes[i] / 2, sizes[i] - sizes[i] / 2}};
-    Desc d({half[0], half[1]});
-    ASSERT_EQ(mts_send(kSap, MTS_ADDR_PEER, 0, kOpc + i, hdr.data(), 12, nullptr, 0, d.get()), 0);
-  }
-  mts_recv_opts w = wait_ms(5000);
-  for (uint32_t i = 0; i < 6; ++i) {
-    mts_msg_ref r;
-    ASSERT_EQ(mts_recv(kSap, &r, &w), 0) << "message " << i << " errno " << errno;
-    Bytes want = pattern(12, i), body = pattern(sizes[i], i + 100);
-    want.insert(want.end(), body.begin(), body.end());
-    EXPECT_EQ(payload_of(r), want);
-    EXPECT_EQ(mts_opc_get(&r), kOpc + i);
-    EXPECT_EQ(mts_ha_seqno_get(&r), i + 1);
-    EXPECT_EQ(mts_sync_event_get(&r), MTS_SYNC_EVENT_UPDATE);
-    EXPECT_EQ(mts_drop(kSap, &r), 0);
-  }
-}
-
 TEST_F(MtsZmqTest, RebindingAfterUnbindReceivesAgain) {
   ASSERT_EQ(mts_bind(kSap), 0);
+  EXPECT_STREQ(mts_test_transport(), "zmq");
   ASSERT_EQ(mts_unbind(kSap), 0);
   ASSERT_EQ(mts_bind(kSap), 0);
   ASSERT_EQ(mts_send(kSap, MTS_ADDR_PEER, 0, kOpc, "abc", 3, nullptr, 0, nullptr), 0);
