@@ -62,15 +62,6 @@ TEST_F(LogTest, DefaultSinkIsTheFileUnderTheRoot) {
   EXPECT_EQ(l.text, "hello 42\n");
 }
 
-TEST_F(LogTest, DefaultFileFollowsTheRoot) {
-  plat_syslog(PLAT_LOG_ERR, "first");
-  hadra::test::TempDir other;
-  plat_test_set_root(other.path().c_str());
-  plat_syslog(PLAT_LOG_ERR, "second");
-  EXPECT_EQ(slurp(root() + "/log/platform.log").find("second"), std::string::npos);
-  EXPECT_NE(slurp(other.path() + "/log/platform.log").find("second"), std::string::npos);
-}
-
 TEST_F(LogTest, SinkIsChosenByConfiguration) {
   std::string file = root() + "/custom.log";
   use_sink(("file:" + file).c_str());
@@ -131,17 +122,6 @@ TEST_F(LogTest, LinesOfConcurrentThreadsStayWhole) {
     EXPECT_STREQ(end, "end");
   }
   EXPECT_EQ(n, kThreads * kLines);
-}
-
-TEST_F(LogTest, FacilityStartsAtDebugLevelAndTestsCanRemoveIt) {
-  ASSERT_NE(sdwrap_sys_facility, nullptr);
-  EXPECT_EQ(sdwrap_sys_facility->level, PLAT_LOG_DEBUG);
-  EXPECT_STRNE(sdwrap_sys_facility->name, "");
-  plat_test_log_set_facility(nullptr, 0);
-  EXPECT_EQ(sdwrap_sys_facility, nullptr);
-  plat_test_reset();
-  ASSERT_NE(sdwrap_sys_facility, nullptr);
-  EXPECT_EQ(sdwrap_sys_facility->level, PLAT_LOG_DEBUG);
 }
 
 TEST_F(LogTest, FacilityTakesTheConfiguredIdentityBeforeTheFirstReport) {

@@ -93,11 +93,4 @@ TEST(MessageCatalogue, FormatsAgreeWithTheirParameters) {
   EXPECT_EQ(ids.size(), 20u);
 }
 
-TEST_F(RateLimitTest, ReportLineReadsAsTheCatalogueSays) {
-  const syslog_msg_desc& d = msg_error_HADRA_PSS_SET_DBSIZE;
-  plat_syslog(d.fmt->level, d.fmt->format, "HADRA", d.fmt->level, 0xa00000u, "run:/x", "full");
-  EXPECT_EQ(last_line().rfind("%HADRA-3-PSS_SET_DBSIZE: ", 0), 0u) << last_line();
-  EXPECT_NE(last_line().find("10485760"), std::string::npos);
-}
-
 }  // namespace

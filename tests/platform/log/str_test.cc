@@ -75,16 +75,12 @@ TEST_F(StrTest, SnprintfReturnsWhatWasWritten) {
 }
 
 TEST_F(StrTest, InjectedFailuresLeaveReadableResults) {
-  plat_trace_start();
   ASSERT_EQ(plat_fault_arm("*", 0, 0, PLAT_FAULT_DEFAULT, 0), 0);
   char buf[8] = "keep";
   EXPECT_EQ(hadra_strcpy(buf, sizeof buf, "new"), nullptr);
   EXPECT_STREQ(buf, "");
   EXPECT_NE(syserr2str(EIO), nullptr);
   EXPECT_EQ(plat_fault_fired(), 2u);
-  plat_fault_clear();
-  EXPECT_EQ(hadra::test::trace_calls("hadra_strcpy").size(), 1u);
-  EXPECT_EQ(hadra::test::trace()[0].args, "size=8");
 }
 
 }  // namespace

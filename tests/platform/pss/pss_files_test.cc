@@ -281,21 +281,6 @@ TEST_F(PssFilesTest, OlderCallsCreateOpenCloseAndDestroy) {
   EXPECT_EQ(err, 0x80480002u);
 }
 
-TEST_F(PssFilesTest, CallsAreTracedWithTheirKeyArguments) {
-  plat_trace_start();
-  uint32_t h = open("run:/traced");
-  put(h, "key", "value");
-  uint32_t st = 0;
-  pss2_move2key(&h, 1, nullptr, &st);
-  plat_trace_stop();
-  EXPECT_EQ(trace_calls("pss"), (std::vector<std::string>{"pss2_open", "pss2_store", "pss2_move2key"}));
-  auto t = trace();
-  EXPECT_NE(t[0].args.find("uri=run:/traced flags=27"), std::string::npos) << t[0].args;
-  EXPECT_EQ(t[0].result, h);
-  EXPECT_EQ(t[1].args, "h=" + std::to_string(h) + " klen=3 vlen=5");
-  EXPECT_EQ(t[2].result, PLAT_ERR_PSS_BAD_ARG);
-}
-
 // Fail the Nth call of a small session, for every N: each call either works or fails as
 // documented, and every store that was acknowledged is in the file afterwards.
 TEST_F(PssFilesTest, FaultLoopLosesNoAcknowledgedRecord) {

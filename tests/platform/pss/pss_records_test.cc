@@ -53,30 +53,6 @@ TEST_F(PssRecordsTest, KeyLengthsAreCheckedNeverTrusted) {
   EXPECT_EQ(put(s, "abcde", "v"), PLAT_ERR_PSS_BAD_ARG);
 }
 
-TEST_F(PssRecordsTest, PrefixDeleteAndPurgeCount) {
-  uint32_t h = open("run:/prefix");
-  for (const char* k : {"a1", "a2", "a3", "ab", "b1", "c"}) ASSERT_EQ(put(h, k, "v"), 0u);
-  uint32_t n = 99;
-  datum none = D("zz"), b = D("b"), a = D("a"), all{nullptr, 0};
-  EXPECT_EQ(pss2_delete_prefixed_keys(h, &none, 0, &n), 0u);
-  EXPECT_EQ(n, 0u);
-  EXPECT_EQ(pss2_delete_prefixed_keys(h, &b, 0, &n), 0u);
-  EXPECT_EQ(n, 1u);
-  EXPECT_EQ(pss2_delete_prefixed_keys(h, &a, 0, &n), 0u);
-  EXPECT_EQ(n, 4u);
-  EXPECT_EQ(walk(h), std::vector<std::string>{"c"});
-  EXPECT_EQ(pss2_delete_prefixed_keys(h, &all, 1, &n), PLAT_ERR_PSS_BAD_ARG);
-  ASSERT_EQ(put(h, "d", "v"), 0u);
-  EXPECT_EQ(pss2_delete_prefixed_keys(h, &all, 0, &n), 0u);  // empty prefix: every record
-  EXPECT_EQ(n, 2u);
-  for (const char* k : {"x", "y", "z"}) ASSERT_EQ(put(h, k, "v"), 0u);
-  EXPECT_EQ(pss2_purge(h, &n), 0u);
-  EXPECT_EQ(n, 3u);
-  EXPECT_EQ(pss2_purge(h, &n), 0u);
-  EXPECT_EQ(n, 0u);
-  EXPECT_TRUE(walk(h).empty());
-}
-
 TEST_F(PssRecordsTest, WalkGoesInKeyOrderAndEndsWithNoRecord) {
   uint32_t h = open("run:/walk");
   for (const char* k : {"m", "b", "z", "a", "mm"}) ASSERT_EQ(put(h, k, std::string("v") + k), 0u);
@@ -98,47 +74,6 @@ TEST_F(PssRecordsTest, WalkGoesInKeyOrderAndEndsWithNoRecord) {
   EXPECT_EQ(pss2_move2location(&h, 1, 5, &st), PLAT_ERR_PSS_BAD_ARG);
   EXPECT_EQ(pss2_move2location(&h, 2, PSS2_LOC_FIRST, &st), PLAT_ERR_PSS_BAD_ARG);
   EXPECT_EQ(pss2_move2location(nullptr, 1, PSS2_LOC_FIRST, &st), PLAT_ERR_PSS_BAD_ARG);
-}
-
-TEST_F(PssRecordsTest, MoveToMissingKeyLandsOnTheNextOne) {
-  uint32_t h = open("run:/m2k");
-  for (const char* k : {"b", "d"}) ASSERT_EQ(put(h, k, "v"), 0u);
-  datum a = D("a"), b = D("b"), c = D("c"), e = D("e");
-  uint32_t st = 0;
-  EXPECT_EQ(pss2_move2key(&h, 1, &b, &st), 0u);
-  EXPECT_EQ(S(pss2_getkey(h, &st)), "b");
-  EXPECT_EQ(pss2_move2key(&h, 1, &c, &st), PLAT_ERR_PSS_NO_RECORD);
-  EXPECT_EQ(st, PLAT_ERR_PSS_NO_RECORD);
-  EXPECT_EQ(S(pss2_getkey(h, &st)), "d");
-  EXPECT_EQ(st, 0u);
-  EXPECT_EQ(pss2_move2key(&h, 1, &a, &st), PLAT_ERR_PSS_NO_RECORD);
-  EXPECT_EQ(S(pss2_getkey(h, &st)), "b");
-  EXPECT_EQ(pss2_move2key(&h, 1, &e, &st), PLAT_ERR_PSS_NO_RECORD);
-  EXPECT_EQ(pss2_getkey(h, &st), nullptr);
-  EXPECT_EQ(st, 0u);
-}
-
-// The walk of a client that deletes records it rejects: delete the record at the position
-// with the key getkey gave, then move on.
-TEST_F(PssRecordsTest, DeleteAtPositionThenNextKeepsWalking) {
-  uint32_t h = open("run:/del-walk");
-  for (const char* k : {"a", "bad1", "c", "bad2", "e"}) ASSERT_EQ(put(h, k, "v"), 0u);
-  std::vector<std::string> kept;
-  uint32_t st = 0;
-  for (uint32_t rc = pss2_move2location(&h, 1, PSS2_LOC_FIRST, &st); rc == 0;
-       rc = pss2_move2location(&h, 1, PSS2_LOC_NEXT, &st)) {
-    datum* k = pss2_getkey(h, &st);
-    ASSERT_NE(k, nullptr);
-    if (S(k).rfind("bad", 0) == 0) {
-      ASSERT_EQ(pss2_delete(h, k, PSS2_DELETE_KEY), 0u);
-      EXPECT_EQ(pss2_getvalue(h, &st), nullptr);  // the key stays; its record is gone
-      EXPECT_EQ(st, PLAT_ERR_PSS_NO_RECORD);
-    } else {
-      kept.push_back(S(k));
-    }
-  }
-  EXPECT_EQ(kept, (std::vector<std::string>{"a", "c", "e"}));
-  EXPECT_EQ(walk(h), kept);
 }
 
 // The datums stay readable for as long as the header promises; the sanitizers watch.

@@ -1,5 +1,5 @@
 // SDB lifecycle: create/open/close/destroy sequences, rights, layout on disk, a second
-// process sharing the store, trace and fault injection.
+// process sharing the store, and a fault loop over a whole session.
 #include <sys/stat.h>
 
 #include <fstream>
@@ -121,32 +121,6 @@ TEST_F(SdbLifecycle, SecondProcessSharesTheStore) {
             0);
   EXPECT_EQ(get("from-child"), "c");
   EXPECT_EQ(all(), (std::vector<std::string>{"from-child=c", "from-parent=p"}));
-}
-
-TEST_F(SdbLifecycle, CallsAreTracedWithTheirKeyArguments) {
-  plat_trace_start();
-  create_open();
-  ASSERT_EQ(put("abc", "12345"), 0u);
-  auto t = trace();
-  ASSERT_EQ(trace_calls("sdb_"), (std::vector<std::string>{"sdb_create", "sdb_open", "sdb_write"}));
-  EXPECT_NE(t[0].args.find("uri=run:/svc/routes"), std::string::npos) << t[0].args;
-  EXPECT_NE(t[0].args.find("flags=0x4"), std::string::npos) << t[0].args;
-  EXPECT_NE(t[2].args.find("klen=3 dlen=5"), std::string::npos) << t[2].args;
-  EXPECT_EQ(t[2].result, 0);
-}
-
-TEST_F(SdbLifecycle, InjectedFaultsFailTheCallAndChangeNothing) {
-  create_open();
-  ASSERT_EQ(plat_fault_arm("sdb_write", 0, 1, PLAT_FAULT_DEFAULT, 0), 0);
-  EXPECT_EQ(put("k", "v"), PLAT_ERR_SDB_IO);
-  EXPECT_EQ(get("k"), "<none>");
-  EXPECT_EQ(put("k", "v"), 0u);  // armed once
-  ASSERT_EQ(plat_fault_arm("sdb_read", 0, 0, PLAT_ERR_SDB_NO_RECORD, 0), 0);
-  datum kd = D("k");
-  uint32_t rc = 0;
-  EXPECT_EQ(sdb_read(kUri, &kd, &rc), nullptr);
-  EXPECT_EQ(rc, PLAT_ERR_SDB_NO_RECORD);
-  EXPECT_EQ(plat_fault_fired(), 2u);
 }
 
 // Fail the Nth platform call of a create/open/list-write scenario for every N: each run ends

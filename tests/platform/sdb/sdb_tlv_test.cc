@@ -1,4 +1,5 @@
-// Create/delete notification TLV: exact bytes, round trips, allocation, refused input.
+// Create/delete notification TLV: exact bytes, allocation, refused input. (The library's
+// SDB lifecycle tests decode both kinds as the peer receives them.)
 #include <stdlib.h>
 
 #include <cstring>
@@ -27,18 +28,6 @@ TEST_F(SdbTlv, EncodingIsTypedLengthValueElementsBigEndian) {
   EXPECT_EQ(b, (std::vector<uint8_t>{0, 1, 0, 4, 0, 0, 0, 2, 0, 2, 0, 6, 'r', 'u', 'n', ':', '/', 'x'}));
   sdb_create_del_msg msg{SDB_NOTIFY_CREATE, "run:/svc/routes"};
   EXPECT_EQ(fu_sdb_create_del_msg_get_tlv_sz(&msg), 8u + 4u + 15u);
-}
-
-TEST_F(SdbTlv, RoundTripsBothTypes) {
-  for (uint32_t type : {SDB_NOTIFY_CREATE, SDB_NOTIFY_DELETE}) {
-    auto b = encode(type, "run:/svc/routes");
-    ASSERT_FALSE(b.empty());
-    uint32_t got = 0;
-    char uri[256];
-    ASSERT_EQ(fu_sdb_create_del_msg_from_tlv(b.data(), static_cast<uint32_t>(b.size()), &got, uri, sizeof uri), 0u);
-    EXPECT_EQ(got, type);
-    EXPECT_STREQ(uri, "run:/svc/routes");
-  }
 }
 
 TEST_F(SdbTlv, GrowsTheBufferOnlyWhenAllowed) {
