@@ -1,4 +1,4 @@
-// Service identity: uuid/name lookups over the whole table, pib names, type names.
+// Service identity: uuid/name lookups over the whole table, pib names.
 #include <gtest/gtest.h>
 
 #include <cctype>
@@ -61,13 +61,6 @@ TEST(IdentTest, PibNameToServiceTriesLongerNamesFirst) {
   EXPECT_EQ(hadra_get_uuid_from_pib_name(2, "connected"), uuid("ipv6"));
   EXPECT_EQ(hadra_get_uuid_from_pib_name(1, "unknown-proto"), 0u);
   EXPECT_EQ(hadra_get_uuid_from_pib_name(1, nullptr), 0u);
-}
-
-TEST(IdentTest, StartAndStopTypeNames) {
-  const char *start[] = {"unknown", "crash", "controlled", "configuration", "standby", "switchover", "invalid"};
-  for (uint32_t t = 0; t < 7; ++t) EXPECT_STREQ(hadra_start_type_str(t), start[t]);
-  const char *stop[] = {"unknown", "invalid", "controlled", "deconfiguration", "invalid"};
-  for (uint32_t t = 0; t < 5; ++t) EXPECT_STREQ(hadra_stop_type_str(t), stop[t]);
 }
 
 }  // namespace

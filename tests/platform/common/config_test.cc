@@ -57,13 +57,4 @@ TEST_F(ConfigTest, EnvironmentThenFileThenDefault) {
   unsetenv("HADRA_BOTH");
 }
 
-TEST_F(ConfigTest, FrozenClockMovesOnlyWhenAdvanced) {
-  plat_test_clock_set(1000);
-  EXPECT_EQ(plat_now_ns(), 1000u);
-  plat_test_clock_advance(500);
-  EXPECT_EQ(plat_now_ns(), 1500u);
-  plat_test_clock_real();
-  EXPECT_GT(plat_now_ns(), 1500u);
-}
-
 }  // namespace

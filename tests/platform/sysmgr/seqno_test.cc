@@ -1,4 +1,4 @@
-// Sequence-number table: reports, allocation, the shared file a daemon reads, fork, faults.
+// Sequence-number table: reports, allocation, the shared file a daemon reads, fork.
 #include <fcntl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -95,23 +95,6 @@ TEST_F(SeqnoTest, ForkedChildKeepsItsOwnTable) {
   ASSERT_TRUE(read_table(child, &t));
   EXPECT_EQ(t.pid, static_cast<uint32_t>(child));
   EXPECT_EQ(t.slot[1].seqno, 555u);
-}
-
-TEST_F(SeqnoTest, InjectedFailureIsTracedAndLeavesTheTableAlone) {
-  plat_trace_start();
-  ASSERT_EQ(plat_fault_arm("sysmgr_seqno_sync", 1, 1, PLAT_FAULT_DEFAULT, 0), 0);
-  EXPECT_EQ(sysmgr_seqno_sync(2, 1), 0);
-  EXPECT_EQ(sysmgr_seqno_sync(2, 2), static_cast<int>(PLAT_ERR_SYSMGR_NO_TABLE));
-  EXPECT_EQ(sysmgr_seqno_sync(2, 3), 0);
-  EXPECT_EQ(plat_fault_fired(), 1u);
-  unsigned reports = 0;
-  ASSERT_EQ(plat_test_sysmgr_seqno(2, nullptr, &reports), 0);
-  EXPECT_EQ(reports, 2u);
-  auto t = hadra::test::trace();
-  ASSERT_EQ(t.size(), 3u);
-  EXPECT_EQ(t[1].args, "index=2 seqno=2");
-  EXPECT_TRUE(t[1].faulted);
-  EXPECT_EQ(t[1].result, static_cast<int>(PLAT_ERR_SYSMGR_NO_TABLE));
 }
 
 }  // namespace

@@ -27,15 +27,6 @@ class SysmgrTest : public hadra::test::PlatformTest {
   static std::string str(const char* s) { return s != nullptr ? s : "<null>"; }
 };
 
-TEST_F(SysmgrTest, DefaultsWithoutConfiguration) {
-  EXPECT_EQ(sysmgr_supstate_get(), 1);
-  EXPECT_EQ(str(sysmgr_running_cfg_uri_get()), "run:/");
-  EXPECT_EQ(sysmgr_startup_cfg_uri_get(), nullptr);
-  EXPECT_EQ(sysmgr_file_prefix_get(), nullptr);
-  EXPECT_EQ(sysmgr_is_stateful_restart(), 0);
-  EXPECT_EQ(sysmgr_uuid_get(), 0u);
-}
-
 TEST_F(SysmgrTest, ConfigurationThenSettersThenResetAgain) {
   configure("SUPSTATE", "sideways");  // not a state: neither, with a warning
   EXPECT_EQ(sysmgr_supstate_get(), 0);
@@ -52,10 +43,11 @@ TEST_F(SysmgrTest, ConfigurationThenSettersThenResetAgain) {
   EXPECT_EQ(str(sysmgr_file_prefix_get()), "rt_");  // not set: configuration still holds
   EXPECT_EQ(sysmgr_is_stateful_restart(), 1);
   for (const char* k : {"HADRA_SUPSTATE", "HADRA_RUNNING_URI", "HADRA_FILE_PREFIX", "HADRA_UUID"}) unsetenv(k);
-  plat_test_reset();
+  plat_test_reset();  // back to the defaults of an unconfigured supervisor
   EXPECT_EQ(sysmgr_supstate_get(), 1);
   EXPECT_EQ(str(sysmgr_running_cfg_uri_get()), "run:/");
-  EXPECT_EQ(sysmgr_uuid_get(), 0u);
+  EXPECT_EQ(sysmgr_file_prefix_get(), nullptr);
+  EXPECT_EQ(sysmgr_is_stateful_restart() + static_cast<int>(sysmgr_uuid_get()), 0);
 }
 
 TEST_F(SysmgrTest, UriCompletionJoinsBasePrefixAndName) {
