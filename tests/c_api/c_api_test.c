@@ -1,6 +1,7 @@
-#define _POSIX_C_SOURCE 200809L
+#define _XOPEN_SOURCE 700
 /* A C11 client of the public interface: layouts as C sees them, and calls through the shared
    library. Exits non-zero on the first mismatch. */
+#include <ftw.h>
 #include <stddef.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -21,9 +22,15 @@ _Static_assert(offsetof(hadra_ha_pss_entry, pss_handle) == 324, "entry offsets s
 _Static_assert(sizeof(hadra_ha_handle_t) == 112, "handle size seen from C");
 _Static_assert(offsetof(hadra_ha_handle_t, flags) == 104, "handle offsets seen from C");
 
-int main(void) {
-  char root[] = "/tmp/hadra-c-api-XXXXXX";
-  CHECK(mkdtemp(root) != NULL);
+static int remove_entry(const char *path, const struct stat *st, int flag, struct FTW *ftw) {
+  (void)st;
+  (void)flag;
+  (void)ftw;
+  return remove(path);
+}
+
+/* The checks, against a platform rooted in root. */
+static int run(const char *root) {
   setenv("HADRA_ROOT", root, 1);
   setenv("HADRA_LOG", "none", 1);
 
@@ -42,6 +49,17 @@ int main(void) {
   hadra_ha_enable_debug();
   CHECK(hadra_debug_ha == 1);
   hadra_ha_disable_debug();
-  puts("c_api: ok");
   return 0;
+}
+
+int main(void) {
+  char root[] = "/tmp/hadra-c-api-XXXXXX";
+  if (mkdtemp(root) == NULL) {
+    perror("mkdtemp");
+    return 1;
+  }
+  const int status = run(root);
+  nftw(root, remove_entry, 16, FTW_DEPTH | FTW_PHYS);
+  if (status == 0) puts("c_api: ok");
+  return status;
 }
