@@ -341,13 +341,17 @@ uint32_t close_handle(uint32_t id) {
   return 0;
 }
 
+// Path and kind of what is stored at uri, and its environment when it is open here.
+uint32_t kind_at(const char* uri, std::string* path, Kind* kind, Env** open) {
+  const uint32_t err = path_of(uri, false, path);
+  return err != 0 ? err : kind_of(*path, kind, open);
+}
+
 uint32_t file_type(const char* uri, uint32_t* type, uint32_t* version) {
   std::string path;
-  uint32_t err = path_of(uri, false, &path);
   Kind kind = Kind::kOther;
   Env* open = nullptr;
-  if (err == 0) err = kind_of(path, &kind, &open);
-  if (err != 0) return err;
+  if (const uint32_t err = kind_at(uri, &path, &kind, &open); err != 0) return err;
   *type = kind == Kind::kOther ? PSS2_TYPE_OTHER : PSS2_TYPE_PSS2;
   *version = kind == Kind::kPss ? kFormatVersion : 0;
   return 0;
@@ -355,11 +359,9 @@ uint32_t file_type(const char* uri, uint32_t* type, uint32_t* version) {
 
 uint32_t destroy_file(const char* uri) {
   std::string path;
-  uint32_t err = path_of(uri, false, &path);
   Kind kind = Kind::kOther;
   Env* open = nullptr;
-  if (err == 0) err = kind_of(path, &kind, &open);
-  if (err != 0) return err;
+  if (const uint32_t err = kind_at(uri, &path, &kind, &open); err != 0) return err;
   if (kind == Kind::kOther) return PLAT_ERR_PSS_BAD_URI;
   if (open != nullptr) {
     // The library leaves handles open on files it destroys (a creation handle opened again,
