@@ -140,6 +140,7 @@ uint32_t Env::open(const std::string& path, unsigned extra, bool create, const M
     r = read_meta(txn.get(), *this, m);
   }
   if (r == 0) r = txn.commit();
+  txn.abort();  // before the environment goes: aborting afterwards frees its names twice
   if (r != 0) close();
   return r;
 }
