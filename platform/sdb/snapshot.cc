@@ -20,6 +20,8 @@
 
 #include "common/call.h"
 #include "hadra_platform/config.h"
+#include "hadra_platform/log.h"
+#include "sdb/filecheck.h"
 #include "sdb/store.h"
 
 namespace sdb = hadra::plat::sdb;
@@ -136,6 +138,11 @@ uint32_t replace_contents(const sdb::Env& from, MDB_txn* rt, const sdb::Meta& sm
 uint32_t read_snapshot(const std::string& path, const std::string& snap, uint32_t kind) {
   struct stat st;
   if (::stat(snap.c_str(), &st) != 0) return PLAT_ERR_SDB_NOT_FOUND;
+  // The file was shipped from the other supervisor: LMDB must not meet a damaged one.
+  if (!sdb::lmdb_file_sound(snap)) {
+    plat_syslog(PLAT_LOG_ERR, "SDB: snapshot %s is damaged or cut short; %s not restored", snap.c_str(), path.c_str());
+    return PLAT_ERR_SDB_IO;
+  }
   sdb::Env file;
   sdb::Txn rt;
   sdb::Meta sm;

@@ -1,6 +1,9 @@
 // SDB snapshots: write and read back (records, secondary keys, tags), replacing an open SDB,
-// missing snapshots and kind mismatches.
+// missing snapshots and kind mismatches, damaged snapshot files.
 #include <sys/stat.h>
+
+#include <fstream>
+#include <iterator>
 
 #include "platform/sdb/sdb_fixture.h"
 
@@ -66,6 +69,31 @@ TEST_F(SdbSnapshot, MissingSnapshotsAndKindMismatches) {
   EXPECT_EQ(mksdb_read_snapshot(kUri, kArea, kUuid), PLAT_ERR_SDB_BAD_ARG);
   EXPECT_EQ(sdb_write_snapshot(kUri, nullptr, kUuid), PLAT_ERR_SDB_BAD_URI);
   EXPECT_EQ(sdb_write_snapshot(kUri, "no-area", kUuid), PLAT_ERR_SDB_BAD_URI);
+}
+
+// Shipped snapshot files that arrive damaged: a copy cut short made LMDB read past the end of
+// the file (SIGBUS), and one whose sub-database was missing freed LMDB's names twice while
+// closing. Each must be refused with an I/O error and leave the open SDB as it was.
+TEST_F(SdbSnapshot, DamagedSnapshotFilesAreRefusedAndChangeNothing) {
+  create_open();
+  ASSERT_EQ(put("kept", "1"), 0u);
+  ASSERT_EQ(sdb_write_snapshot(kUri, kArea, kUuid), 0u);
+  std::string snap = root() + "/snap/gsync1/sdb-snapshots/300/run/svc/routes.snap";
+  std::ifstream in(snap, std::ios::binary);
+  const std::string good((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  ASSERT_GT(good.size(), 8192u);
+  ASSERT_EQ(put("later", "2"), 0u);
+
+  std::string renamed = good;  // still in key order, so only the name lookup fails
+  for (size_t at = 0; (at = renamed.find("records", at)) != std::string::npos;) renamed[at + 6] = 'z';
+  for (const std::string& bad : {good.substr(0, good.size() / 2), renamed, std::string(8192, '\0')}) {
+    std::ofstream(snap, std::ios::binary | std::ios::trunc) << bad;
+    EXPECT_EQ(sdb_read_snapshot(kUri, kArea, kUuid), PLAT_ERR_SDB_IO) << bad.size();
+    EXPECT_EQ(all(), (V{"kept=1", "later=2"}));
+  }
+  std::ofstream(snap, std::ios::binary | std::ios::trunc) << good;
+  ASSERT_EQ(sdb_read_snapshot(kUri, kArea, kUuid), 0u);
+  EXPECT_EQ(all(), V{"kept=1"});
 }
 
 }  // namespace
