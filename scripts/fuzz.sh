@@ -1,20 +1,26 @@
 #!/usr/bin/env bash
 # Build the libFuzzer targets with clang, AddressSanitizer and UndefinedBehaviorSanitizer, and
-# run each for a bounded time on the committed corpus plus a scratch corpus.
+# run each for a bounded time on its committed seeds (fuzz/corpus/<target>/) plus a scratch
+# corpus.
 #
-#   scripts/fuzz.sh [seconds]        default 60 (or HADRA_FUZZ_SECONDS)
+#   scripts/fuzz.sh [seconds per target] [target...]
+#
+# Seconds per target default to 30 (or HADRA_FUZZ_SECONDS); the targets to every one in the
+# list below.
 #
 # Environment: HADRA_FUZZ_BUILD (build directory, default build-fuzz in the repository),
 # HADRA_FUZZ_JOBS (build jobs, default 2). New inputs found during a run stay in the scratch
-# corpus (removed afterwards); add one to fuzz/corpus/ by hand when it is worth keeping.
+# corpus (removed afterwards); add one to fuzz/corpus/<target>/ by hand when it is worth
+# keeping. The seeds are written by the targets themselves (see fuzz/fuzz_support.h).
 # Exit status 1 when a target crashes, leaks or trips a sanitizer (the input is kept in the
 # build directory and its path printed); 2 when clang cannot build fuzz targets at all.
 set -euo pipefail
 here="$(cd "$(dirname "$0")/.." && pwd)"
-seconds="${1:-${HADRA_FUZZ_SECONDS:-60}}"
+seconds="${1:-${HADRA_FUZZ_SECONDS:-30}}"
 build="${HADRA_FUZZ_BUILD:-$here/build-fuzz}"
 jobs="${HADRA_FUZZ_JOBS:-2}"
-targets=(dispatch_fuzz)
+targets=(dispatch_fuzz platform_input_fuzz snapshot_fuzz)
+if [ "$#" -gt 1 ]; then targets=("${@:2}"); fi
 
 # libFuzzer's runtime comes with clang's compiler-rt (Debian: libclang-rt-<version>-dev).
 probe='extern "C" int LLVMFuzzerTestOneInput(const unsigned char*, unsigned long) { return 0; }'
@@ -33,7 +39,7 @@ scratch="$(mktemp -d "${TMPDIR:-/tmp}/hadra-fuzz-corpus-XXXXXX")"
 trap 'rm -rf "$scratch"' EXIT
 status=0
 for t in "${targets[@]}"; do
-  seeds="$here/fuzz/corpus"
+  seeds="$here/fuzz/corpus/$t"
   mkdir -p "$scratch/$t" "$build/artifacts/$t"
   echo "== run $t for ${seconds}s (seeds: $seeds)"
   # The scratch corpus comes first: libFuzzer writes new inputs there, never into the seeds.
