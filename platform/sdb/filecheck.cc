@@ -25,6 +25,7 @@
 #include <bit>
 #include <cstdint>
 #include <cstring>
+#include <utility>
 #include <vector>
 
 namespace hadra::plat::sdb {
