@@ -1,4 +1,4 @@
-// The structural check of an LMDB file (filecheck.h).
+// The structural check of an LMDB file (lmdb_check.h).
 //
 // LMDB keeps its structures in host byte order with pointer-sized page numbers (W bytes):
 //
@@ -14,7 +14,7 @@
 // A reader uses the meta page with the larger transaction id (meta 0 on a tie) and reaches
 // the pages below it. The check walks exactly those and holds every node to its page: a
 // file that passes can be read by LMDB without leaving the file.
-#include "sdb/filecheck.h"
+#include "common/lmdb_check.h"
 
 #include <fcntl.h>
 #include <lmdb.h>
@@ -28,7 +28,7 @@
 #include <utility>
 #include <vector>
 
-namespace hadra::plat::sdb {
+namespace hadra::plat {
 namespace {
 
 constexpr size_t W = sizeof(size_t);
@@ -249,4 +249,13 @@ bool lmdb_file_sound(const std::string& path) {
   return m.p != nullptr && Checker(m.p, m.size).run();
 }
 
-}  // namespace hadra::plat::sdb
+bool lmdb_file_marked(const std::string& path) {
+  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return false;
+  uint8_t head[kPageHdr + 4];
+  const bool whole = ::pread(fd, head, sizeof head, 0) == static_cast<ssize_t>(sizeof head);
+  ::close(fd);
+  return whole && rd<uint32_t>(head + kPageHdr) == kMagic;
+}
+
+}  // namespace hadra::plat
