@@ -10,7 +10,9 @@
 #include <vector>
 
 #include "common/call.h"
+#include "common/lmdb_check.h"
 #include "hadra_platform/config.h"
+#include "hadra_platform/log.h"
 #include "pss/store.h"
 
 namespace hadra::plat::pss {
@@ -156,6 +158,18 @@ uint32_t prepare(Env& e, bool create, bool exclusive) {
   return 0;
 }
 
+// A file without a lock file beside it has not been opened since it arrived (every opener
+// makes one): it may be a copy shipped from the other supervisor, cut short or damaged on the
+// way, and LMDB would read past its end. Such a file is checked before LMDB maps it. A file
+// with a lock file may have a writer changing pages under a check; it is LMDB's own.
+bool damaged_arrival(const std::string& path, const struct stat& st) {
+  if (st.st_size == 0 || access((path + "-lock").c_str(), F_OK) == 0 || !lmdb_file_marked(path) ||
+      lmdb_file_sound(path))
+    return false;
+  plat_syslog(PLAT_LOG_ERR, "PSS: %s is damaged or cut short; not opened", path.c_str());
+  return true;
+}
+
 // Opens the LMDB environment of an existing or new file (see prepare). Returns a platform
 // code; *out is the new Env.
 uint32_t open_env(const std::string& path, bool create, bool exclusive, const pss2_params& params, Env** out) {
@@ -187,6 +201,7 @@ uint32_t acquire_env(const std::string& path, bool create, bool exclusive, const
       *out = e;
       return 0;
     }
+    if (damaged_arrival(path, st)) return PLAT_ERR_PSS_IO;
   } else if (errno != ENOENT) {
     return errno == ENOTDIR ? PLAT_ERR_PSS_BAD_URI : PLAT_ERR_PSS_IO;
   } else if (!create) {
@@ -266,7 +281,7 @@ uint32_t kind_of(const std::string& path, Kind* kind, Env** open_env_out) {
     *open_env_out = e;
     *kind = Kind::kPss;
   } else {
-    *kind = st.st_size == 0 ? Kind::kEmpty : peek_kind(path);
+    *kind = st.st_size == 0 ? Kind::kEmpty : damaged_arrival(path, st) ? Kind::kOther : peek_kind(path);
   }
   return 0;
 }

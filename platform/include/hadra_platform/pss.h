@@ -112,6 +112,10 @@ _Static_assert(offsetof(pss2_params, snapshot_chunk) == 8 && offsetof(pss2_param
  * (malformed URI, or something that is not a PSS file is stored there); PLAT_ERR_PSS_BAD_ARG
  * (null uri or error, unknown flags, reserved not 0, bad params); PLAT_ERR_PSS_TOO_MANY;
  * PLAT_ERR_PSS_IO. error must not be null (then 0 is returned and nothing else happens).
+ * A file that no process has opened since it arrived (no lock file "<file>-lock" beside it,
+ * as with a copy shipped from the other supervisor) has its structure checked before it is
+ * mapped: a damaged or cut-short one gives PLAT_ERR_PSS_IO and an error line in the log, and
+ * pss2_get_psstype and pss2_destroy take it for something other than a PSS file.
  */
 HADRA_PLAT_API uint32_t pss2_open(const char *uri, uint32_t flags, uint32_t uuid, uint32_t reserved,
                                   const pss2_params *params, uint32_t *error) PLAT_NOEXCEPT;

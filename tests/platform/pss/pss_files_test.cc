@@ -6,6 +6,8 @@
 
 #include <cstdio>
 #include <fstream>
+#include <iterator>
+#include <string>
 
 #include "pss/store.h"
 #include "tests/platform/pss/pss_support.h"
@@ -217,6 +219,28 @@ TEST_F(PssFilesTest, SnapshotMakesTheDestinationACopy) {
   uint32_t tiny = open("snap:/tiny");
   ASSERT_EQ(pss2_set_max_dbsize(tiny, 64 * 1024), 0u);
   EXPECT_EQ(pss2_snapshot(src, tiny), PLAT_ERR_PSS_FULL);
+}
+
+// A copy that arrives without its lock file (shipped from the other supervisor) is checked
+// before LMDB maps it: whole it opens with every record, cut short it is refused, not mapped.
+TEST_F(PssFilesTest, ShippedCopyIsCheckedBeforeItIsMapped) {
+  uint32_t src = open("run:/src");
+  for (int i = 0; i < 2000; ++i) ASSERT_EQ(put(src, "k" + std::to_string(100000 + i), std::string(40, 'v')), 0u);
+  ASSERT_EQ(pss2_close(src), 0u);
+  std::ifstream in(path("run/src"), std::ios::binary);
+  const std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  ASSERT_GT(bytes.size(), 16384u);
+  ::mkdir(path("snap").c_str(), 0755);
+  std::ofstream(path("snap/whole"), std::ios::binary) << bytes;
+  std::ofstream(path("snap/cut"), std::ios::binary) << bytes.substr(0, bytes.size() / 2);
+
+  uint32_t whole = open("snap:/whole", PSS2_OPEN_FLAGS_OPEN);
+  EXPECT_EQ(walk(whole).size(), 2000u);
+  uint32_t err = 0, other = 0, rc = 1;
+  EXPECT_EQ(pss2_open("snap:/cut", PSS2_OPEN_FLAGS_OPEN, 1, 0, nullptr, &err), 0u);
+  EXPECT_EQ(err, PLAT_ERR_PSS_IO);
+  EXPECT_EQ(pss2_get_psstype("snap:/cut", &other, &rc), PSS2_TYPE_OTHER);
+  EXPECT_FALSE(exists("snap/cut-lock"));
 }
 
 // The library destroys files whose creation handles it never closed: destroying closes them.
