@@ -12,8 +12,9 @@
 //             and main databases (the free one's pad is the page size), W last page, W txn id
 //
 // A reader uses the meta page with the larger transaction id (meta 0 on a tie) and reaches
-// the pages below it. The check walks exactly those and holds every node to its page: a
-// file that passes can be read by LMDB without leaving the file.
+// the pages below it; a writer also reuses the pages its free database lists. The check walks
+// exactly those, holds every node to its page and every page to one use: a file that passes
+// can be read and written by LMDB without leaving the file or overwriting a live page.
 #include "common/lmdb_check.h"
 
 #include <fcntl.h>
@@ -60,8 +61,9 @@ struct DbRec {
 DbRec db_at(const uint8_t* p) { return DbRec{rd<uint16_t>(p + 4), rd_word(p + 8 + 4 * W)}; }
 
 // Where a tree hangs: the main database (its leaves name the sub-databases), a named
-// sub-database, or the duplicates of one key (keys only).
-enum class Kind { kMain, kNamed, kDups };
+// sub-database, the duplicates of one key (keys only), or the free-page database (its leaves
+// list pages that earlier transactions freed, which a writer will reuse).
+enum class Kind { kMain, kNamed, kDups, kFree };
 
 struct Node {
   uint16_t flags, ksize;
@@ -76,7 +78,7 @@ class Checker {
   bool run();
 
  private:
-  bool read_meta(size_t at, uint64_t* txnid, uint64_t* last, DbRec* main);
+  bool read_meta(size_t at, uint64_t* txnid, uint64_t* last, DbRec* free, DbRec* main);
   const uint8_t* claim(uint64_t pgno, uint64_t count);
   bool tree(const DbRec& db, Kind kind);
   bool page(uint64_t pgno, int depth, Kind kind, bool dupsort);
@@ -85,6 +87,7 @@ class Checker {
   bool leaf_node(const Node& n, Kind kind, bool dupsort);
   bool sub_page(const Node& n);
   bool overflow(const Node& n);
+  bool free_list(const uint8_t* ids, uint64_t size);
 
   const uint8_t* f_;
   size_t size_;
@@ -93,7 +96,7 @@ class Checker {
   std::vector<bool> seen_;
 };
 
-bool Checker::read_meta(size_t at, uint64_t* txnid, uint64_t* last, DbRec* main) {
+bool Checker::read_meta(size_t at, uint64_t* txnid, uint64_t* last, DbRec* free, DbRec* main) {
   if (size_ < at || size_ - at < kPageHdr + kMetaSize) return false;
   const uint8_t* pg = f_ + at;
   const uint8_t* m = pg + kPageHdr;
@@ -102,6 +105,7 @@ bool Checker::read_meta(size_t at, uint64_t* txnid, uint64_t* last, DbRec* main)
   uint32_t psize = rd<uint32_t>(m + 8 + 2 * W);
   if (psize < 512 || psize > 32768 || !std::has_single_bit(psize) || (psize_ != 0 && psize != psize_)) return false;
   psize_ = psize;
+  *free = db_at(m + 8 + 2 * W);
   *main = db_at(m + 8 + 2 * W + kDbSize);
   *last = rd_word(m + 8 + 2 * W + 2 * kDbSize);
   *txnid = rd_word(m + 8 + 3 * W + 2 * kDbSize);
@@ -110,14 +114,19 @@ bool Checker::read_meta(size_t at, uint64_t* txnid, uint64_t* last, DbRec* main)
 
 bool Checker::run() {
   uint64_t txn[2], last[2];
-  DbRec main[2];
-  if (!read_meta(0, &txn[0], &last[0], &main[0]) || !read_meta(psize_, &txn[1], &last[1], &main[1])) return false;
+  DbRec free[2], main[2];
+  if (!read_meta(0, &txn[0], &last[0], &free[0], &main[0]) ||
+      !read_meta(psize_, &txn[1], &last[1], &free[1], &main[1]))
+    return false;
   int use = txn[1] > txn[0] ? 1 : 0;
   if (last[use] < 1 || last[use] >= size_ / psize_) return false;  // a truncated file ends here
   npages_ = last[use] + 1;
   seen_.assign(npages_, false);
   seen_[0] = seen_[1] = true;
-  return main[use].flags == 0 && tree(main[use], Kind::kMain);
+  // A writer reuses the pages the free database lists: they must lie in the file and be
+  // apart from every page the trees reach, or a write would overwrite live pages.
+  return main[use].flags == 0 && tree(main[use], Kind::kMain) && (free[use].flags & MDB_INTEGERKEY) != 0 &&
+         tree(free[use], Kind::kFree);
 }
 
 // The count pages from pgno, each reached for the first time; null otherwise.
@@ -178,6 +187,11 @@ bool Checker::page(uint64_t pgno, int depth, Kind kind, bool dupsort) {
 }
 
 bool Checker::leaf_node(const Node& n, Kind kind, bool dupsort) {
+  if (kind == Kind::kFree) {  // a transaction id, then its freed pages inline or in an overflow run
+    if (n.ksize != W) return false;
+    if (n.flags == 0) return n.lo_hi <= n.room && free_list(n.data, n.lo_hi);
+    return n.flags == kBigData && overflow(n) && free_list(f_ + rd_word(n.data) * psize_ + kPageHdr, n.lo_hi);
+  }
   switch (n.flags) {
     case 0:
       return kind == Kind::kDups ? n.lo_hi == 0 : n.lo_hi <= n.room;
@@ -220,6 +234,14 @@ bool Checker::overflow(const Node& n) {
   uint32_t pages = rd<uint32_t>(first + W + 4);
   if ((rd<uint16_t>(first + W + 2) & kTypeBits) != kOverflow || claim(pgno, pages) == nullptr) return false;
   return kPageHdr + n.lo_hi <= uint64_t{pages} * psize_;
+}
+
+// A list of freed pages: its length, then that many page numbers, each a page of its own.
+bool Checker::free_list(const uint8_t* ids, uint64_t size) {
+  if (size < W || size % W != 0 || rd_word(ids) != size / W - 1) return false;
+  for (uint64_t i = 1; i < size / W; ++i)
+    if (claim(rd_word(ids + i * W), 1) == nullptr) return false;
+  return true;
 }
 
 // The file mapped for reading, unmapped when done.

@@ -10,10 +10,11 @@
 
 namespace hadra::plat {
 
-// True when every page that a read-only walk of the file at path can reach lies in the file
-// and has the layout LMDB writes: both meta pages, and from the newer one the main database
-// and every named sub-database in it (flags none or MDB_DUPSORT), their branch, leaf and
-// overflow pages, and their duplicate sub-pages and sub-trees; no page is reached twice.
+// True when every page that a walk of the file at path can reach lies in the file and has
+// the layout LMDB writes: both meta pages, and from the newer one the main database and every
+// named sub-database in it (flags none or MDB_DUPSORT), their branch, leaf and overflow pages,
+// their duplicate sub-pages and sub-trees, and the free database with the pages it lists for
+// reuse; no page is reached twice.
 // False for anything else, for a file that cannot be read, and for an empty one.
 bool lmdb_file_sound(const std::string& path);
 
