@@ -26,6 +26,16 @@ int seek_last(MDB_cursor* cur, const Handle&, MDB_val* k, MDB_val* v) {
 
 MDB_val position_val(const Handle& h) { return MDB_val{h.key.d.dsize, h.key.d.dptr}; }
 
+int compare(MDB_cursor* cur, const MDB_val* a, const MDB_val* b) {
+  return mdb_cmp(mdb_cursor_txn(cur), mdb_cursor_dbi(cur), a, b);
+}
+
+// A step lands strictly past the position, or the file's keys are out of order (a damaged
+// copy): then the step fails instead of going round in circles for ever.
+int moved(MDB_cursor* cur, int rc, const MDB_val* k, const MDB_val* at, int direction) {
+  return rc == 0 && compare(cur, k, at) * direction <= 0 ? MDB_CORRUPTED : rc;
+}
+
 // First key after the position (which may have been deleted since).
 int seek_next(MDB_cursor* cur, const Handle& h, MDB_val* k, MDB_val* v) {
   if (h.pos == Pos::kNone) return seek_first(cur, h, k, v);
@@ -33,18 +43,21 @@ int seek_next(MDB_cursor* cur, const Handle& h, MDB_val* k, MDB_val* v) {
   MDB_val at = position_val(h);
   *k = at;
   int rc = mdb_cursor_get(cur, k, v, MDB_SET_RANGE);
-  if (rc == 0 && mdb_cmp(mdb_cursor_txn(cur), mdb_cursor_dbi(cur), k, &at) == 0)
-    rc = mdb_cursor_get(cur, k, v, MDB_NEXT);
-  return rc;
+  if (rc == 0 && compare(cur, k, &at) == 0) rc = mdb_cursor_get(cur, k, v, MDB_NEXT);
+  return moved(cur, rc, k, &at, 1);
 }
 
 // Last key before the position; from no position or the end, the last key.
 int seek_prev(MDB_cursor* cur, const Handle& h, MDB_val* k, MDB_val* v) {
   if (h.pos != Pos::kAt) return seek_last(cur, h, k, v);
-  *k = position_val(h);
+  MDB_val at = position_val(h);
+  *k = at;
   int rc = mdb_cursor_get(cur, k, v, MDB_SET_RANGE);
-  if (rc == MDB_NOTFOUND) return mdb_cursor_get(cur, k, v, MDB_LAST);
-  return rc == 0 ? mdb_cursor_get(cur, k, v, MDB_PREV) : rc;
+  if (rc == MDB_NOTFOUND)
+    rc = mdb_cursor_get(cur, k, v, MDB_LAST);
+  else if (rc == 0)
+    rc = mdb_cursor_get(cur, k, v, MDB_PREV);
+  return moved(cur, rc, k, &at, -1);
 }
 
 // Runs one seek and moves the position to where it landed (the end when nowhere).

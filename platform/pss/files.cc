@@ -117,6 +117,11 @@ int load_meta(Env& e) {
   k = text_val(kLimitKey);
   if (rc == 0 && mdb_get(txn, e.meta, &k, &v) == 0 && v.mv_size == sizeof e.limit)
     memcpy(&e.limit, v.mv_data, sizeof e.limit);
+  // The limit becomes the size of the map: one that no setter could have stored (a damaged
+  // or foreign file) would make the remapping fail and leave LMDB without its map.
+  if (rc == 0 && (e.limit < PSS2_MIN_DBSIZE || e.limit > PSS2_MAX_DBSIZE)) rc = MDB_CORRUPTED;
+  // A file of ours always has both sub-databases and its parameters: one without is damaged.
+  if (rc == MDB_NOTFOUND) rc = MDB_CORRUPTED;
   if (rc != 0) {
     mdb_txn_abort(txn);
     return rc;

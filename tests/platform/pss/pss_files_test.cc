@@ -241,6 +241,24 @@ TEST_F(PssFilesTest, ShippedCopyIsCheckedBeforeItIsMapped) {
   EXPECT_EQ(err, PLAT_ERR_PSS_IO);
   EXPECT_EQ(pss2_get_psstype("snap:/cut", &other, &rc), PSS2_TYPE_OTHER);
   EXPECT_FALSE(exists("snap/cut-lock"));
+
+  // A size limit no setter stores would become the size of the map: the file is refused.
+  ASSERT_EQ(pss2_close(whole), 0u);
+  MDB_env* env = nullptr;
+  MDB_txn* txn = nullptr;
+  MDB_dbi meta;
+  uint64_t huge = uint64_t{1} << 62;
+  MDB_val k{sizeof plat::pss::kLimitKey - 1, const_cast<char*>(plat::pss::kLimitKey)}, v{sizeof huge, &huge};
+  ASSERT_EQ(mdb_env_create(&env), 0);
+  mdb_env_set_maxdbs(env, 4);
+  ASSERT_EQ(mdb_env_open(env, path("snap/whole").c_str(), MDB_NOSUBDIR, 0664), 0);
+  ASSERT_EQ(mdb_txn_begin(env, nullptr, 0, &txn), 0);
+  ASSERT_EQ(mdb_dbi_open(txn, plat::pss::kMetaDb, 0, &meta), 0);
+  ASSERT_EQ(mdb_put(txn, meta, &k, &v, 0), 0);
+  ASSERT_EQ(mdb_txn_commit(txn), 0);
+  mdb_env_close(env);
+  EXPECT_EQ(pss2_open("snap:/whole", PSS2_OPEN_FLAGS_OPEN, 1, 0, nullptr, &err), 0u);
+  EXPECT_EQ(err, PLAT_ERR_PSS_IO);
 }
 
 // The library destroys files whose creation handles it never closed: destroying closes them.
