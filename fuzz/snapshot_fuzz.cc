@@ -1,5 +1,5 @@
-// Fuzz target of the SDB snapshot reader. Snapshot files are shipped from the other
-// supervisor's root, so whatever lies in one must be refused clearly or restored, never
+// Fuzz target of the readers of files shipped from the other supervisor's root: SDB
+// snapshots and PSS copies. Whatever lies in one must be refused clearly or read, never
 // crash the reader or spoil the SDB it restores into.
 //
 // Input: a selector byte, then the snapshot file. Selector bit 0 picks the plain SDB (0) or
@@ -9,11 +9,15 @@
 //  - refused: the SDB must hold exactly what it held before;
 //  - restored: every record (and every secondary key of an MSDB) is read back, a record is
 //    written and read, and the SDB is restored from a good snapshot for the next input.
+// Selector bit 2 makes the bytes a PSS copy instead, arriving without its lock file: it is
+// opened, walked record by record and written to, or refused with a storage or URI error.
+#include <cstdio>
 #include <cstring>
 #include <string>
 
 #include "fuzz/fuzz_support.h"
 #include "hadra_platform/errors.h"
+#include "hadra_platform/pss.h"
 #include "hadra_platform/sdb.h"
 #include "hadra_platform_testing.h"
 
@@ -103,6 +107,65 @@ void check_restored(const Target& t) {
   if (restore(t, kGoodArea) != 0 || fingerprint(t) != t.good) fail("cannot go back to the good snapshot", t);
 }
 
+// ---- PSS copies -------------------------------------------------------------------------
+
+constexpr const char* kPssCopy = "snap:/fuzz/routes";
+
+void pss_fail(const char* what) {
+  std::fprintf(stderr, "snapshot_fuzz: %s: %s\n", kPssCopy, what);
+  abort();
+}
+
+// Every byte the store hands out is read, so a record that points outside the file is seen.
+void walk_copy(uint32_t h) {
+  uint64_t sink = 0;
+  uint32_t st = 0;
+  for (uint32_t rc = pss2_move2location(&h, 1, PSS2_LOC_FIRST, &st); rc == 0;
+       rc = pss2_move2location(&h, 1, PSS2_LOC_NEXT, &st)) {
+    uint32_t ks = 0, vs = 0;
+    const datum* k = pss2_getkey(h, &ks);
+    if (k != nullptr) sink = mix(sink, k->dptr, k->dsize);
+    const datum* v = pss2_getvalue(h, &vs);
+    if (v != nullptr) sink = mix(sink, v->dptr, v->dsize);
+  }
+  (void)sink;
+}
+
+void open_copy(const uint8_t* data, size_t size) {
+  const std::string path = hadra::fuzz::path_of(kPssCopy);
+  std::remove((path + "-lock").c_str());
+  if (!hadra::fuzz::write_file(path, data, size)) pss_fail("cannot write");
+  uint32_t err = 0;
+  const uint32_t h = pss2_open(kPssCopy, PSS2_OPEN_FLAGS_OPEN, kUuid, 0, nullptr, &err);
+  if (h == 0) {
+    // An empty file is an unfinished creation: to an open without create it is not there.
+    const bool unfinished = size == 0 && err == PLAT_ERR_PSS_NOT_FOUND;
+    if (err != PLAT_ERR_PSS_IO && err != PLAT_ERR_PSS_BAD_URI && !unfinished) {
+      std::fprintf(stderr, "snapshot_fuzz: %s: refused with 0x%x\n", kPssCopy, err);
+      abort();
+    }
+    return;
+  }
+  walk_copy(h);
+  datum k = d("written after arrival"), v = d("x");
+  pss2_store(h, &k, &v);  // a damaged tree may refuse it; it must not crash
+  if (pss2_close(h) != 0) pss_fail("cannot close");
+  pss2_destroy(kPssCopy);
+}
+
+std::string good_pss_copy() {
+  uint32_t err = 0;
+  const uint32_t h = pss2_open("run:/fz/routes", PSS2_OPEN_FLAGS_CREATE, kUuid, 0, nullptr, &err);
+  for (int i = 0; h != 0 && i < 300; ++i) {
+    const std::string key = "route-" + std::to_string(i), value(i % 50 == 0 ? 3000 : 20, 'r');
+    datum k{const_cast<char*>(key.data()), static_cast<uint32_t>(key.size())};
+    datum v{const_cast<char*>(value.data()), static_cast<uint32_t>(value.size())};
+    pss2_store(h, &k, &v);
+  }
+  if (h == 0 || pss2_close(h) != 0) pss_fail("cannot make a good copy");
+  return hadra::fuzz::read_file(hadra::fuzz::path_of("run:/fz/routes"));
+}
+
 // ---- seeds ------------------------------------------------------------------------------
 
 std::string good_snapshot(const Target& t) {
@@ -122,6 +185,9 @@ void make_seeds(const std::string& dir) {
   write_seed(dir, "msdb", 1 | 2, good_snapshot(g_targets[1]));
   // Cut short, as an interrupted copy between the supervisors leaves it.
   write_seed(dir, "sdb-truncated", 0, sdb.substr(0, sdb.size() / 2));
+  std::string pss = good_pss_copy();
+  write_seed(dir, "pss-copy", 4, pss);
+  write_seed(dir, "pss-copy-truncated", 4, pss.substr(0, pss.size() / 2));
 }
 
 }  // namespace
@@ -134,6 +200,10 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size == 0) return -1;
+  if ((data[0] & 4) != 0) {
+    open_copy(data + 1, size - 1);
+    return 0;
+  }
   const Target& t = g_targets[data[0] & 1];
   bool closed = (data[0] & 2) != 0;
   if (!hadra::fuzz::write_file(hadra::fuzz::path_of(t.snap_uri), data + 1, size - 1)) fail("cannot write", t);
