@@ -255,9 +255,9 @@ struct Mapping {
 
 }  // namespace
 
-bool lmdb_file_sound(const std::string& path) {
+LmdbFile lmdb_file_check(const std::string& path) {
   int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return false;
+  if (fd < 0) return LmdbFile::kForeign;
   struct stat st;
   Mapping m;
   if (::fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_size > 0) {
@@ -268,16 +268,8 @@ bool lmdb_file_sound(const std::string& path) {
     }
   }
   ::close(fd);
-  return m.p != nullptr && Checker(m.p, m.size).run();
-}
-
-bool lmdb_file_marked(const std::string& path) {
-  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return false;
-  uint8_t head[kPageHdr + 4];
-  const bool whole = ::pread(fd, head, sizeof head, 0) == static_cast<ssize_t>(sizeof head);
-  ::close(fd);
-  return whole && rd<uint32_t>(head + kPageHdr) == kMagic;
+  if (m.p == nullptr || m.size < kPageHdr + 4 || rd<uint32_t>(m.p + kPageHdr) != kMagic) return LmdbFile::kForeign;
+  return Checker(m.p, m.size).run() ? LmdbFile::kSound : LmdbFile::kDamaged;
 }
 
 }  // namespace hadra::plat

@@ -10,17 +10,16 @@
 
 namespace hadra::plat {
 
-// True when every page that a walk of the file at path can reach lies in the file and has
-// the layout LMDB writes: both meta pages, and from the newer one the main database and every
-// named sub-database in it (flags none or MDB_DUPSORT), their branch, leaf and overflow pages,
-// their duplicate sub-pages and sub-trees, and the free database with the pages it lists for
-// reuse; no page is reached twice.
-// False for anything else, for a file that cannot be read, and for an empty one.
-bool lmdb_file_sound(const std::string& path);
-
-// True when the file at path starts with LMDB's first meta page marker. LMDB refuses a file
-// without it on its own (it reads the header before mapping anything), so only files that
-// pass this need lmdb_file_sound to tell a damaged store from a sound one.
-bool lmdb_file_marked(const std::string& path);
+// What a check of the file at path finds:
+//  kForeign  not an LMDB file (no meta marker at its start), or a file that cannot be read:
+//            LMDB refuses such a file on its own, reading its header before mapping anything;
+//  kSound    every page that a walk can reach lies in the file and has the layout LMDB writes:
+//            both meta pages, and from the newer one the main database and every named
+//            sub-database in it (flags none or MDB_DUPSORT), their branch, leaf and overflow
+//            pages, their duplicate sub-pages and sub-trees, and the free database with the
+//            pages it lists for reuse; no page is reached twice;
+//  kDamaged  an LMDB file that is anything less.
+enum class LmdbFile { kForeign, kSound, kDamaged };
+LmdbFile lmdb_file_check(const std::string& path);
 
 }  // namespace hadra::plat

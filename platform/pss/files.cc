@@ -168,8 +168,7 @@ uint32_t prepare(Env& e, bool create, bool exclusive) {
 // way, and LMDB would read past its end. Such a file is checked before LMDB maps it. A file
 // with a lock file may have a writer changing pages under a check; it is LMDB's own.
 bool damaged_arrival(const std::string& path, const struct stat& st) {
-  if (st.st_size == 0 || access((path + "-lock").c_str(), F_OK) == 0 || !lmdb_file_marked(path) ||
-      lmdb_file_sound(path))
+  if (st.st_size == 0 || access((path + "-lock").c_str(), F_OK) == 0 || lmdb_file_check(path) != LmdbFile::kDamaged)
     return false;
   plat_syslog(PLAT_LOG_ERR, "PSS: %s is damaged or cut short; not opened", path.c_str());
   return true;

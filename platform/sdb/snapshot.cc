@@ -139,7 +139,7 @@ uint32_t read_snapshot(const std::string& path, const std::string& snap, uint32_
   struct stat st;
   if (::stat(snap.c_str(), &st) != 0) return PLAT_ERR_SDB_NOT_FOUND;
   // The file was shipped from the other supervisor: LMDB must not meet a damaged one.
-  if (!hadra::plat::lmdb_file_sound(snap)) {
+  if (hadra::plat::lmdb_file_check(snap) != hadra::plat::LmdbFile::kSound) {
     plat_syslog(PLAT_LOG_ERR, "SDB: snapshot %s is damaged or cut short; %s not restored", snap.c_str(), path.c_str());
     return PLAT_ERR_SDB_IO;
   }
