@@ -43,7 +43,7 @@ for t in "${targets[@]}"; do
   mkdir -p "$scratch/$t" "$build/artifacts/$t"
   echo "== run $t for ${seconds}s (seeds: $seeds)"
   # The scratch corpus comes first: libFuzzer writes new inputs there, never into the seeds.
-  if ! ASAN_OPTIONS="${ASAN_OPTIONS:-detect_leaks=1}" \
+  if ! ASAN_OPTIONS="${ASAN_OPTIONS:-detect_leaks=1}" LSAN_OPTIONS="${LSAN_OPTIONS:-suppressions=$here/fuzz/lsan.supp}" \
       UBSAN_OPTIONS="${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}" \
       "$build/$t" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 -print_final_stats=1 \
       -artifact_prefix="$build/artifacts/$t/" "$scratch/$t" "$seeds"; then
