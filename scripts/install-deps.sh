@@ -9,6 +9,7 @@ packages=(
   libzmq3-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-14-dev
+  doxygen dpkg-dev file lintian
 )
 
 missing=()

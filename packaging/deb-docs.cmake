@@ -1,0 +1,38 @@
+# Run by CPack after it has installed each component into its staging tree and before the
+# Debian packages are assembled. Debian wants every package's documentation under
+# /usr/share/doc/<package>, with a copyright file and a compressed changelog; a source install
+# keeps all of it under <docdir> (share/doc/hadra), so each package's part moves there.
+set(_packages sysmgr:libhadra-sysmgr0 platform:libhadra-platform0 dev:libhadra-dev daemon:hadra-sysmgrd)
+foreach(pair IN LISTS _packages)
+  string(REPLACE ":" ";" pair "${pair}")
+  list(GET pair 0 component)
+  list(GET pair 1 package)
+  set(usr "${CPACK_TEMPORARY_DIRECTORY}/${component}${CPACK_PACKAGING_INSTALL_PREFIX}")
+  if(NOT IS_DIRECTORY "${CPACK_TEMPORARY_DIRECTORY}/${component}")
+    message(FATAL_ERROR "deb-docs: no staging tree for component ${component} in ${CPACK_TEMPORARY_DIRECTORY}")
+  endif()
+  set(docdir "${usr}/share/doc/${package}")
+  if(IS_DIRECTORY "${usr}/${CPACK_HADRA_DOCDIR}")
+    file(RENAME "${usr}/${CPACK_HADRA_DOCDIR}" "${docdir}")
+  endif()
+  file(MAKE_DIRECTORY "${docdir}")
+  # Files that name the documentation folder follow it.
+  file(GLOB units "${usr}/lib/systemd/system/*.service")
+  foreach(unit IN LISTS units)
+    file(READ "${unit}" text)
+    string(REPLACE "${CPACK_PACKAGING_INSTALL_PREFIX}/${CPACK_HADRA_DOCDIR}/" "${CPACK_PACKAGING_INSTALL_PREFIX}/share/doc/${package}/"
+      text "${text}")
+    file(WRITE "${unit}" "${text}")
+  endforeach()
+  file(COPY_FILE "${CPACK_HADRA_SOURCE_DIR}/packaging/copyright" "${docdir}/copyright")
+  set(PACKAGE "${package}")
+  set(VERSION "${CPACK_HADRA_DEB_VERSION}")
+  configure_file("${CPACK_HADRA_SOURCE_DIR}/packaging/changelog.Debian.in" "${docdir}/changelog.Debian" @ONLY)
+  # -n: no name or time stamp inside, so the same tree gives the same package.
+  execute_process(COMMAND gzip -9nf "${docdir}/changelog.Debian" RESULT_VARIABLE rc)
+  if(NOT rc EQUAL 0)
+    message(FATAL_ERROR "deb-docs: gzip of ${docdir}/changelog.Debian failed: ${rc}")
+  endif()
+  file(CHMOD "${docdir}/copyright" "${docdir}/changelog.Debian.gz"
+    PERMISSIONS OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ)
+endforeach()
