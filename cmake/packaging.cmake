@@ -1,5 +1,5 @@
 # Debian packages from the build tree (CPack, DEB generator): `cpack -G DEB` in the build
-# directory, or scripts/package.sh. One package per install component:
+# directory (packages in <build>/packages). One package per install component:
 #   libhadra-sysmgr0    the library          (Depends: libhadra-platform0 of the same version)
 #   libhadra-platform0  the platform
 #   libhadra-dev        headers, .so links, CMake package, pkg-config files, docs, reference
@@ -23,6 +23,13 @@ set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_RELEASE ${HADRA_DEB_RELEASE})
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+# Programs of the daemon package link our libraries: dpkg-shlibdeps finds them in the build
+# tree, and the package that holds each in packaging/deb-docs.cmake's shlibs.local.
+if(CMAKE_LIBRARY_OUTPUT_DIRECTORY)
+  set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS "${CMAKE_LIBRARY_OUTPUT_DIRECTORY}")
+else()
+  set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS "${PROJECT_BINARY_DIR}")
+endif()
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 set(CPACK_PRE_BUILD_SCRIPTS "${PROJECT_SOURCE_DIR}/packaging/deb-docs.cmake")
 set(_hadra_deb_version "${PROJECT_VERSION}-${HADRA_DEB_RELEASE}")

@@ -2,6 +2,25 @@
 # Debian packages are assembled. Debian wants every package's documentation under
 # /usr/share/doc/<package>, with a copyright file and a compressed changelog; a source install
 # keeps all of it under <docdir> (share/doc/hadra), so each package's part moves there.
+# It also tells dpkg-shlibdeps, which CPack runs on each package holding programs or
+# libraries, which package provides our own libraries (they are in no installed package yet).
+# debian/shlibs.local in a staging tree is read by dpkg-shlibdeps there; CPack removes the
+# debian/ folder after running it, but only in trees with ELF files, so only those get one.
+function(hadra_shlibs_local tree)
+  file(GLOB_RECURSE files LIST_DIRECTORIES false "${tree}/*")
+  foreach(f IN LISTS files)
+    if(NOT IS_SYMLINK "${f}")
+      file(READ "${f}" magic LIMIT 4 HEX)
+      if(magic STREQUAL "7f454c46")
+        file(WRITE "${tree}/debian/shlibs.local"
+          "libhadra_sysmgr 0 libhadra-sysmgr0 (= ${CPACK_HADRA_DEB_VERSION})\n"
+          "libhadra_platform 0 libhadra-platform0 (= ${CPACK_HADRA_DEB_VERSION})\n")
+        return()
+      endif()
+    endif()
+  endforeach()
+endfunction()
+
 set(_packages sysmgr:libhadra-sysmgr0 platform:libhadra-platform0 dev:libhadra-dev daemon:hadra-sysmgrd)
 foreach(pair IN LISTS _packages)
   string(REPLACE ":" ";" pair "${pair}")
@@ -33,6 +52,7 @@ foreach(pair IN LISTS _packages)
   if(NOT rc EQUAL 0)
     message(FATAL_ERROR "deb-docs: gzip of ${docdir}/changelog.Debian failed: ${rc}")
   endif()
+  hadra_shlibs_local("${CPACK_TEMPORARY_DIRECTORY}/${component}")
   file(CHMOD "${docdir}/copyright" "${docdir}/changelog.Debian.gz"
     PERMISSIONS OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ)
 endforeach()
