@@ -71,6 +71,18 @@ else
   echo "note: systemd-analyze not installed; the unit is not verified"
 fi
 
+# The package's version and components: what it must refuse.
+probe="$work/probe"
+mkdir -p "$probe"
+for req in "1.0" "0.1 COMPONENTS nosuch"; do
+  printf 'cmake_minimum_required(VERSION 3.20)\nproject(probe NONE)\nfind_package(hadra %s CONFIG REQUIRED)\n' \
+    "$req" >"$probe/CMakeLists.txt"
+  if cmake -S "$probe" -B "$probe/build" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null 2>&1; then
+    fail "find_package(hadra $req) accepted the installed 0.x package"
+  fi
+  rm -rf "$probe/build"
+done
+
 consumers_cmake "$prefix" "$libdir"
 consumers_pkgconfig "$libdir/pkgconfig" "" "$libdir"
 exit $status
