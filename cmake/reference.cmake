@@ -2,7 +2,14 @@
 # (docs/reference/). Built with the rest when Doxygen is there; installed with the
 # development files as <docdir>/reference/html.
 find_package(Doxygen QUIET)
-option(HADRA_BUILD_REFERENCE "Generate the reference pages of the public headers (Doxygen)" ${DOXYGEN_FOUND})
+# On by default when Doxygen is there, unless hadra is a part of another build (the fuzz
+# targets' project adds it).
+set(_hadra_reference_default OFF)
+if(DOXYGEN_FOUND AND CMAKE_SOURCE_DIR STREQUAL PROJECT_SOURCE_DIR)
+  set(_hadra_reference_default ON)
+endif()
+option(HADRA_BUILD_REFERENCE "Generate the reference pages of the public headers (Doxygen)"
+  ${_hadra_reference_default})
 if(HADRA_BUILD_REFERENCE)
   if(NOT DOXYGEN_FOUND)
     message(FATAL_ERROR "HADRA_BUILD_REFERENCE is on but Doxygen was not found (Debian: doxygen)")
