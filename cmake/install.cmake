@@ -51,7 +51,8 @@ install(DIRECTORY ${PROJECT_SOURCE_DIR}/platform/include/hadra_platform
 install(EXPORT hadraTargets NAMESPACE hadra:: DESTINATION ${HADRA_CMAKE_DIR} COMPONENT dev)
 configure_package_config_file(${_src}/hadraConfig.cmake.in ${_gen}/hadraConfig.cmake
   INSTALL_DESTINATION ${HADRA_CMAKE_DIR})
-# 0.x: the soname stays 0 while the major version is 0, so any 0.y satisfies a request for 0.x.
+# The soname stays 0 while the major version is 0: a request for 0.y is met by an installed
+# 0.x with x >= y, never by 1.x.
 write_basic_package_version_file(${_gen}/hadraConfigVersion.cmake
   VERSION ${PROJECT_VERSION} COMPATIBILITY SameMajorVersion)
 install(FILES ${_gen}/hadraConfig.cmake ${_gen}/hadraConfigVersion.cmake
