@@ -3,7 +3,8 @@
 #  - every public header has its page;
 #  - every symbol libhadra_sysmgr.so exports (tests/c_api/exports.txt) is documented;
 #  - every C symbol libhadra_platform.so exports is documented, except its testing interface
-#    (plat_test_* and what only platform/testing/ declares: not installed, not for services);
+#    (plat_test_* and what only platform/testing/ declares: not installed, not for services)
+#    and names reserved to the compiler (__*, e.g. AddressSanitizer's __odr_asan.* markers);
 #    the error message descriptors (msg_error_HADRA_<NAME>, declared by one list macro in
 #    hadra_platform/log.h) are documented by their rows in the catalogue, docs/messages.md.
 # A symbol is documented when the index lists it and Doxygen did not warn that it is not.
@@ -37,7 +38,7 @@ documented=$(printf '%s\n' "$documented" "$catalogue" | sort -u)
 library=$(grep -v '^#' "$src/tests/c_api/exports.txt" | sed '/^$/d' | sort -u)
 public_headers=("$src"/include/hadra/*.h "$src"/platform/include/hadra_platform/*.h)
 platform=$(nm -D --defined-only "$platform_lib" | awk '$2 ~ /^[TDBR]$/ {print $3}' | sed 's/@.*//' |
-  grep -v -e '^_Z' -e '^plat_test_' | sort -u)
+  grep -v -e '^_Z' -e '^__' -e '^plat_test_' | sort -u)
 testing_only=()
 for s in $platform; do
   if ! grep -qw -- "$s" "${public_headers[@]}" && grep -qrw -- "$s" "$src/platform/testing"; then
