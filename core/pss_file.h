@@ -24,7 +24,7 @@ namespace hadra {
 // well-formed record.
 inline pss2_params initial_copy_params() noexcept {
   pss2_params p{};
-  p.version = 8;
+  p.version = PSS2_PARAMS_VERSION;
   p.max_key_len = 32;
   p.snapshot_chunk = 30;
   p.flags = 0;

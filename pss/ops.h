@@ -14,14 +14,6 @@
 
 namespace hadra::pss {
 
-// PSS status "no record at the key or position asked for": not an error for the reads.
-constexpr uint32_t kNoRecord = 0x40480003u;
-// The constants the platform expects as second arguments of its delete and move calls.
-constexpr uint32_t kDeleteKey = 1;
-constexpr uint32_t kMoveMode = 1;
-constexpr uint32_t kLocFirst = 1;
-constexpr uint32_t kLocNext = 3;
-
 // One argument as a bad-argument report shows it: a pointer as "present"/"missing", a length
 // as its number. Raw pointers never reach a text.
 struct ShownArg {

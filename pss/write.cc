@@ -60,7 +60,7 @@ int update(hadra_ha_pss_entry *e, const void *key, uint32_t key_len, const void 
 int remove(hadra_ha_pss_entry *e, const void *key, uint32_t key_len) noexcept {
   if (!may_write(e, "hadra_pss_delete")) return 0;
   const datum k = as_datum(key, key_len);
-  const uint32_t rc = pss2_delete(e->pss_handle, &k, kDeleteKey);
+  const uint32_t rc = pss2_delete(e->pss_handle, &k, PSS2_DELETE_KEY);
   if (rc != 0) {
     report(msg_error_HADRA_PSS_DELETE, hadra_syserr2str(rc, 0));
     return 0;

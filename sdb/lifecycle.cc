@@ -61,7 +61,7 @@ int send_notification(const hadra_ha_pss_entry &entry, const void *buf, uint32_t
 
 int notify(const hadra_ha_pss_entry *entry, bool is_create) noexcept {
   if (entry == nullptr) return 0;
-  const sdb_create_del_msg msg = {is_create ? kNotifyCreate : kNotifyDelete, entry->uri};
+  const sdb_create_del_msg msg = {is_create ? SDB_NOTIFY_CREATE : SDB_NOTIFY_DELETE, entry->uri};
   uint32_t size = fu_sdb_create_del_msg_get_tlv_sz(&msg);
   void *buf = std::malloc(size);
   if (buf == nullptr) {
@@ -80,11 +80,11 @@ int notify(const hadra_ha_pss_entry *entry, bool is_create) noexcept {
 
 int create(hadra_ha_pss_entry *entry) noexcept {
   if (entry == nullptr) return 0;
-  const uint32_t flags = entry->is_msdb != 0 ? kCreateFlagsMsdb : kCreateFlagsSdb;
+  const uint32_t flags = entry->is_msdb != 0 ? SDB_CREATE_MSDB : SDB_CREATE_SDB;
   uint32_t rc = sdb_create(entry->uri, flags, sysmgr_uuid_get_before_handshake(), 0);
   // An SDB that is already there is announced and registered like a new one: its other
   // users learn that this client (re)started with it.
-  if (rc != 0 && rc != kRcAlreadyExists) {
+  if (rc != 0 && rc != PLAT_ERR_SDB_EXISTS) {
     HADRA_DBG("ERROR: Could not create SDB %s (%s)\n", entry->uri, err_text(rc));
     return 0;
   }
@@ -99,10 +99,10 @@ int create(hadra_ha_pss_entry *entry) noexcept {
 
 int open(const char *uri, int read_write) noexcept {
   if (uri == nullptr) return 0;
-  const uint32_t rw_flag = read_write != 0 ? kOpenReadWrite : kOpenRead;
+  const uint32_t rw_flag = read_write != 0 ? SDB_OPEN_RW : SDB_OPEN_READ;
   const uint32_t uuid = sysmgr_uuid_get_before_handshake();
   uint32_t rc = sdb_open(uri, rw_flag, uuid, 0, 0);
-  if (rc == kRcAlreadyOpen) return 1;  // ours already; recovered when it was first opened
+  if (rc == PLAT_ERR_SDB_ALREADY_OPEN) return 1;  // ours already; recovered when it was first opened
   if (rc != 0) {
     HADRA_DBG("ERROR: Could not open SDB %s (%s), rw_flag %d, uuid %d\n", uri, err_text(rc),
               static_cast<int>(rw_flag), static_cast<int>(uuid));
@@ -153,10 +153,10 @@ int uri_destroy(const char *uri) noexcept {
     HADRA_DBG("ERROR: pss get type failed for %s uri with rc=%s\n", uri, err_text(rc));
     return 0;
   }
-  if (type == kPssTypePss2) {
+  if (type == PSS2_TYPE_PSS2) {
     rc = pss2_destroy(uri);
     if (rc != 0) {
-      HADRA_DBG("ERROR: pss2(type %d) %s destroy failed with rc=%s\n", static_cast<int>(kPssTypePss2), uri,
+      HADRA_DBG("ERROR: pss2(type %d) %s destroy failed with rc=%s\n", static_cast<int>(PSS2_TYPE_PSS2), uri,
                 err_text(rc));
       return 0;
     }

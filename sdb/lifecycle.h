@@ -9,18 +9,6 @@
 
 namespace hadra::sdb {
 
-// sdb_create flags by kind, and the two platform answers that count as success.
-inline constexpr uint32_t kCreateFlagsSdb = 0x4;
-inline constexpr uint32_t kCreateFlagsMsdb = 0x10000;
-inline constexpr uint32_t kRcAlreadyExists = 0x411a000e;  // sdb_create: taken like 0
-inline constexpr uint32_t kRcAlreadyOpen = 0x411a0003;    // sdb_open: open, no recovery
-inline constexpr uint32_t kOpenRead = 1;
-inline constexpr uint32_t kOpenReadWrite = 3;
-inline constexpr uint32_t kPssTypePss2 = 3;  // pss2_get_psstype answer for a PSS file
-
-inline constexpr uint32_t kNotifyCreate = 1;
-inline constexpr uint32_t kNotifyDelete = 2;
-
 // Close this process's opening of the SDB at uri if it has one, without a debug line: for
 // an SDB whose open may or may not have left it open.
 void release(const char *uri) noexcept;

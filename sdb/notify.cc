@@ -43,7 +43,7 @@ void send_context(const hadra_ha_pss_entry* entry, const ContextBuf& ctx, uint32
   const uint32_t sap = hadra_ha_handle.sap;
   mts_msg_ref ref;
   std::memset(&ref, 0, sizeof ref);
-  if (mts_send(sap, HADRA_SYNC_PEER_ADDR, 0, entry->update_opcode, ctx.data(), len, &ref, 0, &desc) < 0) {
+  if (mts_send(sap, HADRA_SYNC_PEER_ADDR, MTS_SAP_SAME, entry->update_opcode, ctx.data(), len, &ref, 0, &desc) < 0) {
     plat_syslog(2, "mts-send failed. %d\n", errno);
     return;
   }

@@ -91,7 +91,7 @@ extern "C" HADRA_API int hadra_ha_sync(const hadra_ha_pss_entry* entry, const da
   const uint32_t opcode = hadra_ha_handle.opcode;
   mts_msg_ref ref;
   std::memset(&ref, 0, sizeof ref);
-  if (mts_send(sap, HADRA_SYNC_PEER_ADDR, 0, opcode, &hdr, HADRA_SYNC_HDR_LEN, &ref, 0, &desc) == -1) {
+  if (mts_send(sap, HADRA_SYNC_PEER_ADDR, MTS_SAP_SAME, opcode, &hdr, HADRA_SYNC_HDR_LEN, &ref, 0, &desc) == -1) {
     hadra::report(msg_error_HADRA_HA_SYNC, static_cast<const char*>(std::strerror(errno)));
     return 0;
   }
