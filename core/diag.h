@@ -89,6 +89,9 @@ static_assert(sizeof(DumpRecord) == 516 && offsetof(DumpRecord, text) == 4, "dum
 
 namespace hadra {
 
+// Text for a URI argument in debug lines: the URI, or "(null)".
+inline const char *uri_text(const char *uri) noexcept { return uri != nullptr ? uri : "(null)"; }
+
 // True when a report of d would get past the facility checks (a facility is set up and its
 // level reaches d's threshold). The rate limiter may still refuse it.
 inline bool report_wanted(const syslog_msg_desc &d) noexcept {

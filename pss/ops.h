@@ -14,6 +14,14 @@
 
 namespace hadra::pss {
 
+// The writers as the library calls them, with every check of their exported forms
+// (hadra_pss_update, hadra_pss_delete, hadra_pss_delete_range, hadra_pss_purge).
+int update(hadra_ha_pss_entry *entry, const void *key, uint32_t key_len, const void *data,
+           uint32_t data_len) noexcept;
+int remove(hadra_ha_pss_entry *entry, const void *key, uint32_t key_len) noexcept;
+int remove_range(hadra_ha_pss_entry *entry, const void *prefix, uint32_t prefix_len) noexcept;
+int purge(hadra_ha_pss_entry *entry) noexcept;
+
 // One argument as a bad-argument report shows it: a pointer as "present"/"missing", a length
 // as its number. Raw pointers never reach a text.
 struct ShownArg {

@@ -9,7 +9,8 @@
 //
 //   sdb_get_context_len -> failure, or longer than our 100-byte buffer: nothing sent
 //   sdb_set_context     -> failure: the buffer holds no context, nothing sent
-//   sysmgr_supstate_get -> not active: nothing sent
+//   sysmgr_supstate_get -> not active, or the SDB's update_opcode is 0 (registered
+//                          without update notifications): nothing sent
 //   mts_send + mts_drop
 //   sdb_write_done      -> on every path: a write is never left uncompleted
 #include <array>
@@ -18,7 +19,6 @@
 
 #include "core/diag.h"
 #include "hadra/handle.h"
-#include "hadra/sync.h"
 #include "hadra_platform/log.h"
 #include "hadra_platform/mts.h"
 #include "hadra_platform/sdb.h"
@@ -43,7 +43,7 @@ void send_context(const hadra_ha_pss_entry* entry, const ContextBuf& ctx, uint32
   const uint32_t sap = hadra_ha_handle.sap;
   mts_msg_ref ref;
   std::memset(&ref, 0, sizeof ref);
-  if (mts_send(sap, HADRA_SYNC_PEER_ADDR, MTS_SAP_SAME, entry->update_opcode, ctx.data(), len, &ref, 0, &desc) < 0) {
+  if (mts_send(sap, MTS_ADDR_PEER, MTS_SAP_SAME, entry->update_opcode, ctx.data(), len, &ref, 0, &desc) < 0) {
     plat_syslog(2, "mts-send failed. %d\n", errno);
     return;
   }
@@ -87,7 +87,7 @@ extern "C" int hadra_sdb_update_notification(const hadra_ha_pss_entry* entry) no
   const uint32_t rc = sdb_set_context(entry->uri, ctx.data());
   if (rc != 0)
     HADRA_DBG("ERROR, sdb_set_context %s\n", syserr2str(rc));
-  else if (sysmgr_supstate_get() == HADRA_SUP_ACTIVE)
+  else if (sysmgr_supstate_get() == HADRA_SUP_ACTIVE && entry->update_opcode != 0)
     hadra::sdb::send_context(entry, ctx, len);
   (void)sdb_write_done(entry->uri);
   return 1;

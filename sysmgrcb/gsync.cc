@@ -25,7 +25,6 @@
 #include <cstdlib>
 
 #include "core/diag.h"
-#include "core/pss_file.h"
 #include "core/registry.h"
 #include "hadra/handle.h"
 #include "hadra/lifecycle.h"
@@ -34,6 +33,9 @@
 #include "hadra_platform/mts.h"
 #include "hadra_platform/strutil.h"
 #include "hadra_platform/sysmgr.h"
+#include "pss/file.h"
+#include "sdb/lifecycle.h"
+#include "sdb/snapshot.h"
 #include "sysmgrcb/common.h"
 
 namespace hadra::sysmgrcb {
@@ -86,13 +88,13 @@ int snapshot_pss(hadra_ha_pss_entry &e, const char *base_uri) noexcept {
   HADRA_DBG("pss base_uri: %s, sysmgr_file_prefixi: %s, handle: %s, dest_uri: %s", uri_text(base_uri),
             uri_text(sysmgr_file_prefix_get()), e.name, uri_text(dest.c_str()));
   if (!dest.ok()) return 0;
-  if (hadra_pss_snapshot_to_uri(e.pss_handle, dest.c_str()) == 0) return 0;
+  if (pss::snapshot_to_uri(e.pss_handle, dest.c_str()) == 0) return 0;
   HADRA_DBG("Successful snapshot from %s to %s", e.uri, dest.c_str());
   return 1;
 }
 
 int snapshot_sdb(hadra_ha_pss_entry &e, const char *base_uri) noexcept {
-  return hadra_sdb_create_sync_snapshot(base_uri, &e);
+  return sdb::create_sync_snapshot(base_uri, &e);
 }
 
 constexpr WalkActions kSnapshotActions = {&snapshot_pss, &snapshot_sdb};
@@ -102,13 +104,13 @@ constexpr WalkActions kSnapshotActions = {&snapshot_pss, &snapshot_sdb};
 // The entry's file is about to be (re)opened: a handle it still holds from an earlier gsync
 // would otherwise be lost.
 void forget_old_handle(hadra_ha_pss_entry &e) noexcept {
-  if (e.pss_handle != 0) pss_release_handle(e.pss_handle);
+  if (e.pss_handle != 0) pss::release_handle(e.pss_handle);
 }
 
 // The area holds no copy of the file: it starts empty.
 int restore_pss_empty(hadra_ha_pss_entry &e) noexcept {
   forget_old_handle(e);
-  if (hadra_pss_create(e.uri, nullptr, &e.pss_handle) == 0) {
+  if (pss::create(e.uri, nullptr, &e.pss_handle) == 0) {
     HADRA_DBG("hadra_pss_create failed in %s", kRestorePss);
     return 0;
   }
@@ -119,25 +121,25 @@ int restore_pss_empty(hadra_ha_pss_entry &e) noexcept {
 int restore_pss(hadra_ha_pss_entry &e, const char *base_uri) noexcept {
   const UriCopy src(pss_copy_uri(base_uri, e));
   if (!src.ok()) return 0;
-  if (hadra_pss_exist(src.c_str(), hadra_ha_handle.uuid) == 0) return restore_pss_empty(e);
+  if (pss::exist(src.c_str(), hadra_ha_handle.uuid) == 0) return restore_pss_empty(e);
   uint32_t snapshot = 0;
-  if (hadra_pss_open(src.c_str(), &snapshot) == 0) {
+  if (pss::open(src.c_str(), &snapshot) == 0) {
     HADRA_DBG("hadra_pss_open failed in %s", kRestorePss);
     return 0;
   }
-  const int copied = hadra_pss_snapshot_to_uri(snapshot, e.uri);
+  const int copied = pss::snapshot_to_uri(snapshot, e.uri);
   // Closed on failure too: an open handle keeps the area's file mapped for the process.
-  hadra_pss_close(snapshot);
+  pss::close(snapshot);
   if (copied == 0) return 0;
   forget_old_handle(e);
-  if (hadra_pss_open(e.uri, &e.pss_handle) == 0) return 0;
+  if (pss::open(e.uri, &e.pss_handle) == 0) return 0;
   e.state = HADRA_HA_STANDBY;
   HADRA_DBG("Successful snapshot from %s to %s", src.c_str(), e.uri);
   return 1;
 }
 
 int restore_sdb(hadra_ha_pss_entry &e, const char *base_uri) noexcept {
-  return hadra_sdb_restore_sync_snapshot(base_uri, &e);
+  return sdb::restore_sync_snapshot(base_uri, &e);
 }
 
 constexpr WalkActions kRestoreActions = {&restore_pss, &restore_sdb};
@@ -188,14 +190,14 @@ int gsync_ready(void *ctx, const char *base_uri, void *arg) noexcept {
 // be started is better than none.
 void start_pss_empty(hadra_ha_pss_entry &e) noexcept {
   // A file that exists is an unsynced one, opened at initialisation: keep it.
-  if (hadra_pss_exist(e.uri, hadra_ha_handle.uuid) == 0 && hadra_pss_create(e.uri, nullptr, &e.pss_handle) == 0)
+  if (pss::exist(e.uri, hadra_ha_handle.uuid) == 0 && pss::create(e.uri, nullptr, &e.pss_handle) == 0)
     HADRA_DBG("Failed to open %s", e.uri);
   e.state = HADRA_HA_STANDBY;
 }
 
 void start_sdb_empty(hadra_ha_pss_entry &e) noexcept {
-  if (hadra_sdb_create(&e) == 0) HADRA_DBG("Failed to create %s", e.uri);
-  if (hadra_sdb_open(e.uri, 1) == 0) HADRA_DBG("Failed to open %s", e.uri);
+  if (sdb::create(&e) == 0) HADRA_DBG("Failed to create %s", e.uri);
+  if (sdb::open(e.uri, 1) == 0) HADRA_DBG("Failed to open %s", e.uri);
   e.state = HADRA_HA_STANDBY;
 }
 

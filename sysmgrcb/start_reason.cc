@@ -30,6 +30,7 @@
 #include "hadra_platform/pss.h"
 #include "hadra_platform/strutil.h"
 #include "hadra_platform/sysmgr.h"
+#include "ident/services.h"
 
 extern "C" {
 HADRA_API char hadra_cfg_uri[HADRA_CFG_URI_LEN];
@@ -120,7 +121,7 @@ uint32_t get_start_reason() noexcept {
 
 int notify(uint32_t sap, const char *name) noexcept {
   if (name == nullptr) return 0;
-  const uint32_t uuid = hadra_get_uuid_from_name(name);
+  const uint32_t uuid = ident::uuid_from_name(name);
   if (uuid == 0) return 0;
   if (notify_count >= HADRA_NOTIFY_ENTRIES) {
     HADRA_DBG("sysmgr_notify: table of %d queries full, %s not asked about\n", HADRA_NOTIFY_ENTRIES, name);

@@ -14,7 +14,7 @@
 #include "hadra_mts_testing.h"
 #include "hadra_platform/pss.h"
 #include "support/fixture.h"
-#include "sync/msg.h"
+#include "wire/sync_msg.h"
 
 namespace {
 
@@ -44,7 +44,7 @@ int record(void* data, void* key, uint32_t data_len, uint32_t opcode) {
 Bytes b(const std::string& s) { return Bytes(s.begin(), s.end()); }
 
 Bytes msg(uint8_t index, uint32_t opcode, const Bytes& key = {}, const Bytes& data = {}) {
-  hadra_sync_hdr h = hadra::sync::make_hdr(index, key.size(), data.size(), opcode);
+  hadra_sync_hdr h = hadra::wire::make_hdr(index, key.size(), data.size(), opcode);
   Bytes m(reinterpret_cast<uint8_t*>(&h), reinterpret_cast<uint8_t*>(&h) + sizeof h);
   m.insert(m.end(), key.begin(), key.end());
   m.insert(m.end(), data.begin(), data.end());

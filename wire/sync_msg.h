@@ -1,6 +1,7 @@
-// Encoding and decoding of the sync message: the 12-byte header (big-endian) and the
-// little-endian fields of batch records. Shared by the sender, the batch builders and the
-// standby side.
+// The wire format of a sync message: the 12-byte header (big-endian) and the byte-order
+// helpers of batch records. The bottom of the library: it includes nothing of the library but
+// the public headers, and the sender, the dispatcher and the batch codec all encode and decode
+// through it.
 //
 // Message layout (payload of one MTS message under the client's sync opcode):
 //
@@ -22,7 +23,7 @@
 
 #include "hadra/sync.h"
 
-namespace hadra::sync {
+namespace hadra::wire {
 
 inline void put_be16(uint8_t* p, uint32_t v) noexcept {
   p[0] = static_cast<uint8_t>(v >> 8);
@@ -101,4 +102,4 @@ inline const char* opcode_report_text(uint32_t opcode) noexcept {
   return opcode < sizeof kText / sizeof kText[0] ? kText[opcode] : nullptr;
 }
 
-}  // namespace hadra::sync
+}  // namespace hadra::wire
