@@ -16,6 +16,8 @@
  *  - Completion: where a function takes `notify`, non-zero completes the write with the
  *    update notification (on the active supervisor the SDB's context is sent to the peer
  *    under the entry's `update_opcode`), 0 with a bare completion that sends nothing.
+ *    An SDB registered with update_opcode 0 sends no update notifications at all: its
+ *    writes are completed as with notify, and nothing goes out under opcode 0.
  *  - Reads return pointers into storage that the platform owns (valid until the next read
  *    or positioning call on the same SDB in the same thread); nothing is copied, and no
  *    function here returns the length of a found key.
@@ -136,8 +138,11 @@ HADRA_API int hadra_sdb_update_list(const hadra_ha_pss_entry *entry, const sdb_k
  * SDB_BATCH_UPDATE messages packed into the batch buffer, in list order, each starting
  * with its own record count. When the SDB is synced, a list that cannot be carried is
  * refused before anything is written (0, level-2 log line): an entry without key (or, for
- * op 0, without value), an op above 0x7fff, a key of HADRA_SDB_BATCH_FIELD_LIMIT bytes or
- * more, or a record larger than a batch message can hold.
+ * op 0, without value), an op from 0x8000 to 0xffff7fff, a key of
+ * HADRA_SDB_BATCH_FIELD_LIMIT bytes or more, or a record larger than a batch message can
+ * hold. An op travels as its low 16 bits and the standby widens them with their sign, so
+ * ops below 0x8000 and from 0xffff8000 up reach it unchanged and are carried; what an op
+ * other than 0 and 1 does is the platform's to decide.
  */
 HADRA_API int hadra_sdb_update_batch(const hadra_ha_pss_entry *entry, const sdb_list_op *list, uint32_t count,
                                      uint32_t notify) HADRA_NOEXCEPT;
@@ -184,8 +189,8 @@ HADRA_API int hadra_sdb_delete_list(const hadra_ha_pss_entry *entry, const sdb_k
  * is synced, a list that cannot be carried is refused before anything is written (0,
  * level-2 log line): an entry without key, a negative skey_count or one of
  * HADRA_SDB_BATCH_FIELD_LIMIT or more, secondary keys missing or of
- * HADRA_SDB_BATCH_FIELD_LIMIT bytes or more, an op above 0x7fff, a key as long, or a
- * record larger than a batch message can hold. Tags travel as their low 16 bits and come
+ * HADRA_SDB_BATCH_FIELD_LIMIT bytes or more, an op from 0x8000 to 0xffff7fff (as for
+ * hadra_sdb_update_batch), a key as long, or a record larger than a batch message can hold. Tags travel as their low 16 bits and come
  * back on the standby widened with their sign (0x8001 arrives as 0xffff8001).
  */
 HADRA_API int hadra_msdb_update_batch(const hadra_ha_pss_entry *entry, const sdb_mkey_op *list, uint32_t count,
