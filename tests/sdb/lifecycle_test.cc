@@ -3,7 +3,7 @@
 // the create/delete notifications as the peer receives them (TLV payload, descriptor flags).
 #include <cerrno>
 
-#include "core/lifecycle_support.h"
+#include "support/stores.h"
 
 namespace {
 
