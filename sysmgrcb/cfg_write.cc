@@ -1,7 +1,7 @@
 // Configuration write: the system manager saves the running configuration as the startup
 // configuration, and every PSS file the client marked as a configuration file
 // (hadra_pss_set_config) is copied into the area it names, as "<client name>_<cfg_name>".
-// A later stateless start rebuilds the file from that copy (core/db_start.cc).
+// A later stateless start rebuilds the file from that copy (pss/life.cc, chosen by lifecycle/db_start.cc).
 //
 // The files are written one by one; one that cannot be written is reported and does not
 // keep the others from being saved. Nothing is answered: the system manager learns of a

@@ -5,14 +5,12 @@
 #include <string>
 #include <vector>
 
-// The platform's SDB header first: it declares the list records the library's header shares.
-#include "hadra_platform/sdb.h"
-
 #include "core/registry.h"
 #include "hadra/hadra.h"
 #include "hadra/sdb.h"
 #include "hadra_mts_testing.h"
 #include "hadra_platform/pss.h"
+#include "hadra_platform/sdb.h"
 #include "support/fixture.h"
 #include "wire/sync_msg.h"
 
