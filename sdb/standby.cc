@@ -122,12 +122,6 @@ int rebuild_and_write(const hadra_ha_pss_entry* entry, const uint8_t* batch, uin
   return 1;
 }
 
-// The batch sits right after the sync header of its message; the header's data length
-// bounds what may be read.
-uint32_t batch_len_from_header(const void* batch) noexcept {
-  return wire::get_be16(static_cast<const uint8_t*>(batch) - HADRA_SYNC_HDR_LEN + 4);
-}
-
 }  // namespace
 
 int apply_sdb_batch(const hadra_ha_pss_entry* entry, const void* batch, uint32_t len) noexcept {
@@ -195,16 +189,18 @@ HADRA_SYNC_APPLIER(HADRA_SYNC_MSDB_BATCH_UPDATE, Target::kSdb, apply_mkey_batch,
 }  // namespace
 }  // namespace hadra::sdb
 
+// The exported forms get the batch alone: it sits right after the sync header of its
+// message, whose data length bounds what may be read.
 extern "C" {
 
 HADRA_API int hadra_sdb_update_batch_on_standby(const hadra_ha_pss_entry* entry, const void* batch) noexcept {
   if (entry == nullptr || batch == nullptr) return 0;
-  return hadra::sdb::apply_sdb_batch(entry, batch, hadra::sdb::batch_len_from_header(batch));
+  return hadra::sdb::apply_sdb_batch(entry, batch, hadra::wire::data_len_before(batch));
 }
 
 HADRA_API int hadra_msdb_update_batch_on_standby(const hadra_ha_pss_entry* entry, const void* batch) noexcept {
   if (entry == nullptr || batch == nullptr) return 0;
-  return hadra::sdb::apply_msdb_batch(entry, batch, hadra::sdb::batch_len_from_header(batch));
+  return hadra::sdb::apply_msdb_batch(entry, batch, hadra::wire::data_len_before(batch));
 }
 
 }  // extern "C"

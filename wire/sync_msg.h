@@ -66,6 +66,12 @@ inline hadra_sync_hdr make_hdr(uint8_t index, uint32_t key_len, uint32_t data_le
   return h;
 }
 
+// The data_len field of the header that precedes payload + 12 (for instance a batch handed
+// on by itself, whose length only its header knows).
+inline uint32_t data_len_before(const void* after_header) noexcept {
+  return get_be16(static_cast<const uint8_t*>(after_header) - HADRA_SYNC_HDR_LEN + 4);
+}
+
 // A received sync message, its parts located inside the payload.
 struct Decoded {
   uint8_t db_index;
