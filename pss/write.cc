@@ -36,7 +36,8 @@ void sync_change(const hadra_ha_pss_entry *e, const datum *key, const datum *dat
   if (is_synced(e)) (void)sync::send(e, key, data, opcode);
 }
 
-int store_update(hadra_ha_pss_entry *e, const void *key, uint32_t key_len, const void *data, uint32_t data_len) noexcept {
+int store_update(hadra_ha_pss_entry *e, const void *key, uint32_t key_len, const void *data,
+                 uint32_t data_len) noexcept {
   // One sync message carries at most 65535 data bytes. Storing a longer value that the
   // sender must then refuse would leave the standby without the record, so refuse it here,
   // before anything changes. Unsynced entries may store what the file accepts.

@@ -33,7 +33,7 @@ int send_notification(const hadra_ha_pss_entry &entry, const void *buf, uint32_t
                           nullptr, 0, is_create ? nullptr : &desc);
   if (rc == 0) return 1;
   const int err = errno;
-  syslog_log(2, "mts_send_notify() failed in  %s() - 0x%x(%s)", kNotifyFn, static_cast<unsigned>(err),
+  syslog_log(PLAT_LOG_CRIT, "mts_send_notify() failed in  %s() - 0x%x(%s)", kNotifyFn, static_cast<unsigned>(err),
              std::strerror(err));
   return 0;
 }
@@ -47,12 +47,12 @@ int announce(const hadra_ha_pss_entry *entry, bool is_create) noexcept {
   // The encoder may grow the block: the owner frees whatever it holds in the end.
   HeapBlock buf(size);
   if (buf.get() == nullptr) {
-    syslog_log(2, "malloc failed in %s()", kNotifyFn);
+    syslog_log(PLAT_LOG_CRIT, "malloc failed in %s()", kNotifyFn);
     return 0;
   }
   uint32_t elements = 0;
   if (fu_sdb_create_del_msg_to_tlv(&msg, buf.slot(), &size, 0, &elements, 1) != 0) {
-    syslog_log(2, "fu_sdb_create_del_msg_to_tlv() failed in  %s()", kNotifyFn);
+    syslog_log(PLAT_LOG_CRIT, "fu_sdb_create_del_msg_to_tlv() failed in  %s()", kNotifyFn);
     return 0;
   }
   return send_notification(*entry, buf.get(), size, is_create);

@@ -27,7 +27,7 @@ HADRA_RESET_HOOK(reset_batch_buffer);
 uint8_t* batch_buffer(const char* step) noexcept {
   if (hadra_sdb_sync_buf == nullptr) {
     hadra_sdb_sync_buf = static_cast<uint8_t*>(std::malloc(wire::kBatchBufSize));
-    if (hadra_sdb_sync_buf == nullptr) plat_syslog(2, "malloc failed in %s", step);
+    if (hadra_sdb_sync_buf == nullptr) plat_syslog(PLAT_LOG_CRIT, "malloc failed in %s", step);
   }
   return hadra_sdb_sync_buf;
 }

@@ -44,13 +44,13 @@ int remove_list(const hadra_ha_pss_entry* entry, const sdb_kv* list, uint32_t co
   HeapArray<datum> owned;
   const datum* keys = key_array(list, count, &owned);
   if (keys == nullptr) {
-    plat_syslog(2, "SDB delete list: key array alloc failed for %u keys\n", count);
+    plat_syslog(PLAT_LOG_CRIT, "SDB delete list: key array alloc failed for %u keys\n", count);
     return 0;
   }
   const uint32_t rc = sdb_delete_list(entry->uri, keys, count);
   owned.reset();
   if (rc != 0) {
-    plat_syslog(2, "SDB delete list fail, rc=0x%x [%s]\n", rc, syserr2str(rc));
+    plat_syslog(PLAT_LOG_CRIT, "SDB delete list fail, rc=0x%x [%s]\n", rc, syserr2str(rc));
     return 0;
   }
   complete_write(entry, notify);

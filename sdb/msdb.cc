@@ -19,7 +19,7 @@ bool batch_sendable(const hadra_ha_pss_entry* entry, const sdb_mkey_op* list, ui
   uint32_t bad = 0;
   const char* why = wire::unsendable(list, count, &bad);
   if (why == nullptr) return true;
-  plat_syslog(2, "MSDB write batch refused for %s: record %u: %s\n", entry->uri, bad, why);
+  plat_syslog(PLAT_LOG_CRIT, "MSDB write batch refused for %s: record %u: %s\n", entry->uri, bad, why);
   return false;
 }
 
@@ -30,7 +30,7 @@ int update_mkey_batch(const hadra_ha_pss_entry* entry, const sdb_mkey_op* list, 
   const uint32_t rc = sdb_write_mkey_list(entry->uri, list, count);
   if (rc != 0) {
     HADRA_DBG("ERROR: MSDB write batch fail, rc=0x%x [%s]\n", rc, syserr2str(rc));
-    plat_syslog(2, "MSDB write batch fail, rc=0x%x [%s]\n", rc, syserr2str(rc));
+    plat_syslog(PLAT_LOG_CRIT, "MSDB write batch fail, rc=0x%x [%s]\n", rc, syserr2str(rc));
     return 0;
   }
   complete_write(entry, notify);

@@ -44,7 +44,7 @@ void send_context(const hadra_ha_pss_entry* entry, const ContextBuf& ctx, uint32
   mts_msg_ref ref;
   std::memset(&ref, 0, sizeof ref);
   if (mts_send(sap, MTS_ADDR_PEER, MTS_SAP_SAME, entry->update_opcode, ctx.data(), len, &ref, 0, &desc) < 0) {
-    plat_syslog(2, "mts-send failed. %d\n", errno);
+    plat_syslog(PLAT_LOG_CRIT, "mts-send failed. %d\n", errno);
     return;
   }
   mts_drop(sap, &ref);

@@ -101,21 +101,21 @@ int rebuild_and_write(const hadra_ha_pss_entry* entry, const uint8_t* batch, uin
                       uint64_t total_skeys) noexcept {
   HeapArray<sdb_mkey_op> list = heap_array<sdb_mkey_op>(count);
   if (list == nullptr) {
-    plat_syslog(2, "%s: list alloc failed", kMsdbBatch);
+    plat_syslog(PLAT_LOG_CRIT, "%s: list alloc failed", kMsdbBatch);
     return 0;
   }
   HeapArray<sdb_skey> skeys = heap_array<sdb_skey>(total_skeys);
   // Datums: key and value per record, one per secondary key.
   HeapArray<datum> datums = heap_array<datum>(2 * uint64_t{count} + total_skeys);
   if (skeys == nullptr || datums == nullptr) {
-    plat_syslog(2, "%s: secondary-key alloc failed", kMsdbBatch);
+    plat_syslog(PLAT_LOG_CRIT, "%s: secondary-key alloc failed", kMsdbBatch);
     return 0;
   }
   MkeyListSink sink(list.get(), datums.get(), skeys.get(), datums.get() + 2 * uint64_t{count});
   (void)wire::walk_batch(batch, len, true, &sink);  // the first pass found it whole
   const uint32_t rc = sdb_write_mkey_list(entry->uri, list.get(), count);
   if (rc != 0) {
-    plat_syslog(2, "%s: MSDB write batch fail, rc=0x%x [%s]\n", kMsdbBatch, rc, syserr2str(rc));
+    plat_syslog(PLAT_LOG_CRIT, "%s: MSDB write batch fail, rc=0x%x [%s]\n", kMsdbBatch, rc, syserr2str(rc));
     return 0;
   }
   (void)hadra_sdb_update_notification(entry);
@@ -129,27 +129,27 @@ int apply_sdb_batch(const hadra_ha_pss_entry* entry, const void* batch, uint32_t
   const auto* bytes = static_cast<const uint8_t*>(batch);
   const uint32_t count = wire::batch_count(bytes, len);
   if (count == 0) {
-    plat_syslog(2, "%s: malformed batch of %u bytes\n", kSdbBatch, len);
+    plat_syslog(PLAT_LOG_CRIT, "%s: malformed batch of %u bytes\n", kSdbBatch, len);
     return 0;
   }
   HeapArray<sdb_list_op> list = heap_array<sdb_list_op>(count);
   if (list == nullptr) {
-    plat_syslog(2, "%s: list alloc failed", kSdbBatch);
+    plat_syslog(PLAT_LOG_CRIT, "%s: list alloc failed", kSdbBatch);
     return 0;
   }
   HeapArray<datum> datums = heap_array<datum>(2 * uint64_t{count});
   if (datums == nullptr) {
-    plat_syslog(2, "%s: datum alloc failed", kSdbBatch);
+    plat_syslog(PLAT_LOG_CRIT, "%s: datum alloc failed", kSdbBatch);
     return 0;
   }
   SdbListSink sink(list.get(), datums.get());
   if (!wire::walk_batch(bytes, len, false, &sink)) {
-    plat_syslog(2, "%s: malformed batch of %u bytes\n", kSdbBatch, len);
+    plat_syslog(PLAT_LOG_CRIT, "%s: malformed batch of %u bytes\n", kSdbBatch, len);
     return 0;
   }
   const uint32_t rc = sdb_list_ops(entry->uri, list.get(), count);
   if (rc != 0) {
-    plat_syslog(2, "%s: SDB write batch fail, rc=0x%x [%s]\n", kSdbBatch, rc, syserr2str(rc));
+    plat_syslog(PLAT_LOG_CRIT, "%s: SDB write batch fail, rc=0x%x [%s]\n", kSdbBatch, rc, syserr2str(rc));
     return 0;
   }
   (void)hadra_sdb_update_notification(entry);
@@ -161,7 +161,7 @@ int apply_msdb_batch(const hadra_ha_pss_entry* entry, const void* batch, uint32_
   const auto* bytes = static_cast<const uint8_t*>(batch);
   SkeyCounter counter;
   if (!wire::walk_batch(bytes, len, true, &counter)) {
-    plat_syslog(2, "%s: malformed batch of %u bytes\n", kMsdbBatch, len);
+    plat_syslog(PLAT_LOG_CRIT, "%s: malformed batch of %u bytes\n", kMsdbBatch, len);
     return 0;
   }
   return rebuild_and_write(entry, bytes, len, wire::batch_count(bytes, len), counter.total);

@@ -32,7 +32,7 @@ bool batch_sendable(const hadra_ha_pss_entry* entry, const sdb_list_op* list, ui
   uint32_t bad = 0;
   const char* why = wire::unsendable(list, count, &bad);
   if (why == nullptr) return true;
-  plat_syslog(2, "SDB write batch refused for %s: record %u: %s\n", entry->uri, bad, why);
+  plat_syslog(PLAT_LOG_CRIT, "SDB write batch refused for %s: record %u: %s\n", entry->uri, bad, why);
   return false;
 }
 
@@ -45,7 +45,7 @@ int update(const hadra_ha_pss_entry* entry, const void* key, uint32_t key_len, c
   const datum dd{const_cast<void*>(data), data_len};
   const uint32_t rc = sdb_write(entry->uri, &kd, &dd);
   if (rc != 0) {
-    plat_syslog(2, "SDB write fail, rc=0x%x [%s]\n", rc, syserr2str(rc));
+    plat_syslog(PLAT_LOG_CRIT, "SDB write fail, rc=0x%x [%s]\n", rc, syserr2str(rc));
     return 0;
   }
   complete_write(entry, notify);
@@ -66,7 +66,7 @@ HADRA_API int hadra_sdb_update_list(const hadra_ha_pss_entry* entry, const sdb_k
   if (entry == nullptr || list == nullptr || count == 0) return 0;
   const uint32_t rc = sdb_write_list(entry->uri, list, count);
   if (rc != 0) {
-    plat_syslog(2, "SDB write list fail, rc=0x%x [%s]\n", rc, syserr2str(rc));
+    plat_syslog(PLAT_LOG_CRIT, "SDB write list fail, rc=0x%x [%s]\n", rc, syserr2str(rc));
     return 0;
   }
   (void)hadra_sdb_update_notification(entry);
@@ -83,7 +83,7 @@ HADRA_API int hadra_sdb_update_batch(const hadra_ha_pss_entry* entry, const sdb_
   if (!hadra::sdb::batch_sendable(entry, list, count)) return 0;
   const uint32_t rc = sdb_list_ops(entry->uri, list, count);
   if (rc != 0) {
-    plat_syslog(2, "SDB write batch fail, rc=0x%x [%s]\n", rc, syserr2str(rc));
+    plat_syslog(PLAT_LOG_CRIT, "SDB write batch fail, rc=0x%x [%s]\n", rc, syserr2str(rc));
     return 0;
   }
   hadra::sdb::complete_write(entry, notify);
