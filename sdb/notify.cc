@@ -69,26 +69,30 @@ bool context_len(const hadra_ha_pss_entry* entry, uint32_t* len) noexcept {
 
 void complete_write(const hadra_ha_pss_entry* entry, uint32_t notify) noexcept {
   if (notify != 0)
-    (void)hadra_sdb_update_notification(entry);
+    (void)update_notification(entry);
   else
     (void)sdb_write_done(entry->uri);
+}
+
+int update_notification(const hadra_ha_pss_entry* entry) noexcept {
+  if (entry == nullptr) return 0;
+  uint32_t len = 0;
+  if (!context_len(entry, &len)) {
+    (void)sdb_write_done(entry->uri);
+    return 0;
+  }
+  ContextBuf ctx;
+  const uint32_t rc = sdb_set_context(entry->uri, ctx.data());
+  if (rc != 0)
+    HADRA_DBG("ERROR, sdb_set_context %s\n", syserr2str(rc));
+  else if (sysmgr_supstate_get() == HADRA_SUP_ACTIVE && entry->update_opcode != 0)
+    send_context(entry, ctx, len);
+  (void)sdb_write_done(entry->uri);
+  return 1;
 }
 
 }  // namespace hadra::sdb
 
 extern "C" int hadra_sdb_update_notification(const hadra_ha_pss_entry* entry) noexcept {
-  if (entry == nullptr) return 0;
-  uint32_t len = 0;
-  if (!hadra::sdb::context_len(entry, &len)) {
-    (void)sdb_write_done(entry->uri);
-    return 0;
-  }
-  hadra::sdb::ContextBuf ctx;
-  const uint32_t rc = sdb_set_context(entry->uri, ctx.data());
-  if (rc != 0)
-    HADRA_DBG("ERROR, sdb_set_context %s\n", syserr2str(rc));
-  else if (sysmgr_supstate_get() == HADRA_SUP_ACTIVE && entry->update_opcode != 0)
-    hadra::sdb::send_context(entry, ctx, len);
-  (void)sdb_write_done(entry->uri);
-  return 1;
+  return hadra::sdb::update_notification(entry);
 }

@@ -23,11 +23,14 @@
 // descriptor flags notify and no_reply set). The write is completed on every path past a
 // null entry: when the context cannot be had (its length unavailable, or longer than the
 // 100-byte buffer) nothing is sent and the result is 0; when it cannot be filled nothing is
-// sent and the result is 1. Callers ignore the result. Library-internal.
+// sent and the result is 1. Callers ignore the result. hadra_sdb_update_notification is its
+// C name, hidden, for the library's own tests.
 extern "C" __attribute__((visibility("hidden"))) int hadra_sdb_update_notification(
     const hadra_ha_pss_entry* entry) noexcept;
 
 namespace hadra::sdb {
+
+int update_notification(const hadra_ha_pss_entry* entry) noexcept;
 
 // Step 2 above: notify non-zero completes with the update notification, 0 with
 // sdb_write_done alone.

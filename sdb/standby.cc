@@ -118,7 +118,7 @@ int rebuild_and_write(const hadra_ha_pss_entry* entry, const uint8_t* batch, uin
     plat_syslog(PLAT_LOG_CRIT, "%s: MSDB write batch fail, rc=0x%x [%s]\n", kMsdbBatch, rc, syserr2str(rc));
     return 0;
   }
-  (void)hadra_sdb_update_notification(entry);
+  (void)hadra::sdb::update_notification(entry);
   return 1;
 }
 
@@ -152,7 +152,7 @@ int apply_sdb_batch(const hadra_ha_pss_entry* entry, const void* batch, uint32_t
     plat_syslog(PLAT_LOG_CRIT, "%s: SDB write batch fail, rc=0x%x [%s]\n", kSdbBatch, rc, syserr2str(rc));
     return 0;
   }
-  (void)hadra_sdb_update_notification(entry);
+  (void)hadra::sdb::update_notification(entry);
   return 1;
 }
 

@@ -69,7 +69,7 @@ HADRA_API int hadra_sdb_update_list(const hadra_ha_pss_entry* entry, const sdb_k
     plat_syslog(PLAT_LOG_CRIT, "SDB write list fail, rc=0x%x [%s]\n", rc, syserr2str(rc));
     return 0;
   }
-  (void)hadra_sdb_update_notification(entry);
+  (void)hadra::sdb::update_notification(entry);
   if (entry->no_sync != 0) return 1;
   for (uint32_t i = 0; i < count; ++i)
     if (hadra::sdb::complete_entry(list[i]))
