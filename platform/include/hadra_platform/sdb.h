@@ -317,12 +317,10 @@ HADRA_PLAT_API uint32_t fu_sdb_create_del_msg_from_tlv(const void *buf, uint32_t
 #else
 #define HADRA_SDB_STATIC_ASSERT _Static_assert
 #endif
-#define HADRA_SDB_P sizeof(void *)
 HADRA_SDB_STATIC_ASSERT(sizeof(sdb_context) == SDB_CONTEXT_LEN && offsetof(sdb_context, generation) == 8 &&
                             offsetof(sdb_context, reserved) == 28,
                         "sdb_context layout");
 HADRA_SDB_STATIC_ASSERT(SDB_CONTEXT_LEN <= SDB_CONTEXT_MAX, "context fits the callers' buffer");
-#undef HADRA_SDB_P
 #undef HADRA_SDB_STATIC_ASSERT
 
 PLAT_EXTERN_C_END
