@@ -72,6 +72,12 @@ const SnapshotCalls &snapshot_calls(const hadra_ha_pss_entry &entry) noexcept {
   return entry.is_msdb != 0 ? kMsdbCalls : kSdbCalls;
 }
 
+void start_empty_standby(hadra_ha_pss_entry &e) noexcept {
+  if (create(&e) == 0) HADRA_DBG("Failed to create %s", e.uri);
+  if (open(e.uri, 1) == 0) HADRA_DBG("Failed to open %s", e.uri);
+  e.state = HADRA_HA_STANDBY;
+}
+
 }  // namespace hadra::sdb
 
 extern "C" {

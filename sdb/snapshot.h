@@ -29,4 +29,8 @@ const SnapshotCalls &snapshot_calls(const hadra_ha_pss_entry &entry) noexcept;
 int create_sync_snapshot(const char *base_uri, const hadra_ha_pss_entry *entry) noexcept;
 int restore_sync_snapshot(const char *source_uri, hadra_ha_pss_entry *entry) noexcept;
 
+// Standby side when no gsync will come (the active does not run the service): the SDB is
+// created (announced) and opened empty; state HADRA_HA_STANDBY whatever happened.
+void start_empty_standby(hadra_ha_pss_entry &e) noexcept;
+
 }  // namespace hadra::sdb
