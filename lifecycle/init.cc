@@ -57,7 +57,7 @@ bool bring_up(hadra_ha_pss_entry &e) noexcept {
   if (sysmgr_supstate_get() == HADRA_SUP_ACTIVE || e.no_sync != 0) return db_start(e) != 0;
   // The standby's copy of a synced database is worthless until gsync replaces it; removing
   // it now keeps a stale copy from ever being read.
-  if (sysmgr_supstate_get() == HADRA_SUP_STANDBY && pss::destroy_uri(e.uri) != 0) HADRA_DBG("Destroyed %s\n", e.uri);
+  if (sysmgr_supstate_get() == HADRA_SUP_STANDBY) pss::destroy_uri_told(e.uri);
   return true;
 }
 

@@ -36,7 +36,7 @@ int undo_create(const char *uri, uint32_t handle, uint32_t error) noexcept {
   if (report_wanted(msg_error_HADRA_PSS_SET_DBSIZE))
     report(msg_error_HADRA_PSS_SET_DBSIZE, HADRA_PSS_MAX_DBSIZE, uri, err_text(error));
   close(handle);
-  if (destroy_uri(uri) != 0) HADRA_DBG("Destroyed %s\n", uri);
+  destroy_uri_told(uri);
   return 0;
 }
 
@@ -157,6 +157,10 @@ int destroy_uri(const char *uri) noexcept {
   return 1;
 }
 
+void destroy_uri_told(const char *uri) noexcept {
+  if (uri != nullptr && destroy_uri(uri) != 0) HADRA_DBG("Destroyed %s\n", uri);
+}
+
 void release_handle(uint32_t &handle) noexcept {
   if (handle != 0) (void)pss2_close(handle);
   handle = 0;
@@ -182,9 +186,7 @@ HADRA_API int hadra_pss_snapshot_to_uri(uint32_t source_handle, const char *dest
   return hadra::pss::snapshot_to_uri(source_handle, dest_uri);
 }
 
-HADRA_API void hadra_destroy_uri(const char *uri) noexcept {
-  if (uri != nullptr && hadra::pss::destroy_uri(uri) != 0) HADRA_DBG("Destroyed %s\n", uri);
-}
+HADRA_API void hadra_destroy_uri(const char *uri) noexcept { hadra::pss::destroy_uri_told(uri); }
 
 HADRA_API int hadra_sdb_uri_destroy(const char *uri) noexcept { return hadra::pss::destroy_uri(uri); }
 

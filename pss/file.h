@@ -43,6 +43,8 @@ int snapshot_to_uri(uint32_t source_handle, const char *dest_uri) noexcept;
 // Destroy whatever is stored at uri, a PSS file or an SDB, as hadra_sdb_uri_destroy: the PSS
 // layer's type query tells which, so this lives with the PSS files. 1 when destroyed.
 int destroy_uri(const char *uri) noexcept;
+// The same with a debug line when something was destroyed, as hadra_destroy_uri.
+void destroy_uri_told(const char *uri) noexcept;
 
 // Close a handle that may already have been closed behind the library's back (a destroyed
 // file's handles are closed by the platform), without a report; sets it to 0. For handles

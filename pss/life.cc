@@ -10,10 +10,6 @@
 namespace hadra::pss {
 namespace {
 
-void destroy_logged(const char *uri) noexcept {
-  if (uri != nullptr && destroy_uri(uri) != 0) HADRA_DBG("Destroyed %s\n", uri);
-}
-
 bool created_active(hadra_ha_pss_entry &e) noexcept {
   if (create(e.uri, nullptr, &e.pss_handle) == 0) return false;
   e.state = HADRA_HA_ACTIVE;
@@ -61,7 +57,7 @@ bool start_preserved(hadra_ha_pss_entry &e) noexcept {
 
 bool start_stateless(hadra_ha_pss_entry &e) noexcept {
   if (e.is_config != 0) return start_config(e);
-  destroy_logged(e.uri);
+  destroy_uri_told(e.uri);
   if (create(e.uri, nullptr, &e.pss_handle) == 0) {
     HADRA_DBG("PSS initialization failed");
     return false;
@@ -72,7 +68,7 @@ bool start_stateless(hadra_ha_pss_entry &e) noexcept {
 
 void disable(hadra_ha_pss_entry &e) noexcept {
   close(e.pss_handle);
-  destroy_logged(e.uri);
+  destroy_uri_told(e.uri);
   (void)sync::send(&e, nullptr, nullptr, HADRA_SYNC_PSS_DESTROY);
   e.pss_handle = 0;
 }
