@@ -72,7 +72,7 @@ static_assert(sizeof(DumpRecord) == 516 && offsetof(DumpRecord, text) == 4, "dum
   do {                                                                                        \
     if (__builtin_expect((hadra_debug_ha | hadra_sdwrap_dbg_elem) != 0, 0))                   \
       [](auto... hadra_dbg_a_) {                                                              \
-        if (hadra_debug_ha != 0) plat_syslog(6, fmt, hadra_dbg_a_...);                        \
+        if (hadra_debug_ha != 0) plat_syslog(PLAT_LOG_INFO, fmt, hadra_dbg_a_...);            \
         if (hadra_sdwrap_dbg_elem != 0) ::hadra::diag_trace("%s: " fmt, "", hadra_dbg_a_...); \
       }(__VA_ARGS__);                                                                         \
   } while (0)
@@ -81,13 +81,16 @@ static_assert(sizeof(DumpRecord) == 516 && offsetof(DumpRecord, text) == 4, "dum
   do {                                                                                        \
     if (__builtin_expect((hadra_debug_ha | hadra_sdwrap_dbg_elem) != 0, 0))                   \
       [](auto... hadra_dbg_a_) {                                                              \
-        if (hadra_debug_ha != 0) plat_syslog(6, fmt, hadra_dbg_a_...);                        \
+        if (hadra_debug_ha != 0) plat_syslog(PLAT_LOG_INFO, fmt, hadra_dbg_a_...);            \
         if (hadra_sdwrap_dbg_elem != 0 && ::hadra::diag_dump_hist(fmt, hadra_dbg_a_...))      \
           dbgout(1, sdwrap_dbg_modname, 0, fmt, hadra_dbg_a_...);                             \
       }(__VA_ARGS__);                                                                         \
   } while (0)
 
 namespace hadra {
+
+// Text for a URI argument in debug lines: the URI, or "(null)".
+inline const char *uri_text(const char *uri) noexcept { return uri != nullptr ? uri : "(null)"; }
 
 // True when a report of d would get past the facility checks (a facility is set up and its
 // level reaches d's threshold). The rate limiter may still refuse it.

@@ -107,6 +107,18 @@ void store_callback(uint8_t index, hadra_ha_sync_cb_fn callback) noexcept {
 }  // namespace
 }  // namespace hadra
 
+const char *hadra::state_text(const hadra_ha_pss_entry *entry) noexcept {
+  static constexpr const char *kStateText[] = {"disable", "standby", "recovering", "active"};
+  if (entry == nullptr) return "invalid handle";
+  if (entry->state >= sizeof kStateText / sizeof kStateText[0]) return "invalid state";
+  return kStateText[entry->state];
+}
+
+void hadra::mark_disabled(hadra_ha_pss_entry &entry) noexcept {
+  entry.state = HADRA_HA_DISABLE;
+  std::memset(entry.uri, 0, sizeof entry.uri);
+}
+
 using hadra::register_pss;
 using hadra::register_sdb;
 using hadra::store_callback;
@@ -172,11 +184,6 @@ HADRA_API int hadra_ha_is_db_recovering(const hadra_ha_pss_entry *entry) noexcep
   return entry != nullptr && entry->state == HADRA_HA_RECOVER ? 1 : 0;
 }
 
-HADRA_API const char *hadra_ha_state_str(const hadra_ha_pss_entry *entry) noexcept {
-  static constexpr const char *kStateText[] = {"disable", "standby", "recovering", "active"};
-  if (entry == nullptr) return "invalid handle";
-  if (entry->state >= sizeof kStateText / sizeof kStateText[0]) return "invalid state";
-  return kStateText[entry->state];
-}
+HADRA_API const char *hadra_ha_state_str(const hadra_ha_pss_entry *entry) noexcept { return hadra::state_text(entry); }
 
 }  // extern "C"

@@ -41,4 +41,11 @@ inline hadra_ha_sync_cb_fn sync_callback(uint32_t index) noexcept {
   return index < sizeof hadra_ha_pss_cb / sizeof hadra_ha_pss_cb[0] ? hadra_ha_pss_cb[index] : nullptr;
 }
 
+// The entry's HA state as text, as hadra_ha_state_str.
+const char *state_text(const hadra_ha_pss_entry *entry) noexcept;
+
+// The end of every disabling, whatever the kind: state HADRA_HA_DISABLE and an empty uri,
+// which every later walk over the registry passes over.
+void mark_disabled(hadra_ha_pss_entry &entry) noexcept;
+
 }  // namespace hadra

@@ -9,6 +9,14 @@
 #include "ident/services.h"
 
 namespace hadra::ident {
+
+uint32_t uuid_from_name(const char *name) noexcept {
+  if (name == nullptr) return 0;
+  for (const Service &s : kServices)
+    if (strcasecmp(name, s.name) == 0) return s.uuid;
+  return 0;
+}
+
 namespace {
 
 constexpr uint32_t kIp = uuid_of("ip");
@@ -74,12 +82,7 @@ HADRA_API const char *hadra_get_name_from_uuid(uint32_t uuid) noexcept {
   return s != nullptr ? s->name : "unknown";
 }
 
-HADRA_API uint32_t hadra_get_uuid_from_name(const char *name) noexcept {
-  if (name == nullptr) return 0;
-  for (const Service &s : kServices)
-    if (strcasecmp(name, s.name) == 0) return s.uuid;
-  return 0;
-}
+HADRA_API uint32_t hadra_get_uuid_from_name(const char *name) noexcept { return hadra::ident::uuid_from_name(name); }
 
 HADRA_API const char *hadra_get_pib_name_from_uuid(uint32_t uuid, uint32_t *counter) noexcept {
   if (counter == nullptr) return nullptr;

@@ -28,6 +28,9 @@ inline constexpr std::array<Service, 46> kServices = {{
     {781, "evpn"},   {790, "vxlan"},  {853, "ipfix"},  {1251, "ptp"},
 }};
 
+// uuid of the service named name, in any case, or 0 (as hadra_get_uuid_from_name).
+uint32_t uuid_from_name(const char *name) noexcept;
+
 constexpr uint32_t kMinUuid = 260;
 constexpr uint32_t kMaxUuid = 1251;
 

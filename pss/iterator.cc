@@ -57,7 +57,7 @@ void close_phase(Walk &w) noexcept {
 
 bool move_first(Walk &w) noexcept {
   uint32_t status = 0;
-  (void)pss2_move2location(&w.e->pss_handle, kMoveMode, kLocFirst, &status);
+  (void)pss2_move2location(&w.e->pss_handle, PSS2_MOVE_MODE, PSS2_LOC_FIRST, &status);
   if (status == 0) return true;
   HADRA_DBG("Failed to get first key for %s - %s", uri_of(w), syserr2str(status));
   return false;
@@ -65,7 +65,7 @@ bool move_first(Walk &w) noexcept {
 
 bool move_next(Walk &w) noexcept {
   uint32_t status = 0;
-  (void)pss2_move2location(&w.e->pss_handle, kMoveMode, kLocNext, &status);
+  (void)pss2_move2location(&w.e->pss_handle, PSS2_MOVE_MODE, PSS2_LOC_NEXT, &status);
   return status == 0;
 }
 
@@ -78,7 +78,7 @@ uint8_t key_type_of(const Walk &w, const void *key) noexcept {
 bool accept_type(const Walk &w, const datum *key, uint8_t type) noexcept {
   if (w.valid_type_fn == nullptr || w.valid_type_fn(type) != 0) return true;
   HADRA_DBG("Invalid key type %d in %s", static_cast<int>(type), uri_of(w));
-  if (w.e->purge_invalid_keys != 0) (void)pss2_delete(w.e->pss_handle, key, kDeleteKey);
+  if (w.e->purge_invalid_keys != 0) (void)pss2_delete(w.e->pss_handle, key, PSS2_DELETE_KEY);
   return false;
 }
 

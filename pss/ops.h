@@ -14,13 +14,13 @@
 
 namespace hadra::pss {
 
-// PSS status "no record at the key or position asked for": not an error for the reads.
-constexpr uint32_t kNoRecord = 0x40480003u;
-// The constants the platform expects as second arguments of its delete and move calls.
-constexpr uint32_t kDeleteKey = 1;
-constexpr uint32_t kMoveMode = 1;
-constexpr uint32_t kLocFirst = 1;
-constexpr uint32_t kLocNext = 3;
+// The writers as the library calls them, with every check of their exported forms
+// (hadra_pss_update, hadra_pss_delete, hadra_pss_delete_range, hadra_pss_purge).
+int update(hadra_ha_pss_entry *entry, const void *key, uint32_t key_len, const void *data,
+           uint32_t data_len) noexcept;
+int remove(hadra_ha_pss_entry *entry, const void *key, uint32_t key_len) noexcept;
+int remove_range(hadra_ha_pss_entry *entry, const void *prefix, uint32_t prefix_len) noexcept;
+int purge(hadra_ha_pss_entry *entry) noexcept;
 
 // One argument as a bad-argument report shows it: a pointer as "present"/"missing", a length
 // as its number. Raw pointers never reach a text.

@@ -55,12 +55,12 @@ void give_record(const Record &r, void **key, void **value, uint32_t *value_len)
   if (value_len != nullptr) *value_len = r.value->dsize;
 }
 
-// Moves to key; kNoRecord (positioned after the key, or at the end) counts as success.
+// Moves to key; PLAT_ERR_PSS_NO_RECORD (positioned after the key, or at the end) counts as success.
 bool move_to_key(hadra_ha_pss_entry *e, const void *key, uint32_t key_len) noexcept {
   const datum k = as_datum(key, key_len);
   uint32_t status = 0;
-  (void)pss2_move2key(&e->pss_handle, kMoveMode, &k, &status);
-  if (status == 0 || status == kNoRecord) return true;
+  (void)pss2_move2key(&e->pss_handle, PSS2_MOVE_MODE, &k, &status);
+  if (status == 0 || status == PLAT_ERR_PSS_NO_RECORD) return true;
   report_read_failure("pss2_move2key", status);
   return false;
 }
@@ -79,8 +79,8 @@ int get_next(hadra_ha_pss_entry *e, void **key, void **value, uint32_t *value_le
   *key = nullptr;
   *value = nullptr;
   uint32_t status = 0;
-  (void)pss2_move2location(&e->pss_handle, kMoveMode, kLocNext, &status);
-  if (status == kNoRecord) return 1;
+  (void)pss2_move2location(&e->pss_handle, PSS2_MOVE_MODE, PSS2_LOC_NEXT, &status);
+  if (status == PLAT_ERR_PSS_NO_RECORD) return 1;
   if (status != 0) {
     report_read_failure("pss2_move2location", status);
     return 0;
@@ -96,7 +96,7 @@ int fetch(hadra_ha_pss_entry *e, const void *key, uint32_t key_len, void **value
   const datum k = as_datum(key, key_len);
   uint32_t status = 0;
   const datum *v = pss2_fetch(e->pss_handle, &k, &status);
-  if (status == kNoRecord) return 0;
+  if (status == PLAT_ERR_PSS_NO_RECORD) return 0;
   if (status != 0) {
     report_read_failure("pss2_fetch", status);
     return 0;

@@ -2,6 +2,7 @@
 #include <cstdio>
 
 #include "core/diag.h"
+#include "core/registry.h"
 #include "hadra_platform/strutil.h"
 #include "pss/ops.h"
 
@@ -38,7 +39,7 @@ void report_bad_arg_text(const char *fn, const char *what, uint32_t value, uint3
 }
 
 void report_disabled(const hadra_ha_pss_entry *e, const char *fn) noexcept {
-  report(msg_error_HADRA_API_FAILED_HA, hadra_ha_state_str(e), fn, field_text(e->name), field_text(e->uri));
+  report(msg_error_HADRA_API_FAILED_HA, state_text(e), fn, field_text(e->name), field_text(e->uri));
 }
 
 void report_read_failure(const char *call, uint32_t status) noexcept {

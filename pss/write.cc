@@ -19,6 +19,8 @@
 #include "hadra_platform/pss.h"
 #include "hadra_platform/strutil.h"
 #include "pss/ops.h"
+#include "sync/apply.h"
+#include "sync/send.h"
 
 namespace hadra::pss {
 namespace {
@@ -31,10 +33,11 @@ bool may_write(const hadra_ha_pss_entry *e, const char *fn) noexcept {
 }
 
 void sync_change(const hadra_ha_pss_entry *e, const datum *key, const datum *data, uint32_t opcode) noexcept {
-  if (is_synced(e)) (void)hadra_ha_sync(e, key, data, opcode);
+  if (is_synced(e)) (void)sync::send(e, key, data, opcode);
 }
 
-int update(hadra_ha_pss_entry *e, const void *key, uint32_t key_len, const void *data, uint32_t data_len) noexcept {
+int store_update(hadra_ha_pss_entry *e, const void *key, uint32_t key_len, const void *data,
+                 uint32_t data_len) noexcept {
   // One sync message carries at most 65535 data bytes. Storing a longer value that the
   // sender must then refuse would leave the standby without the record, so refuse it here,
   // before anything changes. Unsynced entries may store what the file accepts.
@@ -52,26 +55,26 @@ int update(hadra_ha_pss_entry *e, const void *key, uint32_t key_len, const void 
   }
   HADRA_DBG("Updating %s, key_len %d, data_len %d\n", field_text(e->uri), static_cast<int>(key_len),
             static_cast<int>(data_len));
-  HADRA_DUMP("key : %s\n", hadra_ha_dump_buf(key, key_len));
+  HADRA_DUMP("key : %s\n", sync::dump_buf(key, key_len));
   sync_change(e, &k, &d, HADRA_SYNC_PSS_UPDATE);
   return 1;
 }
 
-int remove(hadra_ha_pss_entry *e, const void *key, uint32_t key_len) noexcept {
+int store_delete(hadra_ha_pss_entry *e, const void *key, uint32_t key_len) noexcept {
   if (!may_write(e, "hadra_pss_delete")) return 0;
   const datum k = as_datum(key, key_len);
-  const uint32_t rc = pss2_delete(e->pss_handle, &k, kDeleteKey);
+  const uint32_t rc = pss2_delete(e->pss_handle, &k, PSS2_DELETE_KEY);
   if (rc != 0) {
     report(msg_error_HADRA_PSS_DELETE, hadra_syserr2str(rc, 0));
     return 0;
   }
   HADRA_DBG("Deleting %s key_len %d\n", field_text(e->uri), static_cast<int>(key_len));
-  HADRA_DUMP("key : %s\n", hadra_ha_dump_buf(key, key_len));
+  HADRA_DUMP("key : %s\n", sync::dump_buf(key, key_len));
   sync_change(e, &k, nullptr, HADRA_SYNC_PSS_DELETE);
   return 1;
 }
 
-int remove_prefixed(hadra_ha_pss_entry *e, const void *prefix, uint32_t prefix_len) noexcept {
+int store_delete_range(hadra_ha_pss_entry *e, const void *prefix, uint32_t prefix_len) noexcept {
   if (!may_write(e, "hadra_pss_delete_range")) return 0;
   const datum p = as_datum(prefix, prefix_len);
   uint32_t count = 0;
@@ -81,12 +84,12 @@ int remove_prefixed(hadra_ha_pss_entry *e, const void *prefix, uint32_t prefix_l
     return 0;
   }
   HADRA_DBG("Deleting multiple entries in %s, len %d\n", field_text(e->uri), static_cast<int>(prefix_len));
-  HADRA_DUMP("key : %s, keys deleted: %u\n", hadra_ha_dump_buf(prefix, prefix_len), count);
+  HADRA_DUMP("key : %s, keys deleted: %u\n", sync::dump_buf(prefix, prefix_len), count);
   sync_change(e, &p, nullptr, HADRA_SYNC_PSS_DELETE_RANGE);
   return 1;
 }
 
-int purge(hadra_ha_pss_entry *e) noexcept {
+int store_purge(hadra_ha_pss_entry *e) noexcept {
   if (!may_write(e, "hadra_pss_purge")) return 0;
   uint32_t count = 0;
   const uint32_t rc = pss2_purge(e->pss_handle, &count);
@@ -100,43 +103,77 @@ int purge(hadra_ha_pss_entry *e) noexcept {
 }
 
 }  // namespace
-}  // namespace hadra::pss
 
-using namespace hadra::pss;
-
-extern "C" HADRA_API int hadra_pss_update(hadra_ha_pss_entry *entry, const void *key, uint32_t key_len,
-                                          const void *data, uint32_t data_len) noexcept {
+int update(hadra_ha_pss_entry *entry, const void *key, uint32_t key_len, const void *data,
+           uint32_t data_len) noexcept {
   if (entry == nullptr || key == nullptr || key_len == 0 || data == nullptr || data_len == 0) {
     report_bad_args("hadra_pss_update", {ptr_arg("entry", entry), ptr_arg("key", key), len_arg("key_len", key_len),
                                          ptr_arg("data", data), len_arg("data_len", data_len)});
     return 0;
   }
-  return update(entry, key, key_len, data, data_len);
+  return store_update(entry, key, key_len, data, data_len);
 }
 
-extern "C" HADRA_API int hadra_pss_delete(hadra_ha_pss_entry *entry, const void *key, uint32_t key_len) noexcept {
+int remove(hadra_ha_pss_entry *entry, const void *key, uint32_t key_len) noexcept {
   if (entry == nullptr || key == nullptr || key_len == 0) {
     report_bad_args("hadra_pss_delete", {ptr_arg("entry", entry), ptr_arg("key", key), len_arg("key_len", key_len)});
     return 0;
   }
-  return remove(entry, key, key_len);
+  return store_delete(entry, key, key_len);
 }
 
 // A prefix of length 0 is accepted: it matches every record.
-extern "C" HADRA_API int hadra_pss_delete_range(hadra_ha_pss_entry *entry, const void *prefix,
-                                                uint32_t prefix_len) noexcept {
+int remove_range(hadra_ha_pss_entry *entry, const void *prefix, uint32_t prefix_len) noexcept {
   if (entry == nullptr || prefix == nullptr) {
     report_bad_args("hadra_pss_delete_range",
                     {ptr_arg("entry", entry), ptr_arg("prefix", prefix), len_arg("prefix_len", prefix_len)});
     return 0;
   }
-  return remove_prefixed(entry, prefix, prefix_len);
+  return store_delete_range(entry, prefix, prefix_len);
 }
 
-extern "C" HADRA_API int hadra_pss_purge(hadra_ha_pss_entry *entry) noexcept {
+int purge(hadra_ha_pss_entry *entry) noexcept {
   if (entry == nullptr) {
     report_bad_args("hadra_pss_purge", {ptr_arg("entry", entry)});
     return 0;
   }
-  return purge(entry);
+  return store_purge(entry);
 }
+
+namespace {
+
+// The standby applies a received change with the writer that made it on the active; its own
+// sync attempt sends nothing there. The writers' checks stay: a message whose key length is
+// 0, or whose database was disabled in the meantime, is refused with the client's report.
+using sync::Callback;
+using sync::Change;
+using sync::Target;
+
+int apply_update(const Change &c) noexcept { return update(c.entry, c.key, c.key_len, c.data, c.data_len); }
+int apply_delete(const Change &c) noexcept { return remove(c.entry, c.key, c.key_len); }
+int apply_delete_range(const Change &c) noexcept { return remove_range(c.entry, c.key, c.key_len); }
+int apply_purge(const Change &c) noexcept { return purge(c.entry); }
+
+HADRA_SYNC_APPLIER(HADRA_SYNC_PSS_UPDATE, Target::kPssFile, apply_update, Callback::kDataKey);
+HADRA_SYNC_APPLIER(HADRA_SYNC_PSS_DELETE, Target::kPssFile, apply_delete, Callback::kKeyOnly);
+HADRA_SYNC_APPLIER(HADRA_SYNC_PSS_DELETE_RANGE, Target::kPssFile, apply_delete_range, Callback::kKeyOnly);
+HADRA_SYNC_APPLIER(HADRA_SYNC_PSS_PURGE, Target::kPssFile, apply_purge, Callback::kNone);
+
+}  // namespace
+}  // namespace hadra::pss
+
+extern "C" HADRA_API int hadra_pss_update(hadra_ha_pss_entry *entry, const void *key, uint32_t key_len,
+                                          const void *data, uint32_t data_len) noexcept {
+  return hadra::pss::update(entry, key, key_len, data, data_len);
+}
+
+extern "C" HADRA_API int hadra_pss_delete(hadra_ha_pss_entry *entry, const void *key, uint32_t key_len) noexcept {
+  return hadra::pss::remove(entry, key, key_len);
+}
+
+extern "C" HADRA_API int hadra_pss_delete_range(hadra_ha_pss_entry *entry, const void *prefix,
+                                                uint32_t prefix_len) noexcept {
+  return hadra::pss::remove_range(entry, prefix, prefix_len);
+}
+
+extern "C" HADRA_API int hadra_pss_purge(hadra_ha_pss_entry *entry) noexcept { return hadra::pss::purge(entry); }

@@ -4,6 +4,7 @@
 set -euo pipefail
 here="$(cd "$(dirname "$0")/.." && pwd)"
 "$here/scripts/install-deps.sh"
+"$here/scripts/check-layers.sh"
 
 run_suite() {
   local dir="$1"

@@ -7,14 +7,13 @@
 // list of sdb_kv usually points into exactly such an array (entry i at element i); it is
 // then handed over as it is. Any other layout is gathered into a temporary array first, so
 // the platform never reads past what the caller gave.
-#include <cstdlib>
-
 #include "core/diag.h"
-#include "hadra/sync.h"
+#include "core/mem.h"
 #include "hadra_platform/log.h"
 #include "hadra_platform/sdb.h"
 #include "hadra_platform/strutil.h"
 #include "sdb/ops.h"
+#include "sync/send.h"
 
 namespace hadra::sdb {
 namespace {
@@ -29,26 +28,41 @@ bool keys_contiguous(const sdb_kv* list, uint32_t count) noexcept {
 }
 
 // The list's key datums as one array: the caller's own when it is one, otherwise a copy of
-// the datums (not of the key bytes) in *owned, which the caller frees. Null when the copy
-// cannot be allocated.
-const datum* key_array(const sdb_kv* list, uint32_t count, datum** owned) noexcept {
-  *owned = nullptr;
+// the datums (not of the key bytes) held by *owned. Null when the copy cannot be allocated.
+const datum* key_array(const sdb_kv* list, uint32_t count, HeapArray<datum>* owned) noexcept {
   if (keys_contiguous(list, count)) return list[0].key;
-  *owned = static_cast<datum*>(std::malloc(sizeof(datum) * count));
+  *owned = heap_array<datum>(count);
   if (*owned == nullptr) return nullptr;
   for (uint32_t i = 0; i < count; ++i) (*owned)[i] = list[i].key != nullptr ? *list[i].key : datum{nullptr, 0};
-  return *owned;
+  return owned->get();
 }
 
 bool has_key(const datum* key) noexcept { return key != nullptr && key->dptr != nullptr && key->dsize != 0; }
 
+int remove_list(const hadra_ha_pss_entry* entry, const sdb_kv* list, uint32_t count, uint32_t notify) noexcept {
+  if (entry == nullptr || list == nullptr || count == 0) return 0;
+  HeapArray<datum> owned;
+  const datum* keys = key_array(list, count, &owned);
+  if (keys == nullptr) {
+    plat_syslog(PLAT_LOG_CRIT, "SDB delete list: key array alloc failed for %u keys\n", count);
+    return 0;
+  }
+  const uint32_t rc = sdb_delete_list(entry->uri, keys, count);
+  owned.reset();
+  if (rc != 0) {
+    plat_syslog(PLAT_LOG_CRIT, "SDB delete list fail, rc=0x%x [%s]\n", rc, syserr2str(rc));
+    return 0;
+  }
+  complete_write(entry, notify);
+  if (entry->no_sync != 0) return 1;
+  for (uint32_t i = 0; i < count; ++i)
+    if (has_key(list[i].key)) (void)sync::send(entry, list[i].key, nullptr, HADRA_SYNC_SDB_DELETE);
+  return 1;
+}
+
 }  // namespace
-}  // namespace hadra::sdb
 
-extern "C" {
-
-HADRA_API int hadra_sdb_delete_notify(const hadra_ha_pss_entry* entry, const void* key, uint32_t key_len,
-                                      uint32_t notify) noexcept {
+int remove(const hadra_ha_pss_entry* entry, const void* key, uint32_t key_len, uint32_t notify) noexcept {
   if (entry == nullptr || key == nullptr || key_len == 0) return 0;
   const datum kd{const_cast<void*>(key), key_len};
   const uint32_t rc = sdb_delete(entry->uri, &kd);
@@ -56,39 +70,31 @@ HADRA_API int hadra_sdb_delete_notify(const hadra_ha_pss_entry* entry, const voi
     HADRA_DBG("ERROR: Could not write to SDB %s (%s)\n", entry->uri, syserr2str(rc));
     return 0;
   }
-  hadra::sdb::complete_write(entry, notify);
-  if (entry->no_sync == 0) (void)hadra_ha_sync(entry, &kd, nullptr, HADRA_SYNC_SDB_DELETE);
+  complete_write(entry, notify);
+  if (entry->no_sync == 0) (void)sync::send(entry, &kd, nullptr, HADRA_SYNC_SDB_DELETE);
   return 1;
 }
 
+}  // namespace hadra::sdb
+
+extern "C" {
+
+HADRA_API int hadra_sdb_delete_notify(const hadra_ha_pss_entry* entry, const void* key, uint32_t key_len,
+                                      uint32_t notify) noexcept {
+  return hadra::sdb::remove(entry, key, key_len, notify);
+}
+
 HADRA_API int hadra_sdb_delete(const hadra_ha_pss_entry* entry, const void* key, uint32_t key_len) noexcept {
-  return hadra_sdb_delete_notify(entry, key, key_len, 1);
+  return hadra::sdb::remove(entry, key, key_len, 1);
 }
 
 HADRA_API int hadra_sdb_delete_list_notify(const hadra_ha_pss_entry* entry, const sdb_kv* list, uint32_t count,
                                            uint32_t notify) noexcept {
-  if (entry == nullptr || list == nullptr || count == 0) return 0;
-  datum* owned = nullptr;
-  const datum* keys = hadra::sdb::key_array(list, count, &owned);
-  if (keys == nullptr) {
-    plat_syslog(2, "SDB delete list: key array alloc failed for %u keys\n", count);
-    return 0;
-  }
-  const uint32_t rc = sdb_delete_list(entry->uri, keys, count);
-  std::free(owned);
-  if (rc != 0) {
-    plat_syslog(2, "SDB delete list fail, rc=0x%x [%s]\n", rc, syserr2str(rc));
-    return 0;
-  }
-  hadra::sdb::complete_write(entry, notify);
-  if (entry->no_sync != 0) return 1;
-  for (uint32_t i = 0; i < count; ++i)
-    if (hadra::sdb::has_key(list[i].key)) (void)hadra_ha_sync(entry, list[i].key, nullptr, HADRA_SYNC_SDB_DELETE);
-  return 1;
+  return hadra::sdb::remove_list(entry, list, count, notify);
 }
 
 HADRA_API int hadra_sdb_delete_list(const hadra_ha_pss_entry* entry, const sdb_kv* list, uint32_t count) noexcept {
-  return hadra_sdb_delete_list_notify(entry, list, count, 1);
+  return hadra::sdb::remove_list(entry, list, count, 1);
 }
 
 }  // extern "C"

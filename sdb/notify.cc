@@ -9,7 +9,8 @@
 //
 //   sdb_get_context_len -> failure, or longer than our 100-byte buffer: nothing sent
 //   sdb_set_context     -> failure: the buffer holds no context, nothing sent
-//   sysmgr_supstate_get -> not active: nothing sent
+//   sysmgr_supstate_get -> not active, or the SDB's update_opcode is 0 (registered
+//                          without update notifications): nothing sent
 //   mts_send + mts_drop
 //   sdb_write_done      -> on every path: a write is never left uncompleted
 #include <array>
@@ -18,7 +19,6 @@
 
 #include "core/diag.h"
 #include "hadra/handle.h"
-#include "hadra/sync.h"
 #include "hadra_platform/log.h"
 #include "hadra_platform/mts.h"
 #include "hadra_platform/sdb.h"
@@ -43,8 +43,8 @@ void send_context(const hadra_ha_pss_entry* entry, const ContextBuf& ctx, uint32
   const uint32_t sap = hadra_ha_handle.sap;
   mts_msg_ref ref;
   std::memset(&ref, 0, sizeof ref);
-  if (mts_send(sap, HADRA_SYNC_PEER_ADDR, 0, entry->update_opcode, ctx.data(), len, &ref, 0, &desc) < 0) {
-    plat_syslog(2, "mts-send failed. %d\n", errno);
+  if (mts_send(sap, MTS_ADDR_PEER, MTS_SAP_SAME, entry->update_opcode, ctx.data(), len, &ref, 0, &desc) < 0) {
+    plat_syslog(PLAT_LOG_CRIT, "mts-send failed. %d\n", errno);
     return;
   }
   mts_drop(sap, &ref);
@@ -69,26 +69,30 @@ bool context_len(const hadra_ha_pss_entry* entry, uint32_t* len) noexcept {
 
 void complete_write(const hadra_ha_pss_entry* entry, uint32_t notify) noexcept {
   if (notify != 0)
-    (void)hadra_sdb_update_notification(entry);
+    (void)update_notification(entry);
   else
     (void)sdb_write_done(entry->uri);
+}
+
+int update_notification(const hadra_ha_pss_entry* entry) noexcept {
+  if (entry == nullptr) return 0;
+  uint32_t len = 0;
+  if (!context_len(entry, &len)) {
+    (void)sdb_write_done(entry->uri);
+    return 0;
+  }
+  ContextBuf ctx;
+  const uint32_t rc = sdb_set_context(entry->uri, ctx.data());
+  if (rc != 0)
+    HADRA_DBG("ERROR, sdb_set_context %s\n", syserr2str(rc));
+  else if (sysmgr_supstate_get() == HADRA_SUP_ACTIVE && entry->update_opcode != 0)
+    send_context(entry, ctx, len);
+  (void)sdb_write_done(entry->uri);
+  return 1;
 }
 
 }  // namespace hadra::sdb
 
 extern "C" int hadra_sdb_update_notification(const hadra_ha_pss_entry* entry) noexcept {
-  if (entry == nullptr) return 0;
-  uint32_t len = 0;
-  if (!hadra::sdb::context_len(entry, &len)) {
-    (void)sdb_write_done(entry->uri);
-    return 0;
-  }
-  hadra::sdb::ContextBuf ctx;
-  const uint32_t rc = sdb_set_context(entry->uri, ctx.data());
-  if (rc != 0)
-    HADRA_DBG("ERROR, sdb_set_context %s\n", syserr2str(rc));
-  else if (sysmgr_supstate_get() == HADRA_SUP_ACTIVE)
-    hadra::sdb::send_context(entry, ctx, len);
-  (void)sdb_write_done(entry->uri);
-  return 1;
+  return hadra::sdb::update_notification(entry);
 }

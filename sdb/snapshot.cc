@@ -8,7 +8,6 @@
 #include "sdb/snapshot.h"
 
 #include "core/diag.h"
-#include "core/pss_file.h"
 #include "hadra/sysmgrcb.h"
 #include "hadra_platform/sdb.h"
 #include "hadra_platform/sysmgr.h"
@@ -19,6 +18,8 @@ namespace {
 
 constexpr SnapshotCalls kSdbCalls = {&sdb_write_snapshot, &sdb_read_snapshot};
 constexpr SnapshotCalls kMsdbCalls = {&mksdb_write_snapshot, &mksdb_read_snapshot};
+
+}  // namespace
 
 int create_sync_snapshot(const char *base_uri, const hadra_ha_pss_entry *entry) noexcept {
   if (entry == nullptr) return 0;
@@ -33,19 +34,23 @@ int create_sync_snapshot(const char *base_uri, const hadra_ha_pss_entry *entry) 
   return 1;
 }
 
+namespace {
+
 // After the read: a rebuilt database is announced to its other users like a new one; one
 // that could not be rebuilt is created empty (the creation announces it itself).
 bool prepare_restored(const char *source_uri, hadra_ha_pss_entry *entry, uint32_t read_rc) noexcept {
   if (read_rc != 0) {
     HADRA_DBG("Failed snapshot restore from %s to %s", source_uri, entry->uri);
-    if (hadra_sdb_create(entry) != 0) return true;
+    if (create(entry) != 0) return true;
     HADRA_DBG("Failed to create %s", entry->uri);
     return false;
   }
-  if (hadra_create_del_notification(entry, 1) != 0) return true;
+  if (announce(entry, true) != 0) return true;
   HADRA_DBG("Failed to send create/del notification");
   return false;
 }
+
+}  // namespace
 
 int restore_sync_snapshot(const char *source_uri, hadra_ha_pss_entry *entry) noexcept {
   if (entry == nullptr) return 0;
@@ -54,7 +59,7 @@ int restore_sync_snapshot(const char *source_uri, hadra_ha_pss_entry *entry) noe
   if (source_uri == nullptr) return 0;
   const uint32_t rc = snapshot_calls(*entry).read(entry->uri, source_uri, sysmgr_uuid_get());
   if (!prepare_restored(source_uri, entry, rc)) return 0;
-  if (hadra_sdb_open(entry->uri, 1) == 0) {
+  if (open(entry->uri, 1) == 0) {
     HADRA_DBG("Failed snapshot open of %s", entry->uri);
     return 0;
   }
@@ -63,10 +68,14 @@ int restore_sync_snapshot(const char *source_uri, hadra_ha_pss_entry *entry) noe
   return 1;
 }
 
-}  // namespace
-
 const SnapshotCalls &snapshot_calls(const hadra_ha_pss_entry &entry) noexcept {
   return entry.is_msdb != 0 ? kMsdbCalls : kSdbCalls;
+}
+
+void start_empty_standby(hadra_ha_pss_entry &e) noexcept {
+  if (create(&e) == 0) HADRA_DBG("Failed to create %s", e.uri);
+  if (open(e.uri, 1) == 0) HADRA_DBG("Failed to open %s", e.uri);
+  e.state = HADRA_HA_STANDBY;
 }
 
 }  // namespace hadra::sdb

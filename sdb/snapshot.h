@@ -25,4 +25,12 @@ struct SnapshotCalls {
 // The mksdb_* pair for an MSDB entry, the sdb_* pair otherwise.
 const SnapshotCalls &snapshot_calls(const hadra_ha_pss_entry &entry) noexcept;
 
+// As hadra_sdb_create_sync_snapshot and hadra_sdb_restore_sync_snapshot.
+int create_sync_snapshot(const char *base_uri, const hadra_ha_pss_entry *entry) noexcept;
+int restore_sync_snapshot(const char *source_uri, hadra_ha_pss_entry *entry) noexcept;
+
+// Standby side when no gsync will come (the active does not run the service): the SDB is
+// created (announced) and opened empty; state HADRA_HA_STANDBY whatever happened.
+void start_empty_standby(hadra_ha_pss_entry &e) noexcept;
+
 }  // namespace hadra::sdb

@@ -3,7 +3,8 @@
 // The client hands every MTS message it receives to hadra_ha_dispatch(). A sync message (the
 // client's sync opcode as MTS opcode, sync event 2) names a registry index and a change; the
 // dispatcher applies that change to the standby's copy with the very operation that made it
-// on the active supervisor, then tells the client through the index's sync callback. The
+// on the active supervisor, found in the apply table that the stores fill (sync/apply.h),
+// then tells the client through the index's sync callback. The
 // operations try to sync the change on; the sender refuses on the standby, so nothing echoes.
 //
 //   read event, MTS opcode, payload, size   (always all four, in this order)
@@ -27,86 +28,30 @@
 #include "core/diag.h"
 #include "core/registry.h"
 #include "hadra/handle.h"
-#include "hadra/lifecycle.h"
-#include "hadra/pss.h"
-#include "hadra/sdb.h"
 #include "hadra/sync.h"
 #include "hadra_platform/mts.h"
-#include "sdb/batch.h"
-#include "sync/msg.h"
+#include "sync/apply.h"
+#include "wire/sync_msg.h"
 
 namespace hadra::sync {
 namespace {
 
-// A sync message that passed every check: its entry and the parts of its payload.
-struct Change {
-  hadra_ha_pss_entry* entry;
-  uint8_t* key;  // payload + 12; also where a batch starts
-  uint32_t key_len;
-  uint8_t* data;  // payload + 12 + key_len
-  uint32_t data_len;
-};
+using wire::decode;
+using wire::Decoded;
+using wire::DecodeResult;
+using wire::opcode_report_text;
 
-enum class Target : uint8_t { kPssFile, kSdb };
+constexpr uint32_t kLastOpcode = HADRA_SYNC_PSS_PURGE;
 
-// What the sync callback is handed after a successful apply.
-enum class Callback : uint8_t {
-  kNone,
-  kDataKey,   // (data, key, data_len, opcode)
-  kKeyOnly,   // (null, key, data_len, opcode)
-  kBatch,     // (batch, null, data_len, opcode)
-};
-
-using Apply = int (*)(const Change&) noexcept;
-
-struct Row {
-  Target target;
-  Apply apply;
-  Callback callback;
-};
-
-int apply_pss_update(const Change& c) noexcept {
-  return hadra_pss_update(c.entry, c.key, c.key_len, c.data, c.data_len);
-}
-int apply_pss_delete(const Change& c) noexcept { return hadra_pss_delete(c.entry, c.key, c.key_len); }
-int apply_pss_delete_range(const Change& c) noexcept { return hadra_pss_delete_range(c.entry, c.key, c.key_len); }
-int apply_pss_purge(const Change& c) noexcept { return hadra_pss_purge(c.entry); }
-int apply_disable(const Change& c) noexcept {
-  hadra_ha_disable(c.entry);
-  return 1;
-}
-// The standby completes SDB writes with the update notification (which sends nothing there).
-int apply_sdb_update(const Change& c) noexcept {
-  return hadra_sdb_update(c.entry, c.key, c.key_len, c.data, c.data_len, 1);
-}
-int apply_sdb_delete(const Change& c) noexcept { return hadra_sdb_delete(c.entry, c.key, c.key_len); }
-// A batch starts right after the header and is data_len bytes long (its senders put no key
-// before it); the bounded appliers read nothing beyond that.
-int apply_sdb_batch(const Change& c) noexcept { return hadra::sdb::apply_sdb_batch(c.entry, c.key, c.data_len); }
-int apply_msdb_batch(const Change& c) noexcept { return hadra::sdb::apply_msdb_batch(c.entry, c.key, c.data_len); }
-
-// One row per sync opcode, indexed by it; row 0 is never used (opcode 0 is ignored).
-constexpr Row kRows[] = {
-    {Target::kPssFile, nullptr, Callback::kNone},
-    {Target::kPssFile, apply_pss_update, Callback::kDataKey},        // 1 PSS_UPDATE
-    {Target::kPssFile, apply_pss_delete, Callback::kKeyOnly},        // 2 PSS_DELETE
-    {Target::kPssFile, apply_disable, Callback::kNone},              // 3 PSS_DESTROY
-    {Target::kSdb, apply_sdb_update, Callback::kDataKey},            // 4 SDB_UPDATE
-    {Target::kSdb, apply_sdb_delete, Callback::kKeyOnly},            // 5 SDB_DELETE
-    {Target::kSdb, apply_disable, Callback::kNone},                  // 6 SDB_DESTROY
-    {Target::kPssFile, apply_pss_delete_range, Callback::kKeyOnly},  // 7 PSS_DELETE_RANGE
-    {Target::kSdb, apply_sdb_batch, Callback::kBatch},               // 8 SDB_BATCH_UPDATE
-    {Target::kSdb, apply_msdb_batch, Callback::kNone},               // 9 MSDB_BATCH_UPDATE
-    {Target::kPssFile, apply_pss_purge, Callback::kNone},            // 10 PSS_PURGE
-};
-constexpr uint32_t kLastOpcode = sizeof kRows / sizeof kRows[0] - 1;
-static_assert(kLastOpcode == HADRA_SYNC_PSS_PURGE, "one row per sync opcode");
+// One row per sync opcode, indexed by it; row 0 is never used (opcode 0 is ignored). Zero
+// before any store registers (constant-initialised): an unregistered opcode is ignored.
+constinit ApplyRow g_rows[kLastOpcode + 1] = {};
 
 bool entry_fits(const hadra_ha_pss_entry& e, Target t) noexcept {
   return t == Target::kPssFile ? e.pss_handle != 0 : e.db_type == HADRA_DB_SDB;
 }
 
-void notify_client(const Row& row, const Change& c, uint8_t index, uint32_t opcode) noexcept {
+void notify_client(const ApplyRow& row, const Change& c, uint8_t index, uint32_t opcode) noexcept {
   const hadra_ha_sync_cb_fn cb = sync_callback(index);
   if (cb == nullptr) return;
   switch (row.callback) {
@@ -134,7 +79,8 @@ void refuse(uint32_t opcode, uint8_t index) noexcept {
 void dispatch_change(uint8_t* payload, uint32_t size) noexcept {
   Decoded d;
   const DecodeResult fit = decode(payload, size, &d);
-  const Row& row = kRows[d.opcode];
+  const ApplyRow& row = g_rows[d.opcode];
+  if (row.apply == nullptr) return;
   hadra_ha_pss_entry* entry = entry_at(d.db_index);
   if (entry == nullptr || fit != DecodeResult::kOk || !entry_fits(*entry, row.target)) {
     refuse(d.opcode, d.db_index);
@@ -146,6 +92,16 @@ void dispatch_change(uint8_t* payload, uint32_t size) noexcept {
 }
 
 }  // namespace
+
+const ApplyRow& apply_row(uint32_t opcode) noexcept {
+  static constexpr ApplyRow kNoRow{Target::kSdb, nullptr, Callback::kNone};
+  return opcode <= kLastOpcode ? g_rows[opcode] : kNoRow;
+}
+
+ApplyRegistration::ApplyRegistration(uint32_t opcode, ApplyRow row) noexcept {
+  if (opcode >= 1 && opcode <= kLastOpcode) g_rows[opcode] = row;
+}
+
 }  // namespace hadra::sync
 
 extern "C" HADRA_API int hadra_ha_dispatch(const mts_msg_ref* msg) noexcept {
@@ -165,7 +121,7 @@ extern "C" HADRA_API int hadra_ha_dispatch(const mts_msg_ref* msg) noexcept {
     HADRA_DBG("Sync update message without payload\n");
     return 0;
   }
-  const uint32_t sync_opcode = get_be32(payload + 8);
+  const uint32_t sync_opcode = hadra::wire::get_be32(payload + 8);
   if (sync_opcode == 0 || sync_opcode > kLastOpcode) return 0;
   dispatch_change(payload, size);
   return 0;

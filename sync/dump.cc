@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "hadra/sync.h"
+#include "sync/send.h"
 #include "hadra_platform/strutil.h"
 
 namespace {
@@ -44,7 +45,7 @@ uint32_t format_group(const unsigned char* b, uint32_t r) noexcept {
 
 }  // namespace
 
-extern "C" HADRA_API const char* hadra_ha_dump_buf(const void* buf, uint32_t len) noexcept {
+const char* hadra::sync::dump_buf(const void* buf, uint32_t len) noexcept {
   const uint32_t n = len < kDumpMaxBytes ? len : kDumpMaxBytes;
   std::memset(g_dump, 0, sizeof g_dump);
   std::memset(g_group, 0, sizeof g_group);
@@ -55,4 +56,8 @@ extern "C" HADRA_API const char* hadra_ha_dump_buf(const void* buf, uint32_t len
     hadra_strcat(g_dump, kDumpSize, g_group);
   }
   return g_dump;
+}
+
+extern "C" HADRA_API const char* hadra_ha_dump_buf(const void* buf, uint32_t len) noexcept {
+  return hadra::sync::dump_buf(buf, len);
 }

@@ -23,7 +23,8 @@
 #include "hadra_platform/mts.h"
 #include "hadra_platform/strutil.h"
 #include "hadra_platform/sysmgr.h"
-#include "sync/msg.h"
+#include "sync/send.h"
+#include "wire/sync_msg.h"
 
 namespace hadra::sync {
 namespace {
@@ -57,11 +58,8 @@ int report_seqno(uint8_t index, uint64_t seqno) noexcept {
 }
 
 }  // namespace
-}  // namespace hadra::sync
 
-extern "C" HADRA_API int hadra_ha_sync(const hadra_ha_pss_entry* entry, const datum* key, const datum* data,
-                                       uint32_t sync_opcode) noexcept {
-  using namespace hadra::sync;
+int send(const hadra_ha_pss_entry* entry, const datum* key, const datum* data, uint32_t sync_opcode) noexcept {
   mts_xbuf_desc desc;
   std::memset(&desc, 0, sizeof desc);
   desc.kind = MTS_XBUF_PIECES;
@@ -85,14 +83,14 @@ extern "C" HADRA_API int hadra_ha_sync(const hadra_ha_pss_entry* entry, const da
   }
   desc.pieces = pieces;
   desc.count = count;
-  const hadra_sync_hdr hdr = make_hdr(entry->index, key_len, data_len, sync_opcode);
+  const hadra_sync_hdr hdr = wire::make_hdr(entry->index, key_len, data_len, sync_opcode);
 
   const uint32_t sap = hadra_ha_handle.sap;
   const uint32_t opcode = hadra_ha_handle.opcode;
   mts_msg_ref ref;
   std::memset(&ref, 0, sizeof ref);
-  if (mts_send(sap, HADRA_SYNC_PEER_ADDR, 0, opcode, &hdr, HADRA_SYNC_HDR_LEN, &ref, 0, &desc) == -1) {
-    hadra::report(msg_error_HADRA_HA_SYNC, static_cast<const char*>(std::strerror(errno)));
+  if (mts_send(sap, HADRA_SYNC_PEER_ADDR, MTS_SAP_SAME, opcode, &hdr, HADRA_SYNC_HDR_LEN, &ref, 0, &desc) == -1) {
+    report(msg_error_HADRA_HA_SYNC, static_cast<const char*>(std::strerror(errno)));
     return 0;
   }
   HADRA_DBG("MTS Send SAP: %d Opcode: %s(%d) MSG_ID: %x", static_cast<int>(sap), mts_opc_name_get(opcode),
@@ -100,4 +98,11 @@ extern "C" HADRA_API int hadra_ha_sync(const hadra_ha_pss_entry* entry, const da
   const uint64_t seqno = mts_ha_seqno_get(&ref);
   mts_drop(sap, &ref);
   return report_seqno(entry->index, seqno);
+}
+
+}  // namespace hadra::sync
+
+extern "C" HADRA_API int hadra_ha_sync(const hadra_ha_pss_entry* entry, const datum* key, const datum* data,
+                                       uint32_t sync_opcode) noexcept {
+  return hadra::sync::send(entry, key, data, sync_opcode);
 }

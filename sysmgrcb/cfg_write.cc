@@ -1,7 +1,7 @@
 // Configuration write: the system manager saves the running configuration as the startup
 // configuration, and every PSS file the client marked as a configuration file
 // (hadra_pss_set_config) is copied into the area it names, as "<client name>_<cfg_name>".
-// A later stateless start rebuilds the file from that copy (core/db_start.cc).
+// A later stateless start rebuilds the file from that copy (pss/life.cc, chosen by lifecycle/db_start.cc).
 //
 // The files are written one by one; one that cannot be written is reported and does not
 // keep the others from being saved. Nothing is answered: the system manager learns of a
@@ -14,6 +14,7 @@
 #include "hadra/lifecycle.h"
 #include "hadra/sysmgrcb.h"
 #include "hadra_platform/sysmgr.h"
+#include "pss/file.h"
 #include "sysmgrcb/common.h"
 
 namespace hadra::sysmgrcb {
@@ -31,7 +32,7 @@ UriCopy startup_copy_uri(const char *cfg_uri, const hadra_ha_pss_entry &e) noexc
 void write_config_file(const char *cfg_uri, const hadra_ha_pss_entry &e) noexcept {
   const UriCopy dest = startup_copy_uri(cfg_uri, e);
   // A name the platform refuses is a file that cannot be written, like a failed copy.
-  if (!dest.ok() || hadra_pss_snapshot_to_uri(e.pss_handle, dest.c_str()) == 0)
+  if (!dest.ok() || pss::snapshot_to_uri(e.pss_handle, dest.c_str()) == 0)
     report(msg_error_HADRA_API_FAILED, 0, kHandler);
   HADRA_DBG("Snapshot running config to startup config done\n");
 }

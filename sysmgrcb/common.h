@@ -7,6 +7,7 @@
 
 #include <cstdint>
 
+#include "core/uri.h"
 #include "hadra/registry.h"
 
 namespace hadra::sysmgrcb {
@@ -14,18 +15,5 @@ namespace hadra::sysmgrcb {
 // True when the library is initialised; otherwise reports msg_error_HADRA_HA_UNINITIALIZED
 // with the handler's name and gives false.
 bool initialized_or_report(const char *handler) noexcept;
-
-// A URI the platform completed (or null), copied out of the platform's per-thread buffer so
-// that later platform calls cannot overwrite it. ok() is false for a null URI.
-class UriCopy {
- public:
-  explicit UriCopy(const char *uri) noexcept;
-  bool ok() const noexcept { return ok_; }
-  const char *c_str() const noexcept { return ok_ ? text_ : nullptr; }
-
- private:
-  bool ok_ = false;
-  char text_[HADRA_HA_URI_LEN] = {};
-};
 
 }  // namespace hadra::sysmgrcb

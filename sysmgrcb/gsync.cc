@@ -16,7 +16,8 @@
 // failure. What the walk does with each entry is a table row per kind of database.
 //
 // A PSS file travels as a PSS copy named <area>/<file prefix><registered name>, which both
-// sides form alike; an SDB travels in the SDB library's own snapshot format (sdb/snapshot.h).
+// sides form alike (pss/snapshot.h); an SDB travels in the SDB library's own snapshot format
+// (sdb/snapshot.h). Each store carries out its part; this file walks and answers.
 //
 // The client's hook may take over the answer to the system manager through the reply flag:
 // the library sets it to 1, and a snapshot hook that leaves anything else, or a ready hook
@@ -25,7 +26,6 @@
 #include <cstdlib>
 
 #include "core/diag.h"
-#include "core/pss_file.h"
 #include "core/registry.h"
 #include "hadra/handle.h"
 #include "hadra/lifecycle.h"
@@ -34,12 +34,12 @@
 #include "hadra_platform/mts.h"
 #include "hadra_platform/strutil.h"
 #include "hadra_platform/sysmgr.h"
+#include "pss/snapshot.h"
+#include "sdb/snapshot.h"
 #include "sysmgrcb/common.h"
 
 namespace hadra::sysmgrcb {
 namespace {
-
-constexpr char kRestorePss[] = "hadra_restore_pss_sync_snapshot";
 
 // What a walk does with each kind of entry; each action gives 1 or 0.
 using EntryAction = int (*)(hadra_ha_pss_entry &entry, const char *base_uri) noexcept;
@@ -74,70 +74,22 @@ WalkResult walk(const WalkActions &actions, const char *base_uri) noexcept {
   return w;
 }
 
-// The URI of the entry's PSS copy in the area, or null.
-const char *pss_copy_uri(const char *base_uri, const hadra_ha_pss_entry &e) noexcept {
-  return sysmgr_uri_complete(base_uri, sysmgr_file_prefix_get(), e.name);
-}
-
 // ---- Active side ----
 
-int snapshot_pss(hadra_ha_pss_entry &e, const char *base_uri) noexcept {
-  const UriCopy dest(pss_copy_uri(base_uri, e));
-  HADRA_DBG("pss base_uri: %s, sysmgr_file_prefixi: %s, handle: %s, dest_uri: %s", uri_text(base_uri),
-            uri_text(sysmgr_file_prefix_get()), e.name, uri_text(dest.c_str()));
-  if (!dest.ok()) return 0;
-  if (hadra_pss_snapshot_to_uri(e.pss_handle, dest.c_str()) == 0) return 0;
-  HADRA_DBG("Successful snapshot from %s to %s", e.uri, dest.c_str());
-  return 1;
-}
+int snapshot_pss(hadra_ha_pss_entry &e, const char *base_uri) noexcept { return pss::snapshot_to_area(e, base_uri); }
 
 int snapshot_sdb(hadra_ha_pss_entry &e, const char *base_uri) noexcept {
-  return hadra_sdb_create_sync_snapshot(base_uri, &e);
+  return sdb::create_sync_snapshot(base_uri, &e);
 }
 
 constexpr WalkActions kSnapshotActions = {&snapshot_pss, &snapshot_sdb};
 
 // ---- Standby side ----
 
-// The entry's file is about to be (re)opened: a handle it still holds from an earlier gsync
-// would otherwise be lost.
-void forget_old_handle(hadra_ha_pss_entry &e) noexcept {
-  if (e.pss_handle != 0) pss_release_handle(e.pss_handle);
-}
-
-// The area holds no copy of the file: it starts empty.
-int restore_pss_empty(hadra_ha_pss_entry &e) noexcept {
-  forget_old_handle(e);
-  if (hadra_pss_create(e.uri, nullptr, &e.pss_handle) == 0) {
-    HADRA_DBG("hadra_pss_create failed in %s", kRestorePss);
-    return 0;
-  }
-  e.state = HADRA_HA_STANDBY;
-  return 1;
-}
-
-int restore_pss(hadra_ha_pss_entry &e, const char *base_uri) noexcept {
-  const UriCopy src(pss_copy_uri(base_uri, e));
-  if (!src.ok()) return 0;
-  if (hadra_pss_exist(src.c_str(), hadra_ha_handle.uuid) == 0) return restore_pss_empty(e);
-  uint32_t snapshot = 0;
-  if (hadra_pss_open(src.c_str(), &snapshot) == 0) {
-    HADRA_DBG("hadra_pss_open failed in %s", kRestorePss);
-    return 0;
-  }
-  const int copied = hadra_pss_snapshot_to_uri(snapshot, e.uri);
-  // Closed on failure too: an open handle keeps the area's file mapped for the process.
-  hadra_pss_close(snapshot);
-  if (copied == 0) return 0;
-  forget_old_handle(e);
-  if (hadra_pss_open(e.uri, &e.pss_handle) == 0) return 0;
-  e.state = HADRA_HA_STANDBY;
-  HADRA_DBG("Successful snapshot from %s to %s", src.c_str(), e.uri);
-  return 1;
-}
+int restore_pss(hadra_ha_pss_entry &e, const char *base_uri) noexcept { return pss::restore_from_area(e, base_uri); }
 
 int restore_sdb(hadra_ha_pss_entry &e, const char *base_uri) noexcept {
-  return hadra_sdb_restore_sync_snapshot(base_uri, &e);
+  return sdb::restore_sync_snapshot(base_uri, &e);
 }
 
 constexpr WalkActions kRestoreActions = {&restore_pss, &restore_sdb};
@@ -186,26 +138,13 @@ int gsync_ready(void *ctx, const char *base_uri, void *arg) noexcept {
 // Nothing will come from the active supervisor, so the standby starts with empty databases
 // that the sync messages fill from now on. No failure stops the walk: each database that can
 // be started is better than none.
-void start_pss_empty(hadra_ha_pss_entry &e) noexcept {
-  // A file that exists is an unsynced one, opened at initialisation: keep it.
-  if (hadra_pss_exist(e.uri, hadra_ha_handle.uuid) == 0 && hadra_pss_create(e.uri, nullptr, &e.pss_handle) == 0)
-    HADRA_DBG("Failed to open %s", e.uri);
-  e.state = HADRA_HA_STANDBY;
-}
-
-void start_sdb_empty(hadra_ha_pss_entry &e) noexcept {
-  if (hadra_sdb_create(&e) == 0) HADRA_DBG("Failed to create %s", e.uri);
-  if (hadra_sdb_open(e.uri, 1) == 0) HADRA_DBG("Failed to open %s", e.uri);
-  e.state = HADRA_HA_STANDBY;
-}
-
 void start_all_empty() noexcept {
   for (hadra_ha_pss_entry &e : registry_entries()) {
     if (!entry_in_use(e)) continue;
     if (e.db_type == HADRA_DB_PSS)
-      start_pss_empty(e);
+      pss::start_empty_standby(e);
     else if (e.db_type == HADRA_DB_SDB)
-      start_sdb_empty(e);
+      sdb::start_empty_standby(e);
   }
 }
 

@@ -30,6 +30,7 @@
 #include "hadra_platform/pss.h"
 #include "hadra_platform/strutil.h"
 #include "hadra_platform/sysmgr.h"
+#include "ident/services.h"
 
 extern "C" {
 HADRA_API char hadra_cfg_uri[HADRA_CFG_URI_LEN];
@@ -39,22 +40,13 @@ HADRA_API sysmgr_server_notify_entry sysmgr_server_notify[HADRA_NOTIFY_ENTRIES];
 namespace hadra::sysmgrcb {
 namespace {
 
-enum : uint32_t {
-  kReasonUnknown = 0,
-  kReasonCrash = 1,
-  kReasonControlled = 2,
-  kReasonConfiguration = 3,
-  kReasonStandby = 4,
-  kReasonSwitchover = 5
-};
-
 bool start_reason_known = false;
-uint32_t start_reason = kReasonUnknown;
+uint32_t start_reason = HADRA_START_UNKNOWN;
 uint32_t notify_count = 0;
 
 void reset_start_state() noexcept {
   start_reason_known = false;
-  start_reason = kReasonUnknown;
+  start_reason = HADRA_START_UNKNOWN;
   notify_count = 0;
   std::memset(hadra_cfg_uri, 0, sizeof hadra_cfg_uri);
   std::memset(sysmgr_server_notify, 0, sizeof sysmgr_server_notify);
@@ -77,9 +69,9 @@ bool form_marker_uri() noexcept {
 // No marker yet: the reason of a new start, or unknown when the supervisor is neither.
 uint32_t new_start_reason() noexcept {
   if (sysmgr_supstate_get() == HADRA_SUP_ACTIVE)
-    return sysmgr_is_swover_first_start() != 0 ? kReasonSwitchover : kReasonConfiguration;
-  if (sysmgr_supstate_get() == HADRA_SUP_STANDBY) return kReasonStandby;
-  return kReasonUnknown;
+    return sysmgr_is_swover_first_start() != 0 ? HADRA_START_SWITCHOVER : HADRA_START_CONFIGURATION;
+  if (sysmgr_supstate_get() == HADRA_SUP_STANDBY) return HADRA_START_STANDBY;
+  return HADRA_START_UNKNOWN;
 }
 
 // Creates the marker and opens it again to be sure it is usable. Failures go to standard
@@ -103,24 +95,24 @@ bool create_marker() noexcept {
 }
 
 uint32_t decide_start_reason() noexcept {
-  if (!form_marker_uri()) return kReasonUnknown;
+  if (!form_marker_uri()) return HADRA_START_UNKNOWN;
   uint32_t err = 0;
   const uint32_t marker = ::pss_open(hadra_cfg_uri, &err);
   if (err == 0) {
-    start_reason = sysmgr_conditional_srv_was_handshake_done() != 0 ? kReasonCrash : kReasonControlled;
+    start_reason = sysmgr_conditional_srv_was_handshake_done() != 0 ? HADRA_START_CRASH : HADRA_START_CONTROLLED;
     (void)::pss_close(marker);
     return start_reason;
   }
-  if (err != PLAT_ERR_PSS_NOT_FOUND) return kReasonUnknown;
+  if (err != PLAT_ERR_PSS_NOT_FOUND) return HADRA_START_UNKNOWN;
   start_reason = new_start_reason();
-  if (start_reason == kReasonUnknown) return kReasonUnknown;
+  if (start_reason == HADRA_START_UNKNOWN) return HADRA_START_UNKNOWN;
   // A marker that cannot be made fails only this call: the reason itself is known and stays.
-  return create_marker() ? start_reason : kReasonUnknown;
+  return create_marker() ? start_reason : uint32_t{HADRA_START_UNKNOWN};
 }
 
 uint32_t get_start_reason() noexcept {
   if (start_reason_known) return start_reason;
-  start_reason = kReasonUnknown;
+  start_reason = HADRA_START_UNKNOWN;
   start_reason_known = true;
   return decide_start_reason();
 }
@@ -129,7 +121,7 @@ uint32_t get_start_reason() noexcept {
 
 int notify(uint32_t sap, const char *name) noexcept {
   if (name == nullptr) return 0;
-  const uint32_t uuid = hadra_get_uuid_from_name(name);
+  const uint32_t uuid = ident::uuid_from_name(name);
   if (uuid == 0) return 0;
   if (notify_count >= HADRA_NOTIFY_ENTRIES) {
     HADRA_DBG("sysmgr_notify: table of %d queries full, %s not asked about\n", HADRA_NOTIFY_ENTRIES, name);

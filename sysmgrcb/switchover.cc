@@ -43,7 +43,7 @@ HADRA_RESET_HOOK(reset_switchover);
 
 void recover_standby_databases() noexcept {
   for (hadra_ha_pss_entry &e : registry_entries())
-    if (entry_in_use(e) && hadra_ha_is_db_standby(&e) == 1) hadra_ha_set_db_recovering(&e);
+    if (entry_in_use(e) && e.state == HADRA_HA_STANDBY) e.state = HADRA_HA_RECOVER;
 }
 
 int switchover(void *ctx, int hot, int seq_mismatch) noexcept {

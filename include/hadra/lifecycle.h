@@ -100,8 +100,9 @@ HADRA_API void hadra_ha_disable_all(void) HADRA_NOEXCEPT;
 
 /*
  * Create the entry's SDB (an MSDB when is_msdb is set), announce it with a create
- * notification under cre_del_opcode, and register update_opcode with the platform. An SDB
- * that already exists counts as created. 0 for a null entry, and when the creation, the
+ * notification under cre_del_opcode, and register update_opcode with the platform (not when
+ * it is 0: such an SDB sends no update notifications, and there is nothing to register). An
+ * SDB that already exists counts as created. 0 for a null entry, and when the creation, the
  * notification or the registration fails.
  */
 HADRA_API int hadra_sdb_create(hadra_ha_pss_entry *entry) HADRA_NOEXCEPT;

@@ -82,6 +82,8 @@ HADRA_API extern uint32_t hadra_no_pss_sync;
  * PSS registration reports its failures; SDB and MSDB registration fail silently.
  * The _with_callback forms store the sync callback for the index first (1..10 only); a failed
  * registration leaves that callback in place.
+ * SDB opcodes: cre_del_opcode is the MTS opcode of the SDB's create/delete notifications;
+ * update_opcode that of its update notifications, or 0 for an SDB that sends none (sdb.h).
  */
 HADRA_API hadra_ha_pss_entry *hadra_ha_register_pss(uint8_t index, const char *name) HADRA_NOEXCEPT;
 HADRA_API hadra_ha_pss_entry *hadra_ha_register_pss_with_callback(uint8_t index, const char *name,

@@ -16,6 +16,8 @@
  *  - Completion: where a function takes `notify`, non-zero completes the write with the
  *    update notification (on the active supervisor the SDB's context is sent to the peer
  *    under the entry's `update_opcode`), 0 with a bare completion that sends nothing.
+ *    An SDB registered with update_opcode 0 sends no update notifications at all: its
+ *    writes are completed as with notify, and nothing goes out under opcode 0.
  *  - Reads return pointers into storage that the platform owns (valid until the next read
  *    or positioning call on the same SDB in the same thread); nothing is copied, and no
  *    function here returns the length of a found key.
@@ -24,7 +26,7 @@
  *    (hadra_sdb_sync_buf); SDB and MSDB batch calls must not run at the same time.
  *  - Pointer width: the list records were laid out for 32-bit pointers. On 64-bit systems
  *    every pointer field is pointer-sized, which moves the fields after it; both layouts are
- *    pinned below. They are the platform's records, declared here under the same guard.
+ *    pinned where they are defined, in hadra_platform/types.h.
  */
 #ifndef HADRA_SDB_H
 #define HADRA_SDB_H
@@ -33,67 +35,8 @@
 
 HADRA_EXTERN_C_BEGIN
 
-#ifndef HADRA_SDB_LIST_TYPES_DEFINED
-#define HADRA_SDB_LIST_TYPES_DEFINED
-/* The layouts of these records are the platform's and must not change. */
-
-/* Entry of hadra_sdb_update_list and hadra_sdb_delete_list: one record. */
-typedef struct sdb_kv {
-  datum *key;  /* the record's key */
-  datum *data; /* its value (not read by the deletes) */
-} sdb_kv;
-
-/* Entry of hadra_sdb_update_batch: one operation. */
-typedef struct sdb_list_op {
-  uint32_t op; /* 0: write key with data; any other value: an operation on the key alone,
-                  whose meaning is the platform's (1 deletes the record) */
-  datum *key;  /* the record's key */
-  datum *data; /* its value; read only when op is 0 */
-} sdb_list_op;
-
-/* A secondary key of an MSDB record. */
-typedef struct sdb_skey {
-  datum *skey;  /* the secondary key's bytes */
-  uint32_t tag; /* the index the key belongs to; only the low 16 bits are stored and synced */
-} sdb_skey;
-
-/* Entry of hadra_msdb_update_batch: one MSDB operation. */
-typedef struct sdb_mkey_op {
-  datum *key;         /* the primary key */
-  datum *data;        /* the value, or null for none */
-  sdb_skey *skeys;    /* the record's secondary keys (op 0); may be null when skey_count is 0 */
-  int32_t skey_count; /* number of elements of skeys; must not be negative */
-  uint32_t op;        /* 0: write value and secondary keys; other values as in sdb_list_op */
-} sdb_mkey_op;
-
-/* The platform's record of an SDB create/delete notification (declared here because the
-   platform declares it under the same guard). */
-typedef struct sdb_create_del_msg {
-  uint32_t type;   /* 1 create, 2 delete */
-  const char *uri; /* the SDB's URI, NUL-terminated */
-} sdb_create_del_msg;
-#endif
-
-#if defined(__cplusplus)
-#define HADRA_SDB_ASSERT static_assert
-#else
-#define HADRA_SDB_ASSERT _Static_assert
-#endif
-#define HADRA_SDB_PTR sizeof(void *)
-HADRA_SDB_ASSERT(sizeof(sdb_kv) == 2 * HADRA_SDB_PTR && offsetof(sdb_kv, data) == HADRA_SDB_PTR, "sdb_kv layout");
-HADRA_SDB_ASSERT(offsetof(sdb_list_op, key) == HADRA_SDB_PTR && offsetof(sdb_list_op, data) == 2 * HADRA_SDB_PTR &&
-                     sizeof(sdb_list_op) == 3 * HADRA_SDB_PTR,
-                 "sdb_list_op layout");
-HADRA_SDB_ASSERT(offsetof(sdb_skey, tag) == HADRA_SDB_PTR && sizeof(sdb_skey) == 2 * HADRA_SDB_PTR,
-                 "sdb_skey layout");
-HADRA_SDB_ASSERT(offsetof(sdb_mkey_op, skeys) == 2 * HADRA_SDB_PTR &&
-                     offsetof(sdb_mkey_op, skey_count) == 3 * HADRA_SDB_PTR &&
-                     offsetof(sdb_mkey_op, op) == 3 * HADRA_SDB_PTR + 4 && sizeof(sdb_mkey_op) == 3 * HADRA_SDB_PTR + 8,
-                 "sdb_mkey_op layout");
-HADRA_SDB_ASSERT(offsetof(sdb_create_del_msg, uri) == HADRA_SDB_PTR && sizeof(sdb_create_del_msg) == 2 * HADRA_SDB_PTR,
-                 "sdb_create_del_msg layout");
-#undef HADRA_SDB_PTR
-#undef HADRA_SDB_ASSERT
+/* The list records sdb_kv, sdb_list_op, sdb_skey and sdb_mkey_op, and sdb_create_del_msg, are the
+   platform's (hadra_platform/types.h, included through registry.h); their layouts are pinned there. */
 
 /* Size of the batch buffer, and so the most bytes (count and records) of one batch message. */
 #define HADRA_SDB_BATCH_BUF_SIZE 60000u
@@ -195,8 +138,11 @@ HADRA_API int hadra_sdb_update_list(const hadra_ha_pss_entry *entry, const sdb_k
  * SDB_BATCH_UPDATE messages packed into the batch buffer, in list order, each starting
  * with its own record count. When the SDB is synced, a list that cannot be carried is
  * refused before anything is written (0, level-2 log line): an entry without key (or, for
- * op 0, without value), an op above 0x7fff, a key of HADRA_SDB_BATCH_FIELD_LIMIT bytes or
- * more, or a record larger than a batch message can hold.
+ * op 0, without value), an op from 0x8000 to 0xffff7fff, a key of
+ * HADRA_SDB_BATCH_FIELD_LIMIT bytes or more, or a record larger than a batch message can
+ * hold. An op travels as its low 16 bits and the standby widens them with their sign, so
+ * ops below 0x8000 and from 0xffff8000 up reach it unchanged and are carried; what an op
+ * other than 0 and 1 does is the platform's to decide.
  */
 HADRA_API int hadra_sdb_update_batch(const hadra_ha_pss_entry *entry, const sdb_list_op *list, uint32_t count,
                                      uint32_t notify) HADRA_NOEXCEPT;
@@ -243,8 +189,8 @@ HADRA_API int hadra_sdb_delete_list(const hadra_ha_pss_entry *entry, const sdb_k
  * is synced, a list that cannot be carried is refused before anything is written (0,
  * level-2 log line): an entry without key, a negative skey_count or one of
  * HADRA_SDB_BATCH_FIELD_LIMIT or more, secondary keys missing or of
- * HADRA_SDB_BATCH_FIELD_LIMIT bytes or more, an op above 0x7fff, a key as long, or a
- * record larger than a batch message can hold. Tags travel as their low 16 bits and come
+ * HADRA_SDB_BATCH_FIELD_LIMIT bytes or more, an op from 0x8000 to 0xffff7fff (as for
+ * hadra_sdb_update_batch), a key as long, or a record larger than a batch message can hold. Tags travel as their low 16 bits and come
  * back on the standby widened with their sign (0x8001 arrives as 0xffff8001).
  */
 HADRA_API int hadra_msdb_update_batch(const hadra_ha_pss_entry *entry, const sdb_mkey_op *list, uint32_t count,

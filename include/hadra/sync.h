@@ -35,7 +35,7 @@ _Static_assert(sizeof(hadra_sync_hdr) == 12 && offsetof(hadra_sync_hdr, sync_opc
 
 #define HADRA_SYNC_HDR_LEN 12u
 #define HADRA_SYNC_MAX_LEN 65535u /* most key bytes, and most data bytes, of one message */
-#define HADRA_SYNC_PEER_ADDR 0xfe000000u /* MTS address of the peer supervisor */
+#define HADRA_SYNC_PEER_ADDR MTS_ADDR_PEER /* MTS address of the peer supervisor */
 
 /*
  * Send one change to the standby. entry names the database (only its index is read); key

@@ -22,14 +22,9 @@
 
 #include "hadra/export.h"
 
-#ifndef HADRA_DATUM_DEFINED
-#define HADRA_DATUM_DEFINED
-/* A byte string as the platform's PSS and SDB calls take it: pointer, then 32-bit length. */
-typedef struct datum {
-  void *dptr;     /* first byte; may be null when dsize is 0 */
-  uint32_t dsize; /* number of bytes */
-} datum;
-#endif
+/* datum (a pointer and a 32-bit length) and the SDB list records are the platform's; one
+   definition serves both libraries. */
+#include "hadra_platform/types.h"
 
 /* HA state of a registry entry. */
 enum {
@@ -48,8 +43,8 @@ enum { HADRA_DB_PSS = 0, HADRA_DB_SDB = 2 };
 #define HADRA_HA_FLAG_SNAPSHOT_YIELD 0x4u /* pss2_snapshot is bracketed by tsp_before/after_yield */
 
 /* Supervisor state as sysmgr_supstate_get() returns it; any other value means neither. */
-#define HADRA_SUP_ACTIVE 1
-#define HADRA_SUP_STANDBY 2
+#define HADRA_SUP_ACTIVE PLAT_SUP_ACTIVE
+#define HADRA_SUP_STANDBY PLAT_SUP_STANDBY
 
 /* History event code of every trace record of the library. */
 #define HADRA_HA_HIST_EVENT 0x730000u

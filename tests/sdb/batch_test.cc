@@ -158,3 +158,62 @@ TEST_F(SdbBatchTest, MalformedBatchesAreRefusedWithoutReadingPastThem) {
 }
 
 }  // namespace
+
+namespace {
+
+// Collects every batch the encoder hands out.
+struct Collect final : hadra::wire::BatchOut {
+  void flush(uint8_t* buf, uint32_t len) noexcept override { batches.emplace_back(buf, buf + len); }
+  std::vector<Bytes> batches;
+};
+
+// The ops the standby reads back from a batch.
+struct Ops final : hadra::wire::BatchSink {
+  void record(uint32_t, const hadra::wire::RecordView& r) noexcept override { ops.push_back(r.op); }
+  void skey(uint32_t, uint32_t, const hadra::wire::SkeyView&) noexcept override {}
+  std::vector<uint32_t> ops;
+};
+
+// An op travels as its low 16 bits and the standby widens them with their sign. Ops from
+// 0xffff8000 up come back as they left and are carried like any other op; those from 0x8000
+// to 0xffff7fff would arrive as another op and stay refused.
+TEST_F(SdbBatchTest, OpsThatWidenBackToThemselvesAreCarried) {
+  const std::vector<uint32_t> carried = {0, 1, 0x7fff, 0xffff8000u, 0xfffffffeu, 0xffffffffu};
+  std::vector<sdb_list_op> list;
+  std::vector<sdb_mkey_op> mlist;
+  for (uint32_t o : carried) {
+    list.push_back(op(o, "k" + std::to_string(list.size()), "v"));
+    mlist.push_back({list.back().key, list.back().data, nullptr, 0, o});
+  }
+  uint32_t bad = 0;
+  ASSERT_EQ(hadra::wire::unsendable(list.data(), list.size(), &bad), nullptr);
+  ASSERT_EQ(hadra::wire::unsendable(mlist.data(), mlist.size(), &bad), nullptr);
+
+  Bytes buf(HADRA_SDB_BATCH_BUF_SIZE);
+  for (bool msdb : {false, true}) {
+    Collect out;
+    if (msdb)
+      hadra::wire::encode_batches(buf.data(), mlist.data(), mlist.size(), &out);
+    else
+      hadra::wire::encode_batches(buf.data(), list.data(), list.size(), &out);
+    ASSERT_EQ(out.batches.size(), 1u);
+    Ops read;
+    ASSERT_TRUE(hadra::wire::walk_batch(out.batches[0].data(), out.batches[0].size(), msdb, &read));
+    EXPECT_EQ(read.ops, carried) << (msdb ? "MSDB" : "SDB");
+  }
+
+  for (uint32_t o : {0x8000u, 0xffffu, 0x10000u, 0xffff7fffu}) {
+    sdb_list_op e = op(o, "k");
+    sdb_mkey_op m{e.key, nullptr, nullptr, 0, o};
+    EXPECT_NE(hadra::wire::unsendable(&e, 1, &bad), nullptr) << std::hex << o;
+    EXPECT_NE(hadra::wire::unsendable(&m, 1, &bad), nullptr) << std::hex << o;
+  }
+
+  // The library refuses nothing more: the platform judges such an op itself.
+  sdb_list_op e = op(0xffffffffu, "k");
+  plat_trace_start();
+  (void)hadra_sdb_update_batch(sdb_, &e, 1, 1);
+  EXPECT_EQ(plat_trace_count("sdb_list_ops"), 1u);
+}
+
+}  // namespace

@@ -3,7 +3,7 @@
 // the create/delete notifications as the peer receives them (TLV payload, descriptor flags).
 #include <cerrno>
 
-#include "core/lifecycle_support.h"
+#include "support/stores.h"
 
 namespace {
 
@@ -143,6 +143,28 @@ TEST_F(SdbLifecycleTest, UriDestroyPicksTheCallByWhatIsStored) {
                                   "pss2_get_psstype"}));
   EXPECT_FALSE(hadra::test::exists_at("run:/file"));
   EXPECT_EQ(sdb_exists(sdb_->uri), 0);
+}
+
+}  // namespace
+
+namespace {
+
+// An SDB registered with update opcode 0 wants no update notifications: the platform refuses
+// to register opcode 0, so creation skips the registration instead of failing, and writes
+// complete without sending anything under opcode 0.
+TEST_F(SdbLifecycleTest, UpdateOpcodeZeroCreatesWithoutNotifications) {
+  hadra_ha_pss_entry* quiet = hadra_ha_register_sdb(4, "quiet", 0x521, 0);
+  ASSERT_NE(quiet, nullptr);
+  plat_test_sysmgr_set_supstate(1);
+  plat_trace_start();
+  ASSERT_EQ(hadra_ha_db_start(quiet), 1);
+  EXPECT_EQ(quiet->state, HADRA_HA_ACTIVE);
+  EXPECT_EQ(plat_trace_count("sdb_register"), 0u);
+  take_sent();  // the create notification
+  quiet->no_sync = 1;
+  ASSERT_EQ(hadra_sdb_update(quiet, "k", 1, "v", 1, 1), 1);
+  EXPECT_EQ(plat_trace_count("sdb_write_done"), 1u);
+  EXPECT_TRUE(take_sent().empty());
 }
 
 }  // namespace

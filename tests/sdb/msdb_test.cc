@@ -51,9 +51,9 @@ TEST_F(MsdbBatchTest, RecordsAreLaidOutByteForByte) {
 }
 
 // Reads a batch back the way the standby does, keeping the tags it hands on.
-struct TagSink final : hadra::sdb::BatchSink {
-  void record(uint32_t, const hadra::sdb::RecordView&) noexcept override {}
-  void skey(uint32_t, uint32_t, const hadra::sdb::SkeyView& s) noexcept override { tags.push_back(s.tag); }
+struct TagSink final : hadra::wire::BatchSink {
+  void record(uint32_t, const hadra::wire::RecordView&) noexcept override {}
+  void skey(uint32_t, uint32_t, const hadra::wire::SkeyView& s) noexcept override { tags.push_back(s.tag); }
   std::vector<uint32_t> tags;
 };
 
@@ -69,7 +69,7 @@ TEST_F(MsdbBatchTest, StandbyEndsWithTheSameRecordsSecondaryKeysAndTags) {
   ASSERT_EQ(msgs.size(), 2u);  // the second 30 kB value did not fit after the first
 
   TagSink tags;
-  ASSERT_TRUE(hadra::sdb::walk_batch(msgs[0].data() + 12, static_cast<uint32_t>(msgs[0].size() - 12), true, &tags));
+  ASSERT_TRUE(hadra::wire::walk_batch(msgs[0].data() + 12, static_cast<uint32_t>(msgs[0].size() - 12), true, &tags));
   EXPECT_EQ(tags.tags, (std::vector<uint32_t>{0x1234, 0xffff8001, 0xffff8001}));
 
   plat_test_sysmgr_set_supstate(2);

@@ -24,16 +24,7 @@
 #define PLAT_PRINTF(f, a)
 #endif
 
-#include <stddef.h>
-#include <stdint.h>
-
-#ifndef HADRA_DATUM_DEFINED
-#define HADRA_DATUM_DEFINED
-/* A byte string as the PSS and SDB calls take it: pointer, then 32-bit length. */
-typedef struct datum {
-  void *dptr;
-  uint32_t dsize;
-} datum;
-#endif
+/* datum and the other records shared with the HA library. */
+#include "hadra_platform/types.h"
 
 #endif

@@ -44,6 +44,7 @@
 
 #include "hadra_platform/errors.h"
 #include "hadra_platform/plat_export.h"
+#include "hadra_platform/types.h"
 
 PLAT_EXTERN_C_BEGIN
 
@@ -55,9 +56,7 @@ PLAT_EXTERN_C_BEGIN
 #define SDB_OPEN_READ 0x1u
 #define SDB_OPEN_RW 0x3u
 
-/* Operations of sdb_list_op.op and sdb_mkey_op.op. */
-#define SDB_OP_WRITE 0u  /* write the record (value, and for an MSDB its secondary keys) */
-#define SDB_OP_DELETE 1u /* delete the record and its secondary keys; a missing key is no error */
+/* Operations of sdb_list_op.op and sdb_mkey_op.op: SDB_OP_WRITE, SDB_OP_DELETE (types.h). */
 
 /* Largest key in bytes (primary keys; a secondary key may have at most SDB_KEY_MAX - 2). */
 #define SDB_KEY_MAX 511u
@@ -69,51 +68,8 @@ PLAT_EXTERN_C_BEGIN
 #define SDB_CONTEXT_MAX 100u /* size of the buffer callers hand to sdb_set_context */
 #define SDB_CONTEXT_LEN 32u  /* length of the context this platform writes */
 
-/* Create/delete notification types (sdb_create_del_msg.type). */
-#define SDB_NOTIFY_CREATE 1u
-#define SDB_NOTIFY_DELETE 2u
-
-#ifndef HADRA_SDB_LIST_TYPES_DEFINED
-#define HADRA_SDB_LIST_TYPES_DEFINED
-/*
- * The list records below are shared with the HA library, which declares the same records
- * under the same guard; their layout must not change.
- */
-
-/* Entry of sdb_write_list: one record to write. */
-typedef struct sdb_kv {
-  datum *key;  /* the record's key */
-  datum *data; /* its value */
-} sdb_kv;
-
-/* Entry of sdb_list_ops: one operation. */
-typedef struct sdb_list_op {
-  uint32_t op; /* SDB_OP_WRITE or SDB_OP_DELETE */
-  datum *key;  /* the record's key */
-  datum *data; /* its value; read only for SDB_OP_WRITE */
-} sdb_list_op;
-
-/* A secondary key of an MSDB record. */
-typedef struct sdb_skey {
-  datum *skey;  /* the secondary key's bytes (1 to SDB_KEY_MAX - 2) */
-  uint32_t tag; /* names the index the key belongs to; only the low 16 bits count */
-} sdb_skey;
-
-/* Entry of sdb_write_mkey_list: one MSDB operation. */
-typedef struct sdb_mkey_op {
-  datum *key;         /* the primary key */
-  datum *data;        /* the value; null writes an empty value */
-  sdb_skey *skeys;    /* the record's secondary keys (SDB_OP_WRITE); may be null when skey_count is 0 */
-  int32_t skey_count; /* number of elements of skeys; must not be negative */
-  uint32_t op;        /* SDB_OP_WRITE or SDB_OP_DELETE */
-} sdb_mkey_op;
-
-/* The record handed to the create/delete notification TLV encoder. */
-typedef struct sdb_create_del_msg {
-  uint32_t type;   /* SDB_NOTIFY_CREATE or SDB_NOTIFY_DELETE */
-  const char *uri; /* the SDB's URI, NUL-terminated, shorter than 256 bytes */
-} sdb_create_del_msg;
-#endif
+/* Create/delete notification types: SDB_NOTIFY_CREATE, SDB_NOTIFY_DELETE (types.h). The list
+   records (sdb_kv, sdb_list_op, sdb_skey, sdb_mkey_op, sdb_create_del_msg) are in types.h. */
 
 /*
  * The update-notification context as sdb_context_parse gives it back. On the wire it is
@@ -361,28 +317,10 @@ HADRA_PLAT_API uint32_t fu_sdb_create_del_msg_from_tlv(const void *buf, uint32_t
 #else
 #define HADRA_SDB_STATIC_ASSERT _Static_assert
 #endif
-#define HADRA_SDB_P sizeof(void *)
-HADRA_SDB_STATIC_ASSERT(HADRA_SDB_P == 4 || HADRA_SDB_P == 8, "pointers are 32 or 64 bits");
-HADRA_SDB_STATIC_ASSERT(sizeof(sdb_kv) == 2 * HADRA_SDB_P && offsetof(sdb_kv, data) == HADRA_SDB_P,
-                        "sdb_kv layout");
-HADRA_SDB_STATIC_ASSERT(offsetof(sdb_list_op, op) == 0 && offsetof(sdb_list_op, key) == HADRA_SDB_P &&
-                            offsetof(sdb_list_op, data) == 2 * HADRA_SDB_P && sizeof(sdb_list_op) == 3 * HADRA_SDB_P,
-                        "sdb_list_op layout");
-HADRA_SDB_STATIC_ASSERT(offsetof(sdb_skey, tag) == HADRA_SDB_P && sizeof(sdb_skey) == 2 * HADRA_SDB_P,
-                        "sdb_skey layout");
-HADRA_SDB_STATIC_ASSERT(offsetof(sdb_mkey_op, data) == HADRA_SDB_P && offsetof(sdb_mkey_op, skeys) == 2 * HADRA_SDB_P &&
-                            offsetof(sdb_mkey_op, skey_count) == 3 * HADRA_SDB_P &&
-                            offsetof(sdb_mkey_op, op) == 3 * HADRA_SDB_P + 4 &&
-                            sizeof(sdb_mkey_op) == 3 * HADRA_SDB_P + 8,
-                        "sdb_mkey_op layout");
-HADRA_SDB_STATIC_ASSERT(offsetof(sdb_create_del_msg, uri) == HADRA_SDB_P &&
-                            sizeof(sdb_create_del_msg) == 2 * HADRA_SDB_P,
-                        "sdb_create_del_msg layout");
 HADRA_SDB_STATIC_ASSERT(sizeof(sdb_context) == SDB_CONTEXT_LEN && offsetof(sdb_context, generation) == 8 &&
                             offsetof(sdb_context, reserved) == 28,
                         "sdb_context layout");
 HADRA_SDB_STATIC_ASSERT(SDB_CONTEXT_LEN <= SDB_CONTEXT_MAX, "context fits the callers' buffer");
-#undef HADRA_SDB_P
 #undef HADRA_SDB_STATIC_ASSERT
 
 PLAT_EXTERN_C_END

@@ -1,6 +1,6 @@
 // Whole PSS files on real files: creation under its size limit (undone when the limit cannot
 // be set) and copies that take the source's parameters and leave no handle of their own open.
-#include "core/lifecycle_support.h"
+#include "support/stores.h"
 
 namespace {
 

@@ -13,51 +13,52 @@
 //
 // Nothing here reports: the close, destroy and sync steps report their own failures, and
 // none of them stops the disabling. The entry ends disabled in every case.
-#include <cstring>
-
 #include "core/diag.h"
 #include "core/registry.h"
 #include "hadra/lifecycle.h"
-#include "hadra/sync.h"
+#include "lifecycle/lifecycle.h"
+#include "pss/life.h"
+#include "sdb/lifecycle.h"
+#include "sync/apply.h"
 
-namespace hadra {
-namespace {
-
-void disable_pss(hadra_ha_pss_entry &entry) noexcept {
-  hadra_pss_close(entry.pss_handle);
-  hadra_destroy_uri(entry.uri);
-  hadra_ha_sync(&entry, nullptr, nullptr, HADRA_SYNC_PSS_DESTROY);
-  entry.pss_handle = 0;
-}
-
-void disable_sdb(hadra_ha_pss_entry &entry) noexcept {
-  hadra_sdb_destroy(&entry);
-  hadra_ha_sync(&entry, nullptr, nullptr, HADRA_SYNC_SDB_DESTROY);
-}
+namespace hadra::lifecycle {
 
 void disable(hadra_ha_pss_entry &entry) noexcept {
   if (entry.state == HADRA_HA_DISABLE) return;
   HADRA_DBG("Disabling PSS %s\n", entry.uri);
   if (entry.db_type == HADRA_DB_PSS)
-    disable_pss(entry);
+    pss::disable(entry);
   else if (entry.db_type == HADRA_DB_SDB)
-    disable_sdb(entry);
-  entry.state = HADRA_HA_DISABLE;
-  std::memset(entry.uri, 0, sizeof entry.uri);
+    sdb::disable(entry);
+  mark_disabled(entry);
 }
 
+void disable_all() noexcept {
+  HADRA_DBG("Disabling all PSS databases\n");
+  for (hadra_ha_pss_entry &entry : registry_entries()) disable(entry);
+}
+
+namespace {
+
+// PSS_DESTROY and SDB_DESTROY end the standby's copy as the active ended its own: the whole
+// disabling, whose sync sends nothing on the standby.
+int apply_destroy(const sync::Change &c) noexcept {
+  disable(*c.entry);
+  return 1;
+}
+
+HADRA_SYNC_APPLIER(HADRA_SYNC_PSS_DESTROY, sync::Target::kPssFile, apply_destroy, sync::Callback::kNone);
+HADRA_SYNC_APPLIER(HADRA_SYNC_SDB_DESTROY, sync::Target::kSdb, apply_destroy, sync::Callback::kNone);
+
 }  // namespace
-}  // namespace hadra
+}  // namespace hadra::lifecycle
 
 extern "C" {
 
 HADRA_API void hadra_ha_disable(hadra_ha_pss_entry *entry) noexcept {
-  if (entry != nullptr) hadra::disable(*entry);
+  if (entry != nullptr) hadra::lifecycle::disable(*entry);
 }
 
-HADRA_API void hadra_ha_disable_all(void) noexcept {
-  HADRA_DBG("Disabling all PSS databases\n");
-  for (hadra_ha_pss_entry &entry : hadra::registry_entries()) hadra::disable(entry);
-}
+HADRA_API void hadra_ha_disable_all(void) noexcept { hadra::lifecycle::disable_all(); }
 
 }  // extern "C"

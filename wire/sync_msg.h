@@ -1,6 +1,7 @@
-// Encoding and decoding of the sync message: the 12-byte header (big-endian) and the
-// little-endian fields of batch records. Shared by the sender, the batch builders and the
-// standby side.
+// The wire format of a sync message: the 12-byte header (big-endian) and the byte-order
+// helpers of batch records. The bottom of the library: it includes nothing of the library but
+// the public headers, and the sender, the dispatcher and the batch codec all encode and decode
+// through it.
 //
 // Message layout (payload of one MTS message under the client's sync opcode):
 //
@@ -22,7 +23,7 @@
 
 #include "hadra/sync.h"
 
-namespace hadra::sync {
+namespace hadra::wire {
 
 inline void put_be16(uint8_t* p, uint32_t v) noexcept {
   p[0] = static_cast<uint8_t>(v >> 8);
@@ -65,6 +66,12 @@ inline hadra_sync_hdr make_hdr(uint8_t index, uint32_t key_len, uint32_t data_le
   return h;
 }
 
+// The data_len field of the header that precedes payload + 12 (for instance a batch handed
+// on by itself, whose length only its header knows).
+inline uint32_t data_len_before(const void* after_header) noexcept {
+  return get_be16(static_cast<const uint8_t*>(after_header) - HADRA_SYNC_HDR_LEN + 4);
+}
+
 // A received sync message, its parts located inside the payload.
 struct Decoded {
   uint8_t db_index;
@@ -101,4 +108,4 @@ inline const char* opcode_report_text(uint32_t opcode) noexcept {
   return opcode < sizeof kText / sizeof kText[0] ? kText[opcode] : nullptr;
 }
 
-}  // namespace hadra::sync
+}  // namespace hadra::wire

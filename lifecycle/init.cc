@@ -27,8 +27,10 @@
 #include "hadra/lifecycle.h"
 #include "hadra_platform/strutil.h"
 #include "hadra_platform/sysmgr.h"
+#include "lifecycle/lifecycle.h"
+#include "pss/file.h"
 
-namespace hadra {
+namespace hadra::lifecycle {
 namespace {
 
 constexpr uint32_t kSeqnoTableEntries = HADRA_HA_MAX_DB;
@@ -52,10 +54,10 @@ void copy_record(const hadra_ha_handle_t &r) noexcept {
 
 // One registered database at initialisation; false when it had to be started and could not.
 bool bring_up(hadra_ha_pss_entry &e) noexcept {
-  if (sysmgr_supstate_get() == HADRA_SUP_ACTIVE || e.no_sync != 0) return hadra_ha_db_start(&e) != 0;
+  if (sysmgr_supstate_get() == HADRA_SUP_ACTIVE || e.no_sync != 0) return db_start(e) != 0;
   // The standby's copy of a synced database is worthless until gsync replaces it; removing
   // it now keeps a stale copy from ever being read.
-  if (sysmgr_supstate_get() == HADRA_SUP_STANDBY) hadra_destroy_uri(e.uri);
+  if (sysmgr_supstate_get() == HADRA_SUP_STANDBY) pss::destroy_uri_told(e.uri);
   return true;
 }
 
@@ -77,7 +79,7 @@ int api_init(const hadra_ha_handle_t *record) noexcept {
     ++count;
     if (e.no_sync == 0) sync_wanted = true;
     if (!bring_up(e)) {
-      hadra_ha_disable_all();
+      disable_all();
       return 0;
     }
   }
@@ -97,8 +99,8 @@ int no_gsync_init(const hadra_ha_handle_t *record) noexcept {
   hadra_no_pss_sync = 1;
   for (hadra_ha_pss_entry &e : registry_entries()) {
     if (!entry_in_use(e)) continue;
-    if (hadra_ha_db_start(&e) == 0) {
-      hadra_ha_disable_all();
+    if (db_start(e) == 0) {
+      disable_all();
       return 0;
     }
     e.no_sync = hadra_no_pss_sync;
@@ -108,19 +110,19 @@ int no_gsync_init(const hadra_ha_handle_t *record) noexcept {
 }
 
 }  // namespace
-}  // namespace hadra
+}  // namespace hadra::lifecycle
 
 extern "C" {
 
-HADRA_API int hadra_ha_api_init(const hadra_ha_handle_t *record) noexcept { return hadra::api_init(record); }
+HADRA_API int hadra_ha_api_init(const hadra_ha_handle_t *record) noexcept { return hadra::lifecycle::api_init(record); }
 
 HADRA_API int hadra_ha_no_gsync_api_init(const hadra_ha_handle_t *record) noexcept {
-  return hadra::no_gsync_init(record);
+  return hadra::lifecycle::no_gsync_init(record);
 }
 
 HADRA_API void hadra_ha_api_close(void) noexcept {
   HADRA_DBG("Closing hadra HA libary api\n");
-  hadra_ha_disable_all();
+  hadra::lifecycle::disable_all();
   std::memset(&hadra_ha_handle, 0, sizeof hadra_ha_handle);
 }
 

@@ -1,17 +1,19 @@
-// Whole PSS files: probe, create, open, close, copy into a new file, destroy by URI.
+// Whole PSS files: probe, create, open, close, copy into a new file, and destroying whatever
+// is stored at a URI.
 //
 // These are the building blocks of start-up, disabling, the gsync snapshot and the
 // configuration write. Each failure is told where it happens: a debug line (only while a
 // debug switch is on) and, where the operator must know, an error report with the URI and
 // the platform's text for the error.
-#include "core/pss_file.h"
+#include "pss/file.h"
 
 #include "core/diag.h"
 #include "core/handle.h"
 #include "hadra_platform/strutil.h"
+#include "hadra_platform/sdb.h"
 #include "hadra_platform/tsp.h"
 
-namespace hadra {
+namespace hadra::pss {
 namespace {
 
 // Platform text of an error code; never null, so that it can go to a "%s" whatever the
@@ -21,22 +23,10 @@ const char *err_text(uint32_t code) noexcept {
   return t != nullptr ? t : "unknown error";
 }
 
-int pss_open(const char *uri, uint32_t *out_handle) noexcept {
-  if (uri == nullptr || out_handle == nullptr) return 0;
-  uint32_t error = 0;
-  *out_handle = pss2_open(uri, PSS2_OPEN_FLAGS_OPEN, hadra_ha_handle.uuid, 0, nullptr, &error);
-  if (error == 0) return 1;
-  if (report_wanted(msg_error_HADRA_PSS_OPEN)) report(msg_error_HADRA_PSS_OPEN, uri, err_text(error));
-  return 0;
-}
-
-int pss_close(uint32_t handle) noexcept {
-  if (handle == 0) return 0;
-  const uint32_t error = pss2_close(handle);
-  if (error == 0) return 1;
-  HADRA_DBG("pss hadra_pss_close failed : %s\n", err_text(error));
-  if (report_wanted(msg_error_HADRA_PSS_CLOSE)) report(msg_error_HADRA_PSS_CLOSE, err_text(error));
-  return 0;
+// The SDB layer's text, as the SDB code words its destroy failures.
+const char *sdb_err_text(uint32_t code) noexcept {
+  const char *t = syserr2str(code);
+  return t != nullptr ? t : "unknown error";
 }
 
 // A file whose size limit cannot be set is taken away again: left behind it would be an
@@ -45,12 +35,40 @@ int undo_create(const char *uri, uint32_t handle, uint32_t error) noexcept {
   HADRA_DBG("pss hadra_pss_create pss2_set_max_dbsize failed: %s\n", err_text(error));
   if (report_wanted(msg_error_HADRA_PSS_SET_DBSIZE))
     report(msg_error_HADRA_PSS_SET_DBSIZE, HADRA_PSS_MAX_DBSIZE, uri, err_text(error));
-  pss_close(handle);
-  hadra_destroy_uri(uri);
+  close(handle);
+  destroy_uri_told(uri);
   return 0;
 }
 
-int pss_create(const char *uri, const pss2_params *params, uint32_t *out_handle) noexcept {
+uint32_t timed_snapshot(uint32_t source_handle, uint32_t dest_handle) noexcept {
+  const bool yield = handle_flag(HADRA_HA_FLAG_SNAPSHOT_YIELD);
+  if (yield) tsp_before_yield();
+  const uint32_t error = pss2_snapshot(source_handle, dest_handle);
+  if (yield) tsp_after_yield();
+  return error;
+}
+
+}  // namespace
+
+int open(const char *uri, uint32_t *out_handle) noexcept {
+  if (uri == nullptr || out_handle == nullptr) return 0;
+  uint32_t error = 0;
+  *out_handle = pss2_open(uri, PSS2_OPEN_FLAGS_OPEN, hadra_ha_handle.uuid, 0, nullptr, &error);
+  if (error == 0) return 1;
+  if (report_wanted(msg_error_HADRA_PSS_OPEN)) report(msg_error_HADRA_PSS_OPEN, uri, err_text(error));
+  return 0;
+}
+
+int close(uint32_t handle) noexcept {
+  if (handle == 0) return 0;
+  const uint32_t error = pss2_close(handle);
+  if (error == 0) return 1;
+  HADRA_DBG("pss hadra_pss_close failed : %s\n", err_text(error));
+  if (report_wanted(msg_error_HADRA_PSS_CLOSE)) report(msg_error_HADRA_PSS_CLOSE, err_text(error));
+  return 0;
+}
+
+int create(const char *uri, const pss2_params *params, uint32_t *out_handle) noexcept {
   if (uri == nullptr || out_handle == nullptr) {
     HADRA_DBG("pss hadra_pss_create invalid handle: %d, uri: %s\n",
               out_handle != nullptr ? static_cast<int>(*out_handle) : 0, uri_text(uri));
@@ -69,14 +87,6 @@ int pss_create(const char *uri, const pss2_params *params, uint32_t *out_handle)
   return 1;
 }
 
-uint32_t timed_snapshot(uint32_t source_handle, uint32_t dest_handle) noexcept {
-  const bool yield = handle_flag(HADRA_HA_FLAG_SNAPSHOT_YIELD);
-  if (yield) tsp_before_yield();
-  const uint32_t error = pss2_snapshot(source_handle, dest_handle);
-  if (yield) tsp_after_yield();
-  return error;
-}
-
 int snapshot_to_uri(uint32_t source_handle, const char *dest_uri) noexcept {
   pss2_params params = initial_copy_params();
   if (source_handle == 0 || dest_uri == nullptr) {
@@ -90,36 +100,25 @@ int snapshot_to_uri(uint32_t source_handle, const char *dest_uri) noexcept {
     return 0;
   }
   uint32_t dest_handle = 0;
-  if (pss_create(dest_uri, &params, &dest_handle) == 0) {
+  if (create(dest_uri, &params, &dest_handle) == 0) {
     HADRA_DBG("pss hadra_pss_create failed: dest_uri: %s, dest_handle: %d\n", dest_uri,
               static_cast<int>(dest_handle));
     return 0;
   }
   error = timed_snapshot(source_handle, dest_handle);
   if (error == 0) {
-    pss_close(dest_handle);
+    close(dest_handle);
     return 1;
   }
   HADRA_DBG("pss pss2_snapshot failed : %s\n", err_text(error));
   if (report_wanted(msg_error_HADRA_PSS_SNAPSHOT)) report(msg_error_HADRA_PSS_SNAPSHOT, dest_uri, err_text(error));
   // Closed on failure too: the handle is known only here, and an open handle would keep
   // the file's environment open for the life of the process.
-  pss_close(dest_handle);
+  close(dest_handle);
   return 0;
 }
 
-}  // namespace
-
-void pss_release_handle(uint32_t &handle) noexcept {
-  if (handle != 0) (void)pss2_close(handle);
-  handle = 0;
-}
-
-}  // namespace hadra
-
-extern "C" {
-
-HADRA_API int hadra_pss_exist(const char *uri, uint32_t uuid) noexcept {
+int exist(const char *uri, uint32_t uuid) noexcept {
   if (uri == nullptr) return 0;
   uint32_t error = 0;
   const uint32_t handle = pss2_open(uri, PSS2_OPEN_FLAGS_PROBE, uuid, 0, nullptr, &error);
@@ -129,22 +128,66 @@ HADRA_API int hadra_pss_exist(const char *uri, uint32_t uuid) noexcept {
   return error == 0 ? 1 : 0;
 }
 
+int destroy_uri(const char *uri) noexcept {
+  if (uri == nullptr) {
+    HADRA_DBG("ERROR: hadra sdb destroy uri is null");
+    return 0;
+  }
+  uint32_t other = 0;
+  uint32_t rc = 0;
+  const uint32_t type = pss2_get_psstype(uri, &other, &rc);
+  if (rc != 0) {
+    HADRA_DBG("ERROR: pss get type failed for %s uri with rc=%s\n", uri, sdb_err_text(rc));
+    return 0;
+  }
+  if (type == PSS2_TYPE_PSS2) {
+    rc = pss2_destroy(uri);
+    if (rc != 0) {
+      HADRA_DBG("ERROR: pss2(type %d) %s destroy failed with rc=%s\n", static_cast<int>(PSS2_TYPE_PSS2), uri,
+                sdb_err_text(rc));
+      return 0;
+    }
+    return 1;
+  }
+  rc = sdb_destroy(uri);
+  if (rc != 0) {
+    HADRA_DBG("ERROR: sdb(type %d) %s destroy failed with rc=%s\n", static_cast<int>(type), uri, sdb_err_text(rc));
+    return 0;
+  }
+  return 1;
+}
+
+void destroy_uri_told(const char *uri) noexcept {
+  if (uri != nullptr && destroy_uri(uri) != 0) HADRA_DBG("Destroyed %s\n", uri);
+}
+
+void release_handle(uint32_t &handle) noexcept {
+  if (handle != 0) (void)pss2_close(handle);
+  handle = 0;
+}
+
+}  // namespace hadra::pss
+
+extern "C" {
+
+HADRA_API int hadra_pss_exist(const char *uri, uint32_t uuid) noexcept { return hadra::pss::exist(uri, uuid); }
+
 HADRA_API int hadra_pss_create(const char *uri, const pss2_params *params, uint32_t *out_handle) noexcept {
-  return hadra::pss_create(uri, params, out_handle);
+  return hadra::pss::create(uri, params, out_handle);
 }
 
 HADRA_API int hadra_pss_open(const char *uri, uint32_t *out_handle) noexcept {
-  return hadra::pss_open(uri, out_handle);
+  return hadra::pss::open(uri, out_handle);
 }
 
-HADRA_API int hadra_pss_close(uint32_t handle) noexcept { return hadra::pss_close(handle); }
+HADRA_API int hadra_pss_close(uint32_t handle) noexcept { return hadra::pss::close(handle); }
 
 HADRA_API int hadra_pss_snapshot_to_uri(uint32_t source_handle, const char *dest_uri) noexcept {
-  return hadra::snapshot_to_uri(source_handle, dest_uri);
+  return hadra::pss::snapshot_to_uri(source_handle, dest_uri);
 }
 
-HADRA_API void hadra_destroy_uri(const char *uri) noexcept {
-  if (uri != nullptr && hadra_sdb_uri_destroy(uri) != 0) HADRA_DBG("Destroyed %s\n", uri);
-}
+HADRA_API void hadra_destroy_uri(const char *uri) noexcept { hadra::pss::destroy_uri_told(uri); }
+
+HADRA_API int hadra_sdb_uri_destroy(const char *uri) noexcept { return hadra::pss::destroy_uri(uri); }
 
 }  // extern "C"

@@ -5,7 +5,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "core/lifecycle_support.h"
+#include "support/stores.h"
 
 namespace {
 

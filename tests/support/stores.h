@@ -1,4 +1,4 @@
-// Helpers of the lifecycle tests: real stores under the platform root and the files this
+// Helpers of the store and lifecycle tests: real stores under the platform root and the files this
 // process still holds open.
 #pragma once
 

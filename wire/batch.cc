@@ -1,32 +1,13 @@
 // Batch packing for the sender and the bounded batch reader for the standby (layout and
 // rules in batch.h).
-#include "sdb/batch.h"
+#include "wire/batch.h"
 
-#include <cstdlib>
 #include <cstring>
 
-#include "core/reset.h"
-#include "hadra/sync.h"
-#include "hadra_platform/log.h"
-#include "sync/msg.h"
+#include "wire/sync_msg.h"
 
-HADRA_API uint8_t* hadra_sdb_sync_buf = nullptr;
-HADRA_API uint8_t* hadra_msdb_sync_buf = nullptr;
-
-namespace hadra::sdb {
+namespace hadra::wire {
 namespace {
-
-using sync::get_le16;
-using sync::get_le32;
-using sync::put_le16;
-using sync::put_le32;
-
-// The buffer lives for the life of the process; tests return the library to its load state.
-void reset_batch_buffer() noexcept {
-  std::free(hadra_sdb_sync_buf);
-  hadra_sdb_sync_buf = nullptr;
-}
-HADRA_RESET_HOOK(reset_batch_buffer);
 
 uint32_t len_of(const datum* d) noexcept { return d != nullptr ? d->dsize : 0; }
 
@@ -35,7 +16,7 @@ bool readable(const datum* d) noexcept { return d != nullptr && (d->dsize == 0 |
 
 // What every record kind shares: a key the encoder can copy and the standby read back.
 const char* key_problem(uint32_t op, const datum* key) noexcept {
-  if (op >= kOpLimit) return "operation above 0x7fff";
+  if (!op_survives_wire(op)) return "operation from 0x8000 to 0xffff7fff";
   if (!readable(key)) return "missing key";
   if (key->dsize >= kFieldLimit) return "key of 32768 bytes or more";
   return nullptr;
@@ -80,12 +61,11 @@ const char* first_problem(const Op* list, uint32_t count, uint32_t* bad) noexcep
   return nullptr;
 }
 
-// Appends records to the batch buffer and sends it whenever the next record does not fit.
+// Appends records to the batch buffer and flushes it whenever the next record does not fit.
 // Every record was checked against kBatchRecordRoom, so an empty buffer always has room.
 class BatchWriter {
  public:
-  BatchWriter(const hadra_ha_pss_entry* entry, uint8_t* buf, uint32_t opcode) noexcept
-      : entry_(entry), buf_(buf), opcode_(opcode) {}
+  BatchWriter(uint8_t* buf, BatchOut* out) noexcept : buf_(buf), out_(out) {}
 
   // Starts a new message first when a record of need bytes does not fit what is left.
   // False (the record must be dropped) only if it cannot fit even an empty buffer.
@@ -113,15 +93,13 @@ class BatchWriter {
  private:
   void send() noexcept {
     put_le32(buf_, count_);
-    datum data{buf_, fill_};
-    (void)hadra_ha_sync(entry_, nullptr, &data, opcode_);
+    out_->flush(buf_, fill_);
     count_ = 0;
     fill_ = kBatchCountLen;
   }
 
-  const hadra_ha_pss_entry* entry_;
   uint8_t* buf_;
-  uint32_t opcode_;
+  BatchOut* out_;
   uint32_t count_ = 0;
   uint32_t fill_ = kBatchCountLen;
 };
@@ -204,16 +182,8 @@ const char* unsendable(const sdb_mkey_op* list, uint32_t count, uint32_t* bad) n
   return first_problem(list, count, bad);
 }
 
-uint8_t* batch_buffer(const char* step) noexcept {
-  if (hadra_sdb_sync_buf == nullptr) {
-    hadra_sdb_sync_buf = static_cast<uint8_t*>(std::malloc(kBatchBufSize));
-    if (hadra_sdb_sync_buf == nullptr) plat_syslog(2, "malloc failed in %s", step);
-  }
-  return hadra_sdb_sync_buf;
-}
-
-void send_batches(const hadra_ha_pss_entry* entry, uint8_t* buf, const sdb_list_op* list, uint32_t count) noexcept {
-  BatchWriter w(entry, buf, HADRA_SYNC_SDB_BATCH_UPDATE);
+void encode_batches(uint8_t* buf, const sdb_list_op* list, uint32_t count, BatchOut* out) noexcept {
+  BatchWriter w(buf, out);
   for (uint32_t i = 0; i < count; ++i) {
     const sdb_list_op& e = list[i];
     if (!w.begin_record(record_size(e))) continue;
@@ -229,8 +199,8 @@ void send_batches(const hadra_ha_pss_entry* entry, uint8_t* buf, const sdb_list_
   w.finish();
 }
 
-void send_batches(const hadra_ha_pss_entry* entry, uint8_t* buf, const sdb_mkey_op* list, uint32_t count) noexcept {
-  BatchWriter w(entry, buf, HADRA_SYNC_MSDB_BATCH_UPDATE);
+void encode_batches(uint8_t* buf, const sdb_mkey_op* list, uint32_t count, BatchOut* out) noexcept {
+  BatchWriter w(buf, out);
   for (uint32_t i = 0; i < count; ++i) {
     const sdb_mkey_op& e = list[i];
     if (!w.begin_record(record_size(e))) continue;
@@ -270,4 +240,4 @@ bool walk_batch(const uint8_t* batch, uint32_t len, bool msdb, BatchSink* sink) 
   return in.at_end();
 }
 
-}  // namespace hadra::sdb
+}  // namespace hadra::wire

@@ -3,7 +3,7 @@
 // open. The fault loop fails each platform call of each start-up in turn.
 #include <cerrno>
 
-#include "core/lifecycle_support.h"
+#include "support/stores.h"
 
 namespace {
 
