@@ -1,0 +1,54 @@
+// The daemon client inside a service process: state shared by the link (client.cc) and the
+// receive-loop helper (rx.cc).
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <mutex>
+#include <string>
+
+#include "hadra_platform/mts.h"
+#include "sysmgr/proto.h"
+
+namespace hadra::plat::sysmgr::client {
+
+// Where the gsync of this service stands, as the receive loop must know it.
+struct GsyncView {
+  bool pending = false;  // asked for, neither ready nor failed yet: hold sync messages
+  bool covered = false;  // a snapshot point is known: drop what it already holds
+  uint64_t point = 0;
+  uint32_t epoch = 0;
+  bool overflowed = false;  // more arrived than could be held
+};
+
+struct State {
+  std::mutex mu;
+  bool configured = false;
+  bool daemon_mode = false;
+  uint32_t sap = 0;
+  uint32_t uuid = 0;
+  std::string name;
+  bool attached = false;
+  proto::SvcFacts facts;
+  bool facts_known = false;
+  GsyncView gsync;
+  std::deque<mts_msg_ref> held;    // sync messages held during a gsync, in arrival order
+  std::deque<mts_msg_ref> replay;  // released by gsync ready, not yet dispatched
+};
+
+State& state() noexcept;
+// Reads SYSMGR (and TRANSPORT) once per reset; true when the daemon serves this process.
+bool daemon_mode() noexcept;
+// True when a daemon holds the lock of this supervisor's root.
+bool daemon_running() noexcept;
+// Send a message of the system-manager set from this service's SAP to the local daemon,
+// without waiting for queue room. 0, or PLAT_ERR_SYSMGR_NO_DAEMON (logged with the cause).
+int send_to_daemon(uint32_t opcode, const std::vector<uint8_t>& payload) noexcept;
+
+// The table of what this process applied per registry index (a file the daemon reads,
+// like the sequence-number table): reset to the snapshot's counts at gsync ready, advanced
+// by every applied sync message.
+void applied_reset(const proto::IndexCount (&at)[proto::kMaxIndex + 1]) noexcept;
+void applied_note(uint32_t index, uint64_t seqno) noexcept;
+
+}  // namespace hadra::plat::sysmgr::client
