@@ -200,8 +200,9 @@ enum class EventKind : uint8_t {
   kActiveMarker = 5,
   kSwitchoverDone = 6,
   kCfgWrite = 7,
+  kGsyncStart = 8,  // the daemon wants this service rebuilt: it asks for a gsync itself
 };
-constexpr bool valid_event(uint8_t k) { return k >= 1 && k <= 7; }
+constexpr bool valid_event(uint8_t k) { return k >= 1 && k <= 8; }
 
 struct Event {
   EventKind kind = EventKind::kGsyncSnapshot;
@@ -424,12 +425,18 @@ inline bool decode(const void* p, size_t n, GsyncReq* m) {
   return r.u32(&m->uuid) && r.u32(&m->xfer) && r.done();
 }
 
-// A file name in an area: one plain path segment, never "." or "..", no '/' and no NUL.
+// A file's path in an area, relative to it: segments of at most 200 bytes joined by '/',
+// none empty, "." or "..", no NUL; at most 400 bytes in all.
 inline bool valid_file_name(std::string_view s) {
-  if (s.empty() || s.size() > 200 || s == "." || s == "..") return false;
-  for (char c : s)
-    if (c == '/' || c == '\0') return false;
-  return true;
+  if (s.empty() || s.size() > 400) return false;
+  while (true) {
+    const size_t slash = s.find('/');
+    const std::string_view seg = s.substr(0, slash);
+    if (seg.empty() || seg.size() > 200 || seg == "." || seg == ".." || seg.find('\0') != std::string_view::npos)
+      return false;
+    if (slash == std::string_view::npos) return true;
+    s = s.substr(slash + 1);
+  }
 }
 
 inline std::vector<uint8_t> encode(const FileData& m) {

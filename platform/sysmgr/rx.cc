@@ -161,6 +161,9 @@ bool on_event(const mts_msg_ref& ref, const proto::Event& ev) {
     case proto::EventKind::kSwitchoverDone:
       (void)lib()->switchover_done();
       return false;
+    case proto::EventKind::kGsyncStart:
+      (void)link().gsync_get(0);
+      return false;
     case proto::EventKind::kCfgWrite: {
       proto::Answer a;
       a.uuid = s.uuid;
