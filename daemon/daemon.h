@@ -40,6 +40,9 @@ struct Options {
   int gsync_timeout_ms = 30000;      // GSYNC_TIMEOUT_MS: request to gsync ready
   int switchover_timeout_ms = 20000; // SWITCHOVER_TIMEOUT_MS: a client's deferred answer
   int cfg_timeout_ms = 10000;        // CFG_TIMEOUT_MS: every client's configuration write
+  // FAULT_SHIP, for tests of the standby's checks: "corrupt" changes a byte of the first file
+  // after its checksum was taken; "stall" never sends the manifest. Empty: none.
+  std::string ship_fault;
 };
 
 struct Client {

@@ -298,6 +298,7 @@ bool Daemon::ship_area(const Outgoing& o, const proto::Answer& a, std::string* w
         *why = "file " + name + ": " + std::strerror(errno);
         break;
       }
+      if (o_.ship_fault == "corrupt" && m.files.empty() && off == 0 && n > 0) buf[0] ^= 0x5a;
       proto::FileData f{o.xfer, name, off, std::span<const uint8_t>(buf.data(), static_cast<size_t>(n))};
       if (!send_peer(proto::kFileData, encode(f), true)) {
         ok = false;
@@ -311,6 +312,7 @@ bool Daemon::ship_area(const Outgoing& o, const proto::Answer& a, std::string* w
     if (!ok) return false;
     m.files.push_back(e);
   }
+  if (o_.ship_fault == "stall") return true;
   if (!send_peer(proto::kManifest, encode(m), true)) return *why = "the manifest could not be sent", false;
   plat_syslog(PLAT_LOG_NOTICE, "sysmgrd: gsync %u: %zu files of %s shipped, manifest sent", o.xfer, m.files.size(),
               dir.c_str());

@@ -135,6 +135,7 @@ int main(int argc, char** argv) {
   o.gsync_timeout_ms = static_cast<int>(plat_config_get_long("GSYNC_TIMEOUT_MS", 30000));
   o.switchover_timeout_ms = static_cast<int>(plat_config_get_long("SWITCHOVER_TIMEOUT_MS", 20000));
   o.cfg_timeout_ms = static_cast<int>(plat_config_get_long("CFG_TIMEOUT_MS", 10000));
+  o.ship_fault = plat_config_get("FAULT_SHIP", "");
   if (o.slot != 1 && o.slot != 2) {
     std::fprintf(stderr, "hadra-sysmgrd: SLOT %d: give 1 or 2\n", o.slot);
     return 2;

@@ -1,0 +1,361 @@
+// Two supervisors run by their system-manager daemons: each supervisor is a hadra-sysmgrd
+// process and a service process with its own root, over the ZeroMQ transport. The service is
+// a real client: it attaches to its daemon, initialises the library and runs the platform's
+// receive loop; nothing here plays the system manager's part.
+//
+// Covered: the daemon's start and stop (a second daemon on a root refused, a service with no
+// daemon answered at once); gsync through the daemons with verified shipping, live changes,
+// kill -9 of the active and a takeover whose loss report says 0 lost; a shipment damaged on
+// the way refused; the active's service killed in the middle of a gsync; a planned
+// switchover; the configuration write all or nothing.
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <thread>
+
+#include "hadra_platform/sdb.h"
+
+#include "hadra/hadra.h"
+#include "hadra/sdb.h"
+#include "hadra_platform/errors.h"
+#include "hadra_platform/mts.h"
+#include "hadra_platform/sysmgr.h"
+#include "hadra_platform/sysmgr_client.h"
+#include "pairkit/daemons.h"
+#include "pairkit/store_dump.h"
+#include "pairkit/two_sup.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+namespace pk = hadra::pairkit;
+using nlohmann::json;
+
+constexpr uint32_t kSap = 3601;
+constexpr uint32_t kSyncOpc = 6501;
+constexpr uint32_t kUuid = 0x6e2;
+constexpr int kWaitMs = 20000;
+enum : uint8_t { kRoutes = 1, kPeers = 2 };
+
+// What a service process publishes for the test, in a page shared across fork.
+struct Shared {
+  int up[3];
+  uint32_t state[3][3];  // [slot][index]
+  int switched[3];
+  int in_snapshot[3];
+  int attach_rc[3];
+};
+
+Shared* g_shared = nullptr;
+int g_slot = 0;
+
+struct ServiceSpec {
+  int records = 0;      // written at start when active
+  bool stall_snapshot = false;
+};
+
+void publish() {
+  for (uint8_t i = 1; i <= 2; ++i) g_shared->state[g_slot][i] = hadra_ha_pss[i].state;
+}
+
+void on_switchover() {
+  hadra_ha_drop_active_msgs(kSap);
+  for (uint8_t i = 1; i <= 2; ++i) hadra_ha_set_db_active(&hadra_ha_pss[i]);
+  (void)hadra_ha_recovery_done(0);
+  g_shared->switched[g_slot] = 1;
+}
+
+int stall_snapshot(void*, const char*, void*, int32_t*) {
+  g_shared->in_snapshot[g_slot] = 1;
+  std::this_thread::sleep_for(std::chrono::seconds(60));
+  return 0;
+}
+
+std::string key(int i) { return "k" + std::to_string(100000 + i); }
+
+bool write_records(int from, int to, int gen) {
+  for (int i = from; i < to; ++i) {
+    const std::string k = key(i), v = "value " + std::to_string(i) + " gen " + std::to_string(gen);
+    if (hadra_pss_update(&hadra_ha_pss[kRoutes], k.data(), static_cast<uint32_t>(k.size()), v.data(),
+                         static_cast<uint32_t>(v.size())) != 1 ||
+        hadra_sdb_update(&hadra_ha_pss[kPeers], k.data(), static_cast<uint32_t>(k.size()), v.data(),
+                         static_cast<uint32_t>(v.size()), 1) != 1)
+      return false;
+  }
+  return true;
+}
+
+// The service: attach, initialise, write when active, then run the receive loop until told to
+// stop. live: raised by the test to make further changes (records .. 2*records, deletes).
+int run_service(const ServiceSpec& spec, pk::Signal* live, pk::Signal* stop) {
+  if (mts_bind(kSap) != 0) return 10;
+  g_shared->attach_rc[g_slot] = sysmgr_client_attach(kSap, "e2e-service");
+  if (hadra_ha_register_pss(kRoutes, "routes") == nullptr ||
+      hadra_ha_register_sdb(kPeers, "peers", 6511, 6512) == nullptr)
+    return 11;
+  hadra_ha_handle_t rec{};
+  rec.uuid = kUuid;
+  rec.sap = kSap;
+  rec.opcode = kSyncOpc;
+  rec.switchover_cb = &on_switchover;
+  if (spec.stall_snapshot) rec.gsync_snapshot_cb = &stall_snapshot;
+  std::snprintf(rec.name, sizeof rec.name, "e2e-service");
+  if (hadra_ha_api_init(&rec) != 1) return 12;
+  if (sysmgr_supstate_get() == 1 && !write_records(0, spec.records, 0)) return 13;
+  publish();
+  g_shared->up[g_slot] = 1;
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(120);
+  while (std::chrono::steady_clock::now() < deadline) {
+    mts_msg_ref other;
+    const int kind = sysmgr_client_next(kSap, 20, &other);
+    if (kind == SYSMGR_RX_OTHER) mts_drop(kSap, &other);
+    if (kind < 0) return 14;
+    if (live != nullptr && live->wait(0)) {
+      if (!write_records(spec.records, 2 * spec.records, 1) || !write_records(0, spec.records / 2, 2)) return 15;
+      for (int i = 0; i < spec.records; i += 5) {
+        const std::string k = key(i);
+        if (hadra_pss_delete(&hadra_ha_pss[kRoutes], k.data(), static_cast<uint32_t>(k.size())) != 1) return 16;
+      }
+    }
+    publish();
+    if (stop != nullptr && stop->wait(0)) break;
+  }
+  (void)sysmgr_client_detach();
+  return 0;
+}
+
+// One run: a base directory, a page shared with the services, the daemons and services.
+class DaemonPair : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_FALSE(base_.path().empty());
+    void* page = mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    ASSERT_NE(page, MAP_FAILED);
+    g_shared = static_cast<Shared*>(page);
+  }
+  void TearDown() override {
+    for (pid_t& p : services_)
+      if (p > 0) kill(p, SIGKILL), waitpid(p, nullptr, 0);
+    for (pid_t& d : daemons_)
+      if (d > 0) pk::stop_daemon(d, 3000);
+    munmap(g_shared, sizeof(Shared));
+  }
+
+  void start_daemon(int slot, const char* supstate, std::vector<std::pair<std::string, std::string>> extra = {}) {
+    std::string why;
+    daemons_[slot] = pk::start_daemon(base_.path(), slot, supstate, extra, 10000, &why);
+    ASSERT_GT(daemons_[slot], 0) << why;
+  }
+
+  void start_service(int slot, const char* supstate, ServiceSpec spec, pk::Signal* live = nullptr,
+                     pk::Signal* stop = nullptr) {
+    pk::Supervisor sup{base_.path(), slot, supstate, {{"UUID", std::to_string(kUuid)}, {"MTS_HWM", "5000"}}, true};
+    services_[slot] = pk::spawn(sup, [slot, spec, live, stop] {
+      g_slot = slot;
+      return run_service(spec, live, stop);
+    });
+    ASSERT_GT(services_[slot], 0);
+  }
+
+  bool wait_up(int slot) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kWaitMs);
+    while (std::chrono::steady_clock::now() < deadline) {
+      if (g_shared->up[slot] != 0) return true;
+      if (waitpid(services_[slot], nullptr, WNOHANG) == services_[slot]) return services_[slot] = -1, false;
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return false;
+  }
+
+  bool all_in_state(int slot, uint32_t state) {
+    return g_shared->state[slot][1] == state && g_shared->state[slot][2] == state;
+  }
+
+  bool wait_state(int slot, uint32_t state) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kWaitMs);
+    while (std::chrono::steady_clock::now() < deadline && !all_in_state(slot, state))
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    return all_in_state(slot, state);
+  }
+
+  json status(int slot) {
+    json j;
+    EXPECT_EQ(pk::daemon_command(base_.path(), slot, "status", &j), 0);
+    return j;
+  }
+
+  void kill_supervisor(int slot) {
+    kill(services_[slot], SIGKILL), waitpid(services_[slot], nullptr, 0), services_[slot] = -1;
+    kill(daemons_[slot], SIGKILL), waitpid(daemons_[slot], nullptr, 0), daemons_[slot] = -1;
+  }
+
+  pk::BaseDir base_{"/tmp/hadra-d2e-XXXXXX"};
+  pid_t daemons_[3] = {-1, -1, -1};
+  pid_t services_[3] = {-1, -1, -1};
+};
+
+// The active reported want sync messages and the standby applied as many (the snapshot's
+// share included), per the standby's daemon.
+auto caught_up(uint64_t want) {
+  return [want](const json& st) {
+    if (st["peer_reported"].empty() || st["services"].empty()) return false;
+    uint64_t sent = st["peer_reported"][0]["sent"], applied = 0;
+    for (const json& d : st["services"][0]["databases"]) applied += d["applied"].get<uint64_t>();
+    return sent == want && applied == want;
+  };
+}
+
+// Two databases; the first records, then the live changes: new records, rewrites, deletes.
+constexpr uint64_t sync_messages(int records, bool live) {
+  return 2u * static_cast<uint64_t>(records) +
+         (live ? 2u * static_cast<uint64_t>(records) + static_cast<uint64_t>(records) + static_cast<uint64_t>((records + 4) / 5) : 0u);
+}
+
+TEST_F(DaemonPair, StartsOnceStopsCleanlyAndServicesWithoutOneAreAnsweredAtOnce) {
+  // No daemon yet: a service learns it at once, and so does its gsync request.
+  pk::Signal stop;
+  start_service(1, "standby", {}, nullptr, &stop);
+  ASSERT_TRUE(wait_up(1));
+  EXPECT_EQ(static_cast<uint32_t>(g_shared->attach_rc[1]), PLAT_ERR_SYSMGR_NO_DAEMON);
+  stop.raise();
+  std::string why;
+  EXPECT_TRUE(pk::wait_children({services_[1]}, kWaitMs, &why)) << why;
+  services_[1] = -1;
+
+  start_daemon(1, "active");
+  std::string second;
+  EXPECT_LT(pk::start_daemon(base_.path(), 1, "active", {}, 3000, &second), 0);
+  EXPECT_NE(second.find("ended at start"), std::string::npos) << second;
+  const json st = status(1);
+  EXPECT_EQ(st["role"], "active");
+  EXPECT_EQ(st["slot"], 1);
+  EXPECT_EQ(pk::stop_daemon(daemons_[1], 3000), 0);
+  daemons_[1] = -1;
+  // Everything the daemon wrote is under its root.
+  for (const auto& e : fs::directory_iterator(base_.path())) EXPECT_EQ(e.path().filename(), "sup1");
+  EXPECT_EQ(pk::daemon_command(base_.path(), 1, "status", nullptr), 3);
+}
+
+TEST_F(DaemonPair, GsyncLiveChangesAndTakeoverAfterKillLoseNothing) {
+  start_daemon(1, "active");
+  start_daemon(2, "standby");
+  pk::Signal live, stop2;
+  start_service(1, "active", {200}, &live);
+  ASSERT_TRUE(wait_up(1));
+  start_service(2, "standby", {}, nullptr, &stop2);
+  ASSERT_TRUE(wait_up(2));
+  ASSERT_TRUE(wait_state(2, HADRA_HA_STANDBY)) << status(2).dump();
+  EXPECT_EQ(status(2)["gsync"]["done"], 1);
+  live.raise();
+  json st;
+  ASSERT_TRUE(pk::wait_status(base_.path(), 2, caught_up(sync_messages(200, true)), kWaitMs, &st)) << st.dump();
+
+  kill_supervisor(1);
+  // A takeover is refused while the peer still counts as up.
+  ASSERT_TRUE(pk::wait_status(base_.path(), 2, [](const json& j) { return !j["peer"]["up"]; }, kWaitMs, &st));
+  json out;
+  ASSERT_EQ(pk::daemon_command(base_.path(), 2, "takeover", &out), 0) << out.dump();
+  EXPECT_TRUE(out["loss_report"]["known"]);
+  EXPECT_EQ(out["loss_report"]["lost"], 0) << out["loss_report"].dump();
+  EXPECT_EQ(out["loss_report"]["databases"].size(), 2u);
+  ASSERT_TRUE(wait_state(2, HADRA_HA_ACTIVE));
+  EXPECT_EQ(g_shared->switched[2], 1);
+  ASSERT_TRUE(pk::wait_status(base_.path(), 2, [](const json& j) { return !j["switchover"]["running"]; }, kWaitMs,
+                              &st));
+  EXPECT_TRUE(st["switchover"]["notes"].empty()) << st.dump();
+  stop2.raise();
+  std::string why;
+  EXPECT_TRUE(pk::wait_children({services_[2]}, kWaitMs, &why)) << why;
+  services_[2] = -1;
+  const auto d1 = pk::dump_root(pk::root_of(base_.path(), 1), {"run"});
+  const auto d2 = pk::dump_root(pk::root_of(base_.path(), 2), {"run"});
+  EXPECT_EQ(d1.size(), 2u);
+  EXPECT_EQ(pk::compare_dumps(d1, d2, "sup1", "sup2"), "");
+}
+
+TEST_F(DaemonPair, AShipmentDamagedOnTheWayIsRefusedAndLeavesNoArea) {
+  start_daemon(1, "active", {{"FAULT_SHIP", "corrupt"}});
+  start_daemon(2, "standby");
+  start_service(1, "active", {50});
+  ASSERT_TRUE(wait_up(1));
+  start_service(2, "standby", {});
+  ASSERT_TRUE(wait_up(2));
+  json st;
+  ASSERT_TRUE(pk::wait_status(base_.path(), 2, [](const json& j) { return j["gsync"]["failed"] == 1; }, kWaitMs, &st));
+  const std::string error = st["gsync"]["last_error"];
+  EXPECT_NE(error.find("checksum"), std::string::npos) << error;
+  EXPECT_EQ(st["gsync"]["done"], 0);
+  EXPECT_FALSE(all_in_state(2, HADRA_HA_STANDBY));
+  for (const auto& e : fs::directory_iterator(pk::root_of(base_.path(), 2) + "/snap"))
+    EXPECT_FALSE(e.path().filename().string().starts_with(".incoming")) << e.path();
+}
+
+TEST_F(DaemonPair, AServiceKilledWhileWritingItsSnapshotFailsTheGsyncWithAReason) {
+  start_daemon(1, "active");
+  start_daemon(2, "standby");
+  start_service(1, "active", {ServiceSpec{20, true}});
+  ASSERT_TRUE(wait_up(1));
+  start_service(2, "standby", {});
+  ASSERT_TRUE(wait_up(2));
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kWaitMs);
+  while (g_shared->in_snapshot[1] == 0 && std::chrono::steady_clock::now() < deadline)
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  ASSERT_EQ(g_shared->in_snapshot[1], 1);
+  kill(services_[1], SIGKILL), waitpid(services_[1], nullptr, 0), services_[1] = -1;
+  json st;
+  ASSERT_TRUE(pk::wait_status(base_.path(), 2, [](const json& j) { return j["gsync"]["failed"] == 1; }, kWaitMs, &st));
+  const std::string error = st["gsync"]["last_error"];
+  EXPECT_NE(error.find("went away"), std::string::npos) << error;
+  // The old active's daemon counts the service's end as a crash.
+  const json facts = status(1)["restart_facts"];
+  ASSERT_EQ(facts.size(), 1u);
+  EXPECT_EQ(facts[0]["last_stop"], "crash");
+}
+
+TEST_F(DaemonPair, APlannedSwitchoverMovesTheActiveRoleWithNothingLost) {
+  start_daemon(1, "active");
+  start_daemon(2, "standby");
+  start_service(1, "active", {100});
+  ASSERT_TRUE(wait_up(1));
+  start_service(2, "standby", {});
+  ASSERT_TRUE(wait_up(2));
+  ASSERT_TRUE(wait_state(2, HADRA_HA_STANDBY));
+  json st, out;
+  ASSERT_TRUE(pk::wait_status(base_.path(), 2, caught_up(sync_messages(100, false)), kWaitMs, &st)) << st.dump();
+  EXPECT_EQ(pk::daemon_command(base_.path(), 2, "switchover", &out), 1) << "only the active steps down";
+  ASSERT_EQ(pk::daemon_command(base_.path(), 1, "switchover", &out), 0) << out.dump();
+  ASSERT_TRUE(wait_state(2, HADRA_HA_ACTIVE));
+  ASSERT_TRUE(pk::wait_status(base_.path(), 2, [](const json& j) { return j["role"] == "active"; }, kWaitMs, &st));
+  EXPECT_EQ(st["loss_report"]["lost"], 0) << st["loss_report"].dump();
+  EXPECT_EQ(status(1)["role"], "standby");
+}
+
+TEST_F(DaemonPair, TheConfigurationWriteReplacesTheStartupAreaOnlyWhenEveryServiceWrote) {
+  start_daemon(1, "active", {{"CFG_TIMEOUT_MS", "1500"}});
+  pk::Signal stop;
+  start_service(1, "active", {10}, nullptr, &stop);
+  ASSERT_TRUE(wait_up(1));
+  const std::string startup = pk::root_of(base_.path(), 1) + "/startup";
+  json out;
+  ASSERT_EQ(pk::daemon_command(base_.path(), 1, "config-save", &out), 0) << out.dump();
+  ASSERT_TRUE(fs::is_directory(startup));
+  std::ofstream(startup + "/marker") << "first";
+  // A service that no longer answers: the write fails and the startup area stays as it was.
+  kill(services_[1], SIGSTOP);
+  EXPECT_EQ(pk::daemon_command(base_.path(), 1, "config-save", &out), 1);
+  EXPECT_NE(out["failures"][0].get<std::string>().find("no answer"), std::string::npos) << out.dump();
+  EXPECT_TRUE(fs::exists(startup + "/marker"));
+  for (const auto& e : fs::directory_iterator(pk::root_of(base_.path(), 1) + "/stage")) ADD_FAILURE() << e.path();
+  kill(services_[1], SIGCONT);
+}
+
+}  // namespace
