@@ -1,5 +1,6 @@
 #include "pairkit/daemons.h"
 
+#include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -30,7 +31,12 @@ pid_t exec_daemon(const std::string& base, int slot, const std::vector<std::stri
   setenv("HADRA_SLOT", std::to_string(slot).c_str(), 1);
   setenv("HADRA_TRANSPORT", "zmq", 1);
   for (const auto& [k, v] : env) setenv(("HADRA_" + k).c_str(), v.c_str(), 1);
-  if (out_fd >= 0) dup2(out_fd, STDOUT_FILENO);
+  if (out_fd >= 0) {
+    // A command: its JSON on out_fd; its complaints are in the JSON too ("error").
+    dup2(out_fd, STDOUT_FILENO);
+    const int null_fd = open("/dev/null", O_WRONLY);
+    if (null_fd >= 0) dup2(null_fd, STDERR_FILENO);
+  }
   std::vector<char*> argv;
   argv.push_back(const_cast<char*>(bin.c_str()));
   for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
