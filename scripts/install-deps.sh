@@ -9,6 +9,7 @@ packages=(
   libzmq3-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-14-dev
+  libsystemd-dev libxxhash-dev nlohmann-json3-dev libcli11-dev
 )
 
 missing=()
