@@ -133,6 +133,23 @@ int run_service(const ServiceSpec& spec, pk::Signal* live, pk::Signal* stop) {
   return 0;
 }
 
+// The active reported want sync messages and the standby applied as many (the snapshot's
+// share included), per the standby's daemon.
+auto caught_up(uint64_t want) {
+  return [want](const json& st) {
+    if (st["peer_reported"].empty() || st["services"].empty()) return false;
+    uint64_t sent = st["peer_reported"][0]["sent"], applied = 0;
+    for (const json& d : st["services"][0]["databases"]) applied += d["applied"].get<uint64_t>();
+    return sent == want && applied == want;
+  };
+}
+
+// Two databases; the first records, then the live changes: new records, rewrites, deletes.
+constexpr uint64_t sync_messages(int records, bool live) {
+  return 2u * static_cast<uint64_t>(records) +
+         (live ? 2u * static_cast<uint64_t>(records) + static_cast<uint64_t>(records) + static_cast<uint64_t>((records + 4) / 5) : 0u);
+}
+
 // One run: a base directory, a page shared with the services, the daemons and services.
 class DaemonPair : public ::testing::Test {
  protected:
@@ -143,6 +160,8 @@ class DaemonPair : public ::testing::Test {
     g_shared = static_cast<Shared*>(page);
   }
   void TearDown() override {
+    pk::use_netns(1, "");
+    pk::use_netns(2, "");
     for (pid_t& p : services_)
       if (p > 0) kill(p, SIGKILL), waitpid(p, nullptr, 0);
     for (pid_t& d : daemons_)
@@ -151,6 +170,7 @@ class DaemonPair : public ::testing::Test {
   }
 
   void start_daemon(int slot, const char* supstate, std::vector<std::pair<std::string, std::string>> extra = {}) {
+    extra.insert(extra.end(), net_[slot].begin(), net_[slot].end());
     std::string why;
     daemons_[slot] = pk::start_daemon(base_.path(), slot, supstate, extra, 10000, &why);
     ASSERT_GT(daemons_[slot], 0) << why;
@@ -159,6 +179,7 @@ class DaemonPair : public ::testing::Test {
   void start_service(int slot, const char* supstate, ServiceSpec spec, pk::Signal* live = nullptr,
                      pk::Signal* stop = nullptr) {
     pk::Supervisor sup{base_.path(), slot, supstate, {{"UUID", std::to_string(kUuid)}, {"MTS_HWM", "5000"}}, true};
+    sup.extra.insert(sup.extra.end(), net_[slot].begin(), net_[slot].end());
     services_[slot] = pk::spawn(sup, [slot, spec, live, stop] {
       g_slot = slot;
       return run_service(spec, live, stop);
@@ -198,27 +219,51 @@ class DaemonPair : public ::testing::Test {
     kill(daemons_[slot], SIGKILL), waitpid(daemons_[slot], nullptr, 0), daemons_[slot] = -1;
   }
 
+  // Gsync through the daemons, live changes, kill -9 of the active supervisor (daemon and
+  // service), a takeover whose loss report says 0 lost, and the same records on both sides.
+  void gsync_live_takeover(int records) {
+    start_daemon(1, "active");
+    start_daemon(2, "standby");
+    if (HasFatalFailure()) return;
+    pk::Signal live, stop2;
+    start_service(1, "active", {records}, &live);
+    ASSERT_TRUE(wait_up(1));
+    start_service(2, "standby", {}, nullptr, &stop2);
+    ASSERT_TRUE(wait_up(2));
+    ASSERT_TRUE(wait_state(2, HADRA_HA_STANDBY)) << status(2).dump();
+    EXPECT_EQ(status(2)["gsync"]["done"], 1);
+    live.raise();
+    json st;
+    ASSERT_TRUE(pk::wait_status(base_.path(), 2, caught_up(sync_messages(records, true)), kWaitMs, &st)) << st.dump();
+
+    kill_supervisor(1);
+    // A takeover is refused while the peer still counts as up.
+    ASSERT_TRUE(pk::wait_status(base_.path(), 2, [](const json& j) { return !j["peer"]["up"]; }, kWaitMs, &st));
+    json out;
+    ASSERT_EQ(pk::daemon_command(base_.path(), 2, "takeover", &out), 0) << out.dump();
+    EXPECT_TRUE(out["loss_report"]["known"]);
+    EXPECT_EQ(out["loss_report"]["lost"], 0) << out["loss_report"].dump();
+    EXPECT_EQ(out["loss_report"]["databases"].size(), 2u);
+    ASSERT_TRUE(wait_state(2, HADRA_HA_ACTIVE));
+    EXPECT_EQ(g_shared->switched[2], 1);
+    ASSERT_TRUE(pk::wait_status(base_.path(), 2, [](const json& j) { return !j["switchover"]["running"]; }, kWaitMs,
+                                &st));
+    EXPECT_TRUE(st["switchover"]["notes"].empty()) << st.dump();
+    stop2.raise();
+    std::string why;
+    EXPECT_TRUE(pk::wait_children({services_[2]}, kWaitMs, &why)) << why;
+    services_[2] = -1;
+    const auto d1 = pk::dump_root(pk::root_of(base_.path(), 1), {"run"});
+    const auto d2 = pk::dump_root(pk::root_of(base_.path(), 2), {"run"});
+    EXPECT_EQ(d1.size(), 2u);
+    EXPECT_EQ(pk::compare_dumps(d1, d2, "sup1", "sup2"), "");
+  }
+
   pk::BaseDir base_{"/tmp/hadra-d2e-XXXXXX"};
+  std::vector<std::pair<std::string, std::string>> net_[3];  // transport settings per slot
   pid_t daemons_[3] = {-1, -1, -1};
   pid_t services_[3] = {-1, -1, -1};
 };
-
-// The active reported want sync messages and the standby applied as many (the snapshot's
-// share included), per the standby's daemon.
-auto caught_up(uint64_t want) {
-  return [want](const json& st) {
-    if (st["peer_reported"].empty() || st["services"].empty()) return false;
-    uint64_t sent = st["peer_reported"][0]["sent"], applied = 0;
-    for (const json& d : st["services"][0]["databases"]) applied += d["applied"].get<uint64_t>();
-    return sent == want && applied == want;
-  };
-}
-
-// Two databases; the first records, then the live changes: new records, rewrites, deletes.
-constexpr uint64_t sync_messages(int records, bool live) {
-  return 2u * static_cast<uint64_t>(records) +
-         (live ? 2u * static_cast<uint64_t>(records) + static_cast<uint64_t>(records) + static_cast<uint64_t>((records + 4) / 5) : 0u);
-}
 
 TEST_F(DaemonPair, StartsOnceStopsCleanlyAndServicesWithoutOneAreAnsweredAtOnce) {
   // No daemon yet: a service learns it at once, and so does its gsync request.
@@ -245,41 +290,54 @@ TEST_F(DaemonPair, StartsOnceStopsCleanlyAndServicesWithoutOneAreAnsweredAtOnce)
   EXPECT_EQ(pk::daemon_command(base_.path(), 1, "status", nullptr), 3);
 }
 
-TEST_F(DaemonPair, GsyncLiveChangesAndTakeoverAfterKillLoseNothing) {
-  start_daemon(1, "active");
-  start_daemon(2, "standby");
-  pk::Signal live, stop2;
-  start_service(1, "active", {200}, &live);
-  ASSERT_TRUE(wait_up(1));
-  start_service(2, "standby", {}, nullptr, &stop2);
-  ASSERT_TRUE(wait_up(2));
-  ASSERT_TRUE(wait_state(2, HADRA_HA_STANDBY)) << status(2).dump();
-  EXPECT_EQ(status(2)["gsync"]["done"], 1);
-  live.raise();
-  json st;
-  ASSERT_TRUE(pk::wait_status(base_.path(), 2, caught_up(sync_messages(200, true)), kWaitMs, &st)) << st.dump();
+TEST_F(DaemonPair, GsyncLiveChangesAndTakeoverAfterKillLoseNothing) { gsync_live_takeover(200); }
 
-  kill_supervisor(1);
-  // A takeover is refused while the peer still counts as up.
-  ASSERT_TRUE(pk::wait_status(base_.path(), 2, [](const json& j) { return !j["peer"]["up"]; }, kWaitMs, &st));
-  json out;
-  ASSERT_EQ(pk::daemon_command(base_.path(), 2, "takeover", &out), 0) << out.dump();
-  EXPECT_TRUE(out["loss_report"]["known"]);
-  EXPECT_EQ(out["loss_report"]["lost"], 0) << out["loss_report"].dump();
-  EXPECT_EQ(out["loss_report"]["databases"].size(), 2u);
-  ASSERT_TRUE(wait_state(2, HADRA_HA_ACTIVE));
-  EXPECT_EQ(g_shared->switched[2], 1);
-  ASSERT_TRUE(pk::wait_status(base_.path(), 2, [](const json& j) { return !j["switchover"]["running"]; }, kWaitMs,
-                              &st));
-  EXPECT_TRUE(st["switchover"]["notes"].empty()) << st.dump();
-  stop2.raise();
-  std::string why;
-  EXPECT_TRUE(pk::wait_children({services_[2]}, kWaitMs, &why)) << why;
-  services_[2] = -1;
-  const auto d1 = pk::dump_root(pk::root_of(base_.path(), 1), {"run"});
-  const auto d2 = pk::dump_root(pk::root_of(base_.path(), 2), {"run"});
-  EXPECT_EQ(d1.size(), 2u);
-  EXPECT_EQ(pk::compare_dumps(d1, d2, "sup1", "sup2"), "");
+// Each supervisor on a host of its own: a network namespace each, a veth pair between them
+// with private addresses, tcp between the daemons and between the services.
+class NetnsPair {
+ public:
+  NetnsPair() {
+    if (geteuid() != 0) {
+      why_ = "needs root to make network namespaces";
+      return;
+    }
+    const int id = getpid() % 250;
+    for (int s = 1; s <= 2; ++s) ns_[s] = "hadra-e2e-" + std::to_string(getpid()) + "-" + std::to_string(s);
+    net_ = "10.231." + std::to_string(id) + ".";
+    const std::string veth = "hd" + std::to_string(getpid());
+    ok_ = run("ip netns add " + ns_[1]) && run("ip netns add " + ns_[2]) &&
+          run("ip link add " + veth + "a netns " + ns_[1] + " type veth peer name " + veth + "b netns " + ns_[2]);
+    for (int s = 1; s <= 2 && ok_; ++s) {
+      const std::string dev = veth + (s == 1 ? "a" : "b");
+      ok_ = run("ip -n " + ns_[s] + " addr add " + address(s) + "/30 dev " + dev) &&
+            run("ip -n " + ns_[s] + " link set " + dev + " up") && run("ip -n " + ns_[s] + " link set lo up");
+    }
+    if (!ok_) why_ = "network namespaces or veth pairs are not available here";
+  }
+  ~NetnsPair() {
+    for (int s = 1; s <= 2; ++s)
+      if (!ns_[s].empty()) run("ip netns del " + ns_[s]);  // the veth pair goes with them
+  }
+  bool ok() const { return ok_; }
+  const std::string& why() const { return why_; }
+  const std::string& ns(int slot) const { return ns_[slot]; }
+  std::string address(int slot) const { return net_ + std::to_string(slot); }
+
+ private:
+  static bool run(const std::string& cmd) { return std::system((cmd + " >/dev/null 2>&1").c_str()) == 0; }
+  std::string ns_[3], net_, why_;
+  bool ok_ = false;
+};
+
+TEST_F(DaemonPair, TwoHostsOverTcpInTheirOwnNetworkNamespaces) {
+  NetnsPair hosts;
+  if (!hosts.ok()) GTEST_SKIP() << "two-hosts variant skipped: " << hosts.why();
+  for (int s = 1; s <= 2; ++s) {
+    net_[s] = {{"MTS_LOCAL", "tcp://" + hosts.address(s) + ":{port}"},
+               {"MTS_PEER", "tcp://" + hosts.address(3 - s) + ":{port}"}};
+    pk::use_netns(s, hosts.ns(s), net_[s]);
+  }
+  gsync_live_takeover(100);
 }
 
 TEST_F(DaemonPair, AShipmentDamagedOnTheWayIsRefusedAndLeavesNoArea) {

@@ -1,6 +1,7 @@
 #include "pairkit/daemons.h"
 
 #include <fcntl.h>
+#include <sched.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -19,6 +20,9 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
+std::string g_netns[3];
+std::vector<std::pair<std::string, std::string>> g_settings[3];
+
 // Forks and execs the daemon binary with args and the supervisor's environment; stdout to
 // out_fd when it is not -1.
 pid_t exec_daemon(const std::string& base, int slot, const std::vector<std::string>& args,
@@ -27,9 +31,11 @@ pid_t exec_daemon(const std::string& base, int slot, const std::vector<std::stri
   std::fflush(nullptr);
   const pid_t pid = fork();
   if (pid != 0) return pid;
+  if (!enter_netns(slot)) _exit(126);
   setenv("HADRA_ROOT", root_of(base, slot).c_str(), 1);
   setenv("HADRA_SLOT", std::to_string(slot).c_str(), 1);
   setenv("HADRA_TRANSPORT", "zmq", 1);
+  for (const auto& [k, v] : g_settings[slot]) setenv(("HADRA_" + k).c_str(), v.c_str(), 1);
   for (const auto& [k, v] : env) setenv(("HADRA_" + k).c_str(), v.c_str(), 1);
   if (out_fd >= 0) {
     // A command: its JSON on out_fd; its complaints are in the JSON too ("error").
@@ -59,6 +65,22 @@ int wait_for(pid_t pid, int timeout_ms) {
 }
 
 }  // namespace
+
+void use_netns(int slot, const std::string& name, const std::vector<std::pair<std::string, std::string>>& settings) {
+  if (slot < 1 || slot > 2) return;
+  g_netns[slot] = name;
+  g_settings[slot] = settings;
+}
+
+bool enter_netns(int slot) {
+  if (slot < 1 || slot > 2 || g_netns[slot].empty()) return true;
+  const std::string path = "/var/run/netns/" + g_netns[slot];
+  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  const bool ok = fd >= 0 && setns(fd, CLONE_NEWNET) == 0;
+  if (!ok) std::fprintf(stderr, "cannot enter network namespace %s: %s\n", path.c_str(), std::strerror(errno));
+  if (fd >= 0) close(fd);
+  return ok;
+}
 
 std::string sysmgrd_path() {
   if (const char* p = std::getenv("HADRA_SYSMGRD")) return p;

@@ -17,6 +17,15 @@ namespace hadra::pairkit {
 
 std::string sysmgrd_path();
 
+// Runs every later process of supervisor slot (its daemon, its commands, the children spawn()
+// makes for it) in the network namespace name (as made by "ip netns add"; "" for the
+// driver's own), and gives its daemon and commands the platform keys of settings (e.g. tcp
+// transport addresses). For the two-hosts runs.
+void use_netns(int slot, const std::string& name,
+               const std::vector<std::pair<std::string, std::string>>& settings = {});
+// Enters the namespace set for slot, if any; false when it cannot be entered.
+bool enter_netns(int slot);
+
 // Starts the daemon of supervisor slot under base (root <base>/sup<slot>) with supstate as its
 // first role and the further platform keys of extra; waits until it answers a status command
 // (at most timeout_ms). The pid, or -1 with *why.

@@ -1,5 +1,7 @@
 #include "pairkit/two_sup.h"
 
+#include "pairkit/daemons.h"
+
 #include "hadra_platform_testing.h"
 
 #include <poll.h>
@@ -108,6 +110,7 @@ pid_t spawn(const Supervisor& sup, const std::function<int()>& role) {
   std::fflush(nullptr);
   const pid_t pid = fork();
   if (pid != 0) return pid;
+  if (!enter_netns(sup.slot)) _exit(126);
   configure(sup);
   const int rc = role();
   std::fflush(nullptr);
