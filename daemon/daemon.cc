@@ -143,6 +143,7 @@ bool Daemon::start(std::string* why) {
     plat_syslog(PLAT_LOG_WARNING, "sysmgrd: cannot write the pid into %s: %s", lock.c_str(), std::strerror(errno));
   load_state();
   clean_leftovers();
+  rediscover_clients();
   if (mts_bind(SYSMGR_SAP) != 0) return *why = "binding SAP " + std::to_string(SYSMGR_SAP) + ": " + std::strerror(errno), false;
   // Blocked in every thread (main blocks them before the transport's threads start): the
   // loop takes them from a descriptor.
@@ -316,6 +317,31 @@ void Daemon::on_hs_query(const mts_msg_ref& ref, const void* p, uint32_t n) {
   (void)mts_reply(SYSMGR_SAP, &ref, SYSMGR_OPC_HS_RESPONSE, out, sizeof out, nullptr, MTS_SEND_NONBLOCK, nullptr);
 }
 
+// Services that ran while no daemon did (a restart of the daemon) left their hello under the
+// root; the live ones are served again at once, without waiting for their next message.
+void Daemon::rediscover_clients() {
+  std::error_code ec;
+  for (const auto& e : fs::directory_iterator(files::root_path(o_.root, "sysmgr"), ec)) {
+    const std::string name = e.path().filename().string();
+    if (!name.starts_with("client-") || !name.ends_with(".hello")) continue;
+    std::string bytes;
+    if (FILE* f = std::fopen(e.path().c_str(), "rb")) {
+      char buf[1024];
+      size_t n;
+      while ((n = std::fread(buf, 1, sizeof buf, f)) > 0 && bytes.size() < 4096) bytes.append(buf, n);
+      std::fclose(f);
+    }
+    proto::Hello h;
+    if (!proto::decode(bytes.data(), bytes.size(), &h) || !pid_alive(h.pid)) {
+      fs::remove(e.path(), ec);
+      continue;
+    }
+    clients_[h.uuid] = Client{h.uuid, h.sap, h.pid, h.name.empty() ? "uuid-" + std::to_string(h.uuid) : h.name};
+    plat_syslog(PLAT_LOG_NOTICE, "sysmgrd: service %s (uuid 0x%x, SAP %u, pid %u) still runs: served again",
+                h.name.c_str(), h.uuid, h.sap, h.pid);
+  }
+}
+
 void Daemon::check_clients() {
   for (auto it = clients_.begin(); it != clients_.end();) {
     if (it->second.pid == 0 || pid_alive(it->second.pid)) {
@@ -324,6 +350,8 @@ void Daemon::check_clients() {
     }
     plat_syslog(PLAT_LOG_ERR, "sysmgrd: service %s (pid %u) went away without a bye: counted as a crash",
                 it->second.name.c_str(), it->second.pid);
+    std::error_code ec;
+    fs::remove(files::root_path(o_.root, "sysmgr/client-" + std::to_string(it->second.pid) + ".hello"), ec);
     const uint32_t uuid = it->first;
     gsync_client_gone(uuid);
     switchover_finish_client(uuid, "died");

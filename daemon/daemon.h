@@ -118,6 +118,7 @@ class Daemon {
   void on_bye(const proto::Bye& b);
   void on_hs_query(const mts_msg_ref& ref, const void* p, uint32_t n);
   void check_clients();
+  void rediscover_clients();
   void send_peer_hello();
   std::vector<proto::ServiceSeq> own_sequences() const;
   bool send_event(const Client& c, const proto::Event& ev);

@@ -126,7 +126,13 @@ int daemon_gsync_get(int arg) {
     s.gsync = GsyncView();
     s.gsync.pending = true;
   }
-  return send_to_daemon(proto::kGsyncGet, encode(m));
+  const int rc = send_to_daemon(proto::kGsyncGet, encode(m));
+  if (rc != 0) {
+    // No gsync will come: nothing may wait for one.
+    std::lock_guard<std::mutex> lock(s.mu);
+    s.gsync.pending = false;
+  }
+  return rc;
 }
 
 const Link kDaemonLink = {&daemon_gsync_get};
@@ -264,6 +270,28 @@ void applied_note(uint32_t index, uint64_t seqno) noexcept {
   __atomic_fetch_add(&t->slot[index].reports, 1u, __ATOMIC_RELEASE);
 }
 
+void leave_hello(const std::vector<uint8_t>& hello) noexcept {
+  char uri[64];
+  std::snprintf(uri, sizeof uri, "sysmgr:/client-%d.hello", static_cast<int>(::getpid()));
+  const std::string path = root_path(uri);
+  if (path.empty()) return;
+  if (hello.empty()) {
+    (void)::unlink(path.c_str());
+    return;
+  }
+  // Whole or absent under its name: a daemon may read it at any time.
+  const std::string tmp = path + ".tmp";
+  const int fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  bool ok = fd >= 0 && ::write(fd, hello.data(), hello.size()) == static_cast<ssize_t>(hello.size());
+  if (fd >= 0) ::close(fd);
+  ok = ok && ::rename(tmp.c_str(), path.c_str()) == 0;
+  if (!ok) {
+    (void)::unlink(tmp.c_str());
+    log::writef(PLAT_LOG_WARNING, "sysmgr: cannot leave the hello in %s: %s; a restarted daemon will know this "
+                "service only from its next message", path.c_str(), std::strerror(errno));
+  }
+}
+
 }  // namespace hadra::plat::sysmgr::client
 
 namespace hadra::plat::sysmgr {
@@ -307,11 +335,13 @@ HADRA_PLAT_API int sysmgr_client_attach(uint32_t sap, const char* name) noexcept
   h.sap = sap;
   h.pid = static_cast<uint32_t>(::getpid());
   h.name = s.name;
-  const int rc = cl::send_to_daemon(proto::kHello, encode(h));
+  const std::vector<uint8_t> hello = encode(h);
+  const int rc = cl::send_to_daemon(proto::kHello, hello);
   if (rc == 0) {
     std::lock_guard<std::mutex> lock(s.mu);
     s.attached = true;
   }
+  cl::leave_hello(hello);
   return c.ret(rc);
 }
 
@@ -321,6 +351,7 @@ HADRA_PLAT_API int sysmgr_client_detach(void) noexcept {
   cl::State& s = cl::state();
   if (!cl::daemon_mode() || !s.attached) return c.ret(0);
   const int rc = cl::send_to_daemon(proto::kBye, encode(proto::Bye{s.uuid}));
+  cl::leave_hello({});
   {
     std::lock_guard<std::mutex> lock(s.mu);
     s.attached = false;

@@ -45,6 +45,10 @@ bool daemon_running() noexcept;
 // without waiting for queue room. 0, or PLAT_ERR_SYSMGR_NO_DAEMON (logged with the cause).
 int send_to_daemon(uint32_t opcode, const std::vector<uint8_t>& payload) noexcept;
 
+// Leaves this process's hello in <root>/sysmgr/client-<pid>.hello, where a daemon that
+// starts while the service runs finds it (empty: removes it, at a controlled stop).
+void leave_hello(const std::vector<uint8_t>& hello) noexcept;
+
 // The table of what this process applied per registry index (a file the daemon reads,
 // like the sequence-number table): reset to the snapshot's counts at gsync ready, advanced
 // by every applied sync message.

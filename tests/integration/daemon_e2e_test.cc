@@ -221,7 +221,9 @@ class DaemonPair : public ::testing::Test {
 
   // Gsync through the daemons, live changes, kill -9 of the active supervisor (daemon and
   // service), a takeover whose loss report says 0 lost, and the same records on both sides.
-  void gsync_live_takeover(int records) {
+  // restart_standby: the standby's daemon is stopped and started again after the gsync, while
+  // its service runs; it must serve the service again and lose nothing.
+  void gsync_live_takeover(int records, bool restart_standby = false) {
     start_daemon(1, "active");
     start_daemon(2, "standby");
     if (HasFatalFailure()) return;
@@ -232,6 +234,15 @@ class DaemonPair : public ::testing::Test {
     ASSERT_TRUE(wait_up(2));
     ASSERT_TRUE(wait_state(2, HADRA_HA_STANDBY)) << status(2).dump();
     EXPECT_EQ(status(2)["gsync"]["done"], 1);
+    if (restart_standby) {
+      ASSERT_EQ(pk::stop_daemon(daemons_[2], 3000), 0);
+      start_daemon(2, "active");  // the role kept in its state file wins over the setting
+      ASSERT_GT(daemons_[2], 0);
+      const json again = status(2);
+      EXPECT_EQ(again["role"], "standby");
+      ASSERT_EQ(again["services"].size(), 1u) << again.dump();
+      EXPECT_EQ(again["services"][0]["sap"], kSap);
+    }
     live.raise();
     json st;
     ASSERT_TRUE(pk::wait_status(base_.path(), 2, caught_up(sync_messages(records, true)), kWaitMs, &st)) << st.dump();
@@ -291,6 +302,8 @@ TEST_F(DaemonPair, StartsOnceStopsCleanlyAndServicesWithoutOneAreAnsweredAtOnce)
 }
 
 TEST_F(DaemonPair, GsyncLiveChangesAndTakeoverAfterKillLoseNothing) { gsync_live_takeover(200); }
+
+TEST_F(DaemonPair, ADaemonRestartedWhileItsServiceRunsServesItAgain) { gsync_live_takeover(50, true); }
 
 // Each supervisor on a host of its own: a network namespace each, a veth pair between them
 // with private addresses, tcp between the daemons and between the services.
