@@ -7,6 +7,7 @@
 #include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/signalfd.h>
+#include <sys/stat.h>
 #include <systemd/sd-daemon.h>
 #include <unistd.h>
 
@@ -33,7 +34,12 @@ constexpr int kCheckMs = 200;  // how often clients' pids are checked
 bool read_table(const std::string& path, uint32_t magic, SeqnoTable* out) {
   const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) return false;
-  void* m = ::mmap(nullptr, sizeof(SeqnoTable), PROT_READ, MAP_SHARED, fd, 0);
+  // A table is made by truncating a new file to size: one caught in between is too short to
+  // map (touching its pages would fault), so it is taken as not there yet.
+  struct stat st {};
+  void* m = ::fstat(fd, &st) == 0 && st.st_size >= static_cast<off_t>(sizeof(SeqnoTable))
+                ? ::mmap(nullptr, sizeof(SeqnoTable), PROT_READ, MAP_SHARED, fd, 0)
+                : MAP_FAILED;
   ::close(fd);
   if (m == MAP_FAILED) return false;
   const auto* t = static_cast<const SeqnoTable*>(m);
