@@ -7,6 +7,8 @@
 #include <mutex>
 #include <string>
 
+#include "hadra/sync.h"
+#include "hadra/sysmgrcb.h"
 #include "hadra_platform/mts.h"
 #include "sysmgr/proto.h"
 
@@ -37,6 +39,21 @@ struct State {
 };
 
 State& state() noexcept;
+
+// The HA library's entry points the receive loop calls, found by name at run time.
+struct Lib {
+  decltype(&hadra_ha_dispatch) dispatch = nullptr;
+  decltype(&sysmgrcb_gsync_snapshot) gsync_snapshot = nullptr;
+  decltype(&sysmgrcb_gsync_ready) gsync_ready = nullptr;
+  decltype(&sysmgrcb_gsync_failed) gsync_failed = nullptr;
+  decltype(&sysmgrcb_switchover) switchover = nullptr;
+  decltype(&sysmgrcb_switchover_active_marker) active_marker = nullptr;
+  decltype(&sysmgrcb_switchover_done) switchover_done = nullptr;
+  decltype(&hadra_sysmgr_cfg_write_cb) cfg_write = nullptr;
+};
+// Use lib instead of the library found by name (null: back to it). For tests of the loop's
+// routing; not thread-safe against a loop in progress.
+void set_library(const Lib* lib) noexcept;
 // Reads SYSMGR (and TRANSPORT) once per reset; true when the daemon serves this process.
 bool daemon_mode() noexcept;
 // True when a daemon holds the lock of this supervisor's root.

@@ -15,12 +15,11 @@
 // process that did not load it gets ENOSYS.
 #include <dlfcn.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 
 #include "common/call.h"
-#include "hadra/sysmgrcb.h"
-#include "hadra/sync.h"
 #include "hadra_platform/config.h"
 #include "hadra_platform/errors.h"
 #include "hadra_platform/log.h"
@@ -33,25 +32,16 @@
 namespace hadra::plat::sysmgr::client {
 namespace {
 
-// The library's entry points the loop calls.
-struct Lib {
-  decltype(&hadra_ha_dispatch) dispatch = nullptr;
-  decltype(&sysmgrcb_gsync_snapshot) gsync_snapshot = nullptr;
-  decltype(&sysmgrcb_gsync_ready) gsync_ready = nullptr;
-  decltype(&sysmgrcb_gsync_failed) gsync_failed = nullptr;
-  decltype(&sysmgrcb_switchover) switchover = nullptr;
-  decltype(&sysmgrcb_switchover_active_marker) active_marker = nullptr;
-  decltype(&sysmgrcb_switchover_done) switchover_done = nullptr;
-  decltype(&hadra_sysmgr_cfg_write_cb) cfg_write = nullptr;
-};
-
 template <class F>
 bool find(F* out, const char* name) {
   *out = reinterpret_cast<F>(::dlsym(RTLD_DEFAULT, name));
   return *out != nullptr;
 }
 
+std::atomic<const Lib*> g_lib_override{nullptr};
+
 const Lib* lib() {
+  if (const Lib* l = g_lib_override.load(); l != nullptr) return l;
   static const Lib* found = [] {
     static Lib l;
     const bool ok = find(&l.dispatch, "hadra_ha_dispatch") & find(&l.gsync_snapshot, "sysmgrcb_gsync_snapshot") &
@@ -221,6 +211,9 @@ int route(uint32_t sap, const mts_msg_ref& ref, mts_msg_ref* other) {
 }
 
 }  // namespace
+
+void set_library(const Lib* lib) noexcept { g_lib_override.store(lib); }
+
 }  // namespace hadra::plat::sysmgr::client
 
 namespace cl = hadra::plat::sysmgr::client;
