@@ -53,6 +53,7 @@ struct Shared {
   int switched[3];
   int in_snapshot[3];
   int attach_rc[3];
+  uint32_t start_reason[3];
 };
 
 Shared* g_shared = nullptr;
@@ -111,6 +112,7 @@ int run_service(const ServiceSpec& spec, pk::Signal* live, pk::Signal* stop) {
   std::snprintf(rec.name, sizeof rec.name, "e2e-service");
   if (hadra_ha_api_init(&rec) != 1) return 12;
   if (sysmgr_supstate_get() == 1 && !write_records(0, spec.records, 0)) return 13;
+  g_shared->start_reason[g_slot] = hadra_get_start_reason();
   publish();
   g_shared->up[g_slot] = 1;
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(120);
@@ -408,6 +410,33 @@ TEST_F(DaemonPair, APlannedSwitchoverMovesTheActiveRoleWithNothingLost) {
   ASSERT_TRUE(pk::wait_status(base_.path(), 2, [](const json& j) { return j["role"] == "active"; }, kWaitMs, &st));
   EXPECT_EQ(st["loss_report"]["lost"], 0) << st["loss_report"].dump();
   EXPECT_EQ(status(1)["role"], "standby");
+}
+
+// The start reason comes from what the daemon saw: a first start, a controlled stop (the
+// service said bye), a crash (it went away without one), across a restart of the daemon too.
+TEST_F(DaemonPair, StartReasonsFollowHowTheServiceLastStopped) {
+  start_daemon(1, "active");
+  auto run_once = [&](bool crash) {
+    g_shared->up[1] = 0;
+    pk::Signal stop;
+    start_service(1, "active", {1}, nullptr, &stop);
+    EXPECT_TRUE(wait_up(1));
+    if (crash) {
+      kill(services_[1], SIGKILL), waitpid(services_[1], nullptr, 0);
+    } else {
+      stop.raise();
+      std::string why;
+      EXPECT_TRUE(pk::wait_children({services_[1]}, kWaitMs, &why)) << why;
+    }
+    services_[1] = -1;
+    return g_shared->start_reason[1];
+  };
+  EXPECT_EQ(run_once(false), 3u);  // configuration: the first start
+  EXPECT_EQ(run_once(true), 2u);   // after a controlled stop
+  EXPECT_EQ(run_once(false), 1u);  // after the crash
+  ASSERT_EQ(pk::stop_daemon(daemons_[1], 3000), 0);
+  start_daemon(1, "active");
+  EXPECT_EQ(run_once(false), 2u);  // the facts outlived the daemon
 }
 
 TEST_F(DaemonPair, TheConfigurationWriteReplacesTheStartupAreaOnlyWhenEveryServiceWrote) {
