@@ -44,11 +44,11 @@ const Lib* lib() {
   if (const Lib* l = g_lib_override.load(); l != nullptr) return l;
   static const Lib* found = [] {
     static Lib l;
-    const bool ok = find(&l.dispatch, "hadra_ha_dispatch") & find(&l.gsync_snapshot, "sysmgrcb_gsync_snapshot") &
-                    find(&l.gsync_ready, "sysmgrcb_gsync_ready") & find(&l.gsync_failed, "sysmgrcb_gsync_failed") &
-                    find(&l.switchover, "sysmgrcb_switchover") &
-                    find(&l.active_marker, "sysmgrcb_switchover_active_marker") &
-                    find(&l.switchover_done, "sysmgrcb_switchover_done") &
+    const bool ok = find(&l.dispatch, "hadra_ha_dispatch") && find(&l.gsync_snapshot, "sysmgrcb_gsync_snapshot") &&
+                    find(&l.gsync_ready, "sysmgrcb_gsync_ready") && find(&l.gsync_failed, "sysmgrcb_gsync_failed") &&
+                    find(&l.switchover, "sysmgrcb_switchover") &&
+                    find(&l.active_marker, "sysmgrcb_switchover_active_marker") &&
+                    find(&l.switchover_done, "sysmgrcb_switchover_done") &&
                     find(&l.cfg_write, "hadra_sysmgr_cfg_write_cb");
     return ok ? &l : nullptr;
   }();
