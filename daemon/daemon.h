@@ -62,11 +62,16 @@ struct Incoming {
   bool delivered = false;                 // gsync ready went to the client; its answer awaited
 };
 
-// A gsync seen from the active's daemon: the client writes the snapshot, then it is shipped.
+// A gsync seen from the active's daemon: the client writes the snapshot, then it is shipped
+// a piece at a time, as fast as the link takes them (the loop never waits for the peer).
 struct Outgoing {
   uint32_t xfer = 0;
   uint32_t uuid = 0;
   uint64_t deadline_ns = 0;
+  bool shipping = false;     // the snapshot is written; the manifest is in `manifest`
+  proto::Manifest manifest;  // every file with its size and checksum, sent last
+  size_t file = 0;           // the file being shipped (index in manifest.files)
+  uint64_t offset = 0;       // the next byte of it to send
 };
 
 struct LossRow {
@@ -144,7 +149,9 @@ class Daemon {
   void gsync_fail_outgoing(uint32_t xfer, uint32_t status, const std::string& reason);
   void gsync_tick(uint64_t now);
   void gsync_client_gone(uint32_t uuid);
-  bool ship_area(const Outgoing& o, const proto::Answer& a, std::string* why);
+  bool prepare_shipment(Outgoing& o, const proto::Answer& a, std::string* why);
+  // Sends what the link takes now; false (with *why) when the shipment failed.
+  bool ship_some(Outgoing& o, std::string* why);
   void clean_leftovers();
 
   // switchover.cc

@@ -241,7 +241,11 @@ void Daemon::gsync_on_req(const proto::GsyncReq& r) {
   fs::remove_all(dir, ec);
   fs::create_directories(dir, ec);
   if (ec) return refuse(EIO, dir + ": " + ec.message());
-  outgoing_[r.xfer] = Outgoing{r.xfer, r.uuid, now_ns() + static_cast<uint64_t>(o_.gsync_timeout_ms) * 1000000ull};
+  Outgoing& o = outgoing_[r.xfer];
+  o = Outgoing();
+  o.xfer = r.xfer;
+  o.uuid = r.uuid;
+  o.deadline_ns = now_ns() + static_cast<uint64_t>(o_.gsync_timeout_ms) * 1000000ull;
   proto::Event ev;
   ev.kind = proto::EventKind::kGsyncSnapshot;
   ev.req_id = r.xfer;
@@ -261,67 +265,86 @@ void Daemon::gsync_fail_outgoing(uint32_t xfer, uint32_t status, const std::stri
 
 void Daemon::gsync_on_snapshot_answer(const Client& c, const proto::Answer& a) {
   auto it = outgoing_.find(a.req_id);
-  if (it == outgoing_.end()) return;
+  if (it == outgoing_.end() || it->second.shipping) return;
   if (a.value != 0) return gsync_fail_outgoing(a.req_id, EIO, "service " + c.name + " could not write its snapshot");
   std::string why;
-  const Outgoing o = it->second;
-  outgoing_.erase(it);
-  if (!ship_area(o, a, &why)) {
-    plat_syslog(PLAT_LOG_ERR, "sysmgrd: gsync %u of service %s: shipping failed: %s", o.xfer, c.name.c_str(),
-                why.c_str());
-    (void)send_peer(proto::kGsyncFail, encode(proto::GsyncFail{o.xfer, o.uuid, EIO, why}));
-  }
+  if (!prepare_shipment(it->second, a, &why) || !ship_some(it->second, &why))
+    return gsync_fail_outgoing(a.req_id, EIO, why);
+  if (it->second.file > it->second.manifest.files.size()) outgoing_.erase(it);  // all sent already
 }
 
-bool Daemon::ship_area(const Outgoing& o, const proto::Answer& a, std::string* why) {
+// The manifest first, from the files as the service left them: a file that changes later no
+// longer matches it, and the standby refuses the area.
+bool Daemon::prepare_shipment(Outgoing& o, const proto::Answer& a, std::string* why) {
   const std::string dir = area_dir(o_.root, o.uuid);
-  proto::Manifest m;
+  proto::Manifest& m = o.manifest;
   m.xfer = o.xfer;
   m.uuid = o.uuid;
   m.point = a.point;
   m.epoch = a.epoch;
   for (uint32_t i = 0; i <= proto::kMaxIndex; ++i) m.at_point[i] = a.at_point[i];
-  std::vector<uint8_t> buf(proto::kFileChunk);
   for (const std::string& name : files::area_files(dir)) {
     if (m.files.size() == proto::kMaxManifestFiles) return *why = "the area holds too many files", false;
-    const std::string path = (fs::path(dir) / name).string();
     proto::ManifestEntry e{name, 0, 0};
-    if (!files::hash_file(path, &e.xxh3, &e.size)) return *why = "file " + name + ": cannot be read", false;
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return *why = "file " + name + ": " + std::strerror(errno), false;
-    uint64_t off = 0;
-    bool ok = true;
-    do {
-      const ssize_t n = ::pread(fd, buf.data(), buf.size(), static_cast<off_t>(off));
-      if (n < 0) {
-        ok = false;
-        *why = "file " + name + ": " + std::strerror(errno);
-        break;
-      }
-      if (o_.ship_fault == "corrupt" && m.files.empty() && off == 0 && n > 0) buf[0] ^= 0x5a;
-      proto::FileData f{o.xfer, name, off, std::span<const uint8_t>(buf.data(), static_cast<size_t>(n))};
-      if (!send_peer(proto::kFileData, encode(f), true)) {
-        ok = false;
-        *why = "file " + name + ": the peer link did not take it";
-        break;
-      }
-      off += static_cast<uint64_t>(n);
-      if (n == 0 || off >= e.size) break;
-    } while (true);
-    ::close(fd);
-    if (!ok) return false;
+    if (!files::hash_file((fs::path(dir) / name).string(), &e.xxh3, &e.size))
+      return *why = "file " + name + ": cannot be read", false;
     m.files.push_back(e);
   }
-  if (o_.ship_fault == "stall") return true;
-  if (!send_peer(proto::kManifest, encode(m), true)) return *why = "the manifest could not be sent", false;
-  plat_syslog(PLAT_LOG_NOTICE, "sysmgrd: gsync %u: %zu files of %s shipped, manifest sent", o.xfer, m.files.size(),
-              dir.c_str());
+  o.shipping = true;
+  o.file = 0;
+  o.offset = 0;
+  return true;
+}
+
+bool Daemon::ship_some(Outgoing& o, std::string* why) {
+  const std::string dir = area_dir(o_.root, o.uuid);
+  static thread_local std::vector<uint8_t> buf(proto::kFileChunk);
+  auto send = [&](uint32_t opcode, const std::vector<uint8_t>& pl) {
+    return mts_send(SYSMGR_SAP, MTS_ADDR_PEER, SYSMGR_SAP, opcode, pl.data(), static_cast<uint32_t>(pl.size()), nullptr,
+                    MTS_SEND_NONBLOCK, nullptr) == 0;
+  };
+  while (o.file < o.manifest.files.size()) {
+    const proto::ManifestEntry& e = o.manifest.files[o.file];
+    const int fd = ::open((fs::path(dir) / e.name).c_str(), O_RDONLY | O_CLOEXEC);
+    const ssize_t n = fd >= 0 ? ::pread(fd, buf.data(), buf.size(), static_cast<off_t>(o.offset)) : -1;
+    const int err = errno;
+    if (fd >= 0) ::close(fd);
+    if (n < 0) return *why = "file " + e.name + ": " + std::strerror(err), false;
+    if (o_.ship_fault == "corrupt" && o.file == 0 && o.offset == 0 && n > 0) buf[0] ^= 0x5a;
+    const proto::FileData f{o.xfer, e.name, o.offset, std::span<const uint8_t>(buf.data(), static_cast<size_t>(n))};
+    if (!send(proto::kFileData, encode(f))) {
+      if (errno == EAGAIN) return true;  // the link is full: the next tick goes on from here
+      return *why = "file " + e.name + ": " + std::strerror(errno), false;
+    }
+    o.offset += static_cast<uint64_t>(n);
+    if (n == 0 || o.offset >= e.size) o.file++, o.offset = 0;
+  }
+  if (o.file == o.manifest.files.size()) {
+    if (o_.ship_fault == "stall") return true;
+    if (!send(proto::kManifest, encode(o.manifest))) {
+      if (errno == EAGAIN) return true;
+      return *why = std::string("the manifest: ") + std::strerror(errno), false;
+    }
+    plat_syslog(PLAT_LOG_NOTICE, "sysmgrd: gsync %u: %zu files of %s shipped, manifest sent", o.xfer,
+                o.manifest.files.size(), dir.c_str());
+    o.file++;  // past the end: done
+  }
   return true;
 }
 
 // ---- Deadlines and departures ----------------------------------------------------------------
 
 void Daemon::gsync_tick(uint64_t now) {
+  std::vector<std::pair<uint32_t, std::string>> broken;
+  for (auto it = outgoing_.begin(); it != outgoing_.end();) {
+    std::string why;
+    if (it->second.shipping && !ship_some(it->second, &why)) broken.emplace_back(it->first, why);
+    if (it->second.shipping && it->second.file > it->second.manifest.files.size())
+      it = outgoing_.erase(it);
+    else
+      ++it;
+  }
+  for (const auto& [xfer, why] : broken) gsync_fail_outgoing(xfer, EIO, why);
   std::vector<uint32_t> late_in, late_out;
   for (const auto& [xfer, in] : incoming_)
     if (now > in.deadline_ns) late_in.push_back(xfer);
@@ -337,7 +360,10 @@ void Daemon::gsync_tick(uint64_t now) {
                                                   it->second.files.rbegin()->first + ")";
     gsync_fail_incoming(x, ETIMEDOUT, waiting + " within " + limit);
   }
-  for (uint32_t x : late_out) gsync_fail_outgoing(x, ETIMEDOUT, "the service did not write its snapshot within " + limit);
+  for (uint32_t x : late_out)
+    gsync_fail_outgoing(x, ETIMEDOUT,
+                        outgoing_[x].shipping ? "the area could not be shipped within " + limit
+                                              : "the service did not write its snapshot within " + limit);
 }
 
 void Daemon::gsync_client_gone(uint32_t uuid) {

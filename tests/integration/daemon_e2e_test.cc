@@ -272,6 +272,8 @@ class DaemonPair : public ::testing::Test {
     EXPECT_EQ(pk::compare_dumps(d1, d2, "sup1", "sup2"), "");
   }
 
+  void shipment_fails(const char* fault, const char* reason);
+
   pk::BaseDir base_{"/tmp/hadra-d2e-XXXXXX"};
   std::vector<std::pair<std::string, std::string>> net_[3];  // transport settings per slot
   pid_t daemons_[3] = {-1, -1, -1};
@@ -355,9 +357,11 @@ TEST_F(DaemonPair, TwoHostsOverTcpInTheirOwnNetworkNamespaces) {
   gsync_live_takeover(100);
 }
 
-TEST_F(DaemonPair, AShipmentDamagedOnTheWayIsRefusedAndLeavesNoArea) {
-  start_daemon(1, "active", {{"FAULT_SHIP", "corrupt"}});
-  start_daemon(2, "standby");
+// A gsync whose shipment goes wrong on the way ends as gsync failed for the standby's service,
+// with a reason naming the file, and leaves no area behind.
+void DaemonPair::shipment_fails(const char* fault, const char* reason) {
+  start_daemon(1, "active", {{"FAULT_SHIP", fault}, {"GSYNC_TIMEOUT_MS", "20000"}});
+  start_daemon(2, "standby", {{"GSYNC_TIMEOUT_MS", "1500"}});
   start_service(1, "active", {50});
   ASSERT_TRUE(wait_up(1));
   start_service(2, "standby", {});
@@ -365,12 +369,17 @@ TEST_F(DaemonPair, AShipmentDamagedOnTheWayIsRefusedAndLeavesNoArea) {
   json st;
   ASSERT_TRUE(pk::wait_status(base_.path(), 2, [](const json& j) { return j["gsync"]["failed"] == 1; }, kWaitMs, &st));
   const std::string error = st["gsync"]["last_error"];
-  EXPECT_NE(error.find("checksum"), std::string::npos) << error;
+  EXPECT_NE(error.find(reason), std::string::npos) << error;
+  EXPECT_NE(error.find("file"), std::string::npos) << error;
   EXPECT_EQ(st["gsync"]["done"], 0);
   EXPECT_FALSE(all_in_state(2, HADRA_HA_STANDBY));
   for (const auto& e : fs::directory_iterator(pk::root_of(base_.path(), 2) + "/snap"))
     EXPECT_FALSE(e.path().filename().string().starts_with(".incoming")) << e.path();
 }
+
+TEST_F(DaemonPair, AShipmentDamagedOnTheWayIsRefusedAndLeavesNoArea) { shipment_fails("corrupt", "checksum"); }
+
+TEST_F(DaemonPair, AShipmentWhoseManifestNeverComesTimesOut) { shipment_fails("stall", "manifest never arrived"); }
 
 TEST_F(DaemonPair, AServiceKilledWhileWritingItsSnapshotFailsTheGsyncWithAReason) {
   start_daemon(1, "active");
