@@ -403,7 +403,7 @@ TEST_F(DaemonPair, AServiceKilledWhileWritingItsSnapshotFailsTheGsyncWithAReason
   EXPECT_EQ(facts[0]["last_stop"], "crash");
 }
 
-TEST_F(DaemonPair, APlannedSwitchoverMovesTheActiveRoleWithNothingLost) {
+TEST_F(DaemonPair, ARegsyncAndAPlannedSwitchoverMoveTheActiveRoleWithNothingLost) {
   start_daemon(1, "active");
   start_daemon(2, "standby");
   start_service(1, "active", {100});
@@ -413,12 +413,21 @@ TEST_F(DaemonPair, APlannedSwitchoverMovesTheActiveRoleWithNothingLost) {
   ASSERT_TRUE(wait_state(2, HADRA_HA_STANDBY));
   json st, out;
   ASSERT_TRUE(pk::wait_status(base_.path(), 2, caught_up(sync_messages(100, false)), kWaitMs, &st)) << st.dump();
+  // A second gsync asked of the standby's daemon rebuilds the running copies.
+  EXPECT_EQ(pk::daemon_command(base_.path(), 1, "gsync", &out), 1) << "only a standby is rebuilt";
+  ASSERT_EQ(pk::daemon_command(base_.path(), 2, "gsync", &out), 0) << out.dump();
+  ASSERT_TRUE(pk::wait_status(base_.path(), 2, [](const json& j) { return j["gsync"]["done"] == 2; }, kWaitMs, &st))
+      << st.dump();
+  ASSERT_TRUE(wait_state(2, HADRA_HA_STANDBY));
   EXPECT_EQ(pk::daemon_command(base_.path(), 2, "switchover", &out), 1) << "only the active steps down";
   ASSERT_EQ(pk::daemon_command(base_.path(), 1, "switchover", &out), 0) << out.dump();
   ASSERT_TRUE(wait_state(2, HADRA_HA_ACTIVE));
   ASSERT_TRUE(pk::wait_status(base_.path(), 2, [](const json& j) { return j["role"] == "active"; }, kWaitMs, &st));
   EXPECT_EQ(st["loss_report"]["lost"], 0) << st["loss_report"].dump();
   EXPECT_EQ(status(1)["role"], "standby");
+  EXPECT_EQ(pk::compare_dumps(pk::dump_root(pk::root_of(base_.path(), 1), {"run"}),
+                              pk::dump_root(pk::root_of(base_.path(), 2), {"run"}), "sup1", "sup2"),
+            "");
 }
 
 // The start reason comes from what the daemon saw: a first start, a controlled stop (the
