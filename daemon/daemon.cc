@@ -177,6 +177,7 @@ void Daemon::stop() {
     fs::remove_all(in.dir, ec);
   }
   (void)save_state();
+  send_peer_hello();  // the peer keeps this supervisor's last numbers
   // What is queued for the peer and the clients leaves first, within a bound.
   mts_flush(1000);
   if (signal_fd_ >= 0) ::close(signal_fd_);

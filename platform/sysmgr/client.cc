@@ -320,7 +320,16 @@ HADRA_PLAT_API int sysmgr_client_attach(uint32_t sap, const char* name) noexcept
     s.name = name != nullptr ? std::string(name).substr(0, 63) : std::string();
   }
   if (!cl::daemon_mode()) return c.ret(0);
-  if (!cl::daemon_running()) return c.ret(static_cast<int>(PLAT_ERR_SYSMGR_NO_DAEMON));
+  proto::Hello h;
+  h.uuid = uuid;
+  h.sap = sap;
+  h.pid = static_cast<uint32_t>(::getpid());
+  h.name = s.name;
+  const std::vector<uint8_t> hello = encode(h);
+  if (!cl::daemon_running()) {
+    cl::leave_hello(hello);  // a daemon that starts later serves this service at once
+    return c.ret(static_cast<int>(PLAT_ERR_SYSMGR_NO_DAEMON));
+  }
   // Facts first: the daemon updates them once it has seen the hello.
   proto::StateFile sf;
   if (cl::read_state(&sf)) {
@@ -330,12 +339,6 @@ HADRA_PLAT_API int sysmgr_client_attach(uint32_t sap, const char* name) noexcept
       if (f.uuid == uuid) s.facts = f, s.facts_known = true;
     if (!s.facts_known) s.facts = proto::SvcFacts{uuid}, s.facts_known = true;
   }
-  proto::Hello h;
-  h.uuid = uuid;
-  h.sap = sap;
-  h.pid = static_cast<uint32_t>(::getpid());
-  h.name = s.name;
-  const std::vector<uint8_t> hello = encode(h);
   const int rc = cl::send_to_daemon(proto::kHello, hello);
   if (rc == 0) {
     std::lock_guard<std::mutex> lock(s.mu);
@@ -349,9 +352,10 @@ HADRA_PLAT_API int sysmgr_client_detach(void) noexcept {
   hadra::plat::Call c("sysmgr", "sysmgr_client_detach", static_cast<int>(PLAT_ERR_SYSMGR_NO_DAEMON));
   if (c.faulted()) return c.fail<int>();
   cl::State& s = cl::state();
-  if (!cl::daemon_mode() || !s.attached) return c.ret(0);
-  const int rc = cl::send_to_daemon(proto::kBye, encode(proto::Bye{s.uuid}));
+  if (!cl::daemon_mode()) return c.ret(0);
   cl::leave_hello({});
+  if (!s.attached) return c.ret(0);
+  const int rc = cl::send_to_daemon(proto::kBye, encode(proto::Bye{s.uuid}));
   {
     std::lock_guard<std::mutex> lock(s.mu);
     s.attached = false;
