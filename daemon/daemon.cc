@@ -253,7 +253,14 @@ void Daemon::on_client_message(const mts_msg_ref& ref, uint32_t opcode, const vo
   }
   uuid = is_get ? g.uuid : a.uuid;
   if (clients_.find(uuid) == clients_.end()) {
-    Client c{uuid, src, find_client_pid(o_.root, uuid), "uuid-" + std::to_string(uuid)};
+    // Known again only when a running process of that service is found under the root: a
+    // client that cannot be watched would never be noticed gone.
+    const Client c{uuid, src, find_client_pid(o_.root, uuid), "uuid-" + std::to_string(uuid)};
+    if (c.pid == 0) {
+      plat_syslog(PLAT_LOG_ERR, "sysmgrd: message opcode 0x%x from SAP %u names service uuid 0x%x, which never said "
+                  "hello and runs no process here; dropped", opcode, src, uuid);
+      return;
+    }
     clients_[uuid] = c;
     plat_syslog(PLAT_LOG_NOTICE, "sysmgrd: service uuid 0x%x on SAP %u known again (pid %u)", uuid, src, c.pid);
   }

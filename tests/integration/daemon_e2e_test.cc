@@ -295,9 +295,22 @@ TEST_F(DaemonPair, StartsOnceStopsCleanlyAndServicesWithoutOneAreAnsweredAtOnce)
   std::string second;
   EXPECT_LT(pk::start_daemon(base_.path(), 1, "active", {}, 3000, &second), 0);
   EXPECT_NE(second.find("ended at start"), std::string::npos) << second;
+  // Malformed, truncated and unknown messages are logged and dropped; the daemon serves on.
+  pk::Supervisor sup{base_.path(), 1, "active", {}, true};
+  const pid_t junk = pk::spawn(sup, [] {
+    const uint8_t bytes[] = {1, 2, 3, 0xff, 0xff, 0xff, 0xff, 9};
+    for (uint32_t opc : {0x1e10u, 0x1e11u, 0x1e12u, 0x1e13u, 0x1e40u, 0x1e01u, 0x1e7fu, 5u})
+      for (uint32_t n : {0u, 3u, 8u})
+        if (mts_send(0x3700, MTS_ADDR_LOCAL, SYSMGR_SAP, opc, bytes, n, nullptr, 0, nullptr) != 0) return 1;
+    mts_flush(1000);
+    return 0;
+  });
+  std::string junk_why;
+  EXPECT_TRUE(pk::wait_children({junk}, kWaitMs, &junk_why)) << junk_why;
   const json st = status(1);
   EXPECT_EQ(st["role"], "active");
   EXPECT_EQ(st["slot"], 1);
+  EXPECT_TRUE(st["services"].empty()) << st.dump();
   EXPECT_EQ(pk::stop_daemon(daemons_[1], 3000), 0);
   daemons_[1] = -1;
   // Everything the daemon wrote is under its root.
