@@ -62,10 +62,16 @@ int g_slot = 0;
 struct ServiceSpec {
   int records = 0;      // written at start when active
   bool stall_snapshot = false;
+  bool stall_switchover = false;  // the switchover hook never answers
 };
 
 void publish() {
   for (uint8_t i = 1; i <= 2; ++i) g_shared->state[g_slot][i] = hadra_ha_pss[i].state;
+}
+
+void stalled_switchover() {
+  g_shared->in_snapshot[g_slot] = 2;
+  std::this_thread::sleep_for(std::chrono::seconds(60));
 }
 
 void on_switchover() {
@@ -107,7 +113,7 @@ int run_service(const ServiceSpec& spec, pk::Signal* live, pk::Signal* stop) {
   rec.uuid = kUuid;
   rec.sap = kSap;
   rec.opcode = kSyncOpc;
-  rec.switchover_cb = &on_switchover;
+  rec.switchover_cb = spec.stall_switchover ? &stalled_switchover : &on_switchover;
   if (spec.stall_snapshot) rec.gsync_snapshot_cb = &stall_snapshot;
   std::snprintf(rec.name, sizeof rec.name, "e2e-service");
   if (hadra_ha_api_init(&rec) != 1) return 12;
@@ -441,6 +447,34 @@ TEST_F(DaemonPair, ARegsyncAndAPlannedSwitchoverMoveTheActiveRoleWithNothingLost
   EXPECT_EQ(pk::compare_dumps(pk::dump_root(pk::root_of(base_.path(), 1), {"run"}),
                               pk::dump_root(pk::root_of(base_.path(), 2), {"run"}), "sup1", "sup2"),
             "");
+}
+
+// A takeover goes on without a service that does not answer, or dies, with a note of it.
+TEST_F(DaemonPair, ATakeoverGoesOnWithoutAServiceThatStopsAnswering) {
+  start_daemon(1, "active");
+  start_daemon(2, "standby", {{"SWITCHOVER_TIMEOUT_MS", "60000"}});
+  start_service(1, "active", {20});
+  ASSERT_TRUE(wait_up(1));
+  ServiceSpec stalls;
+  stalls.stall_switchover = true;
+  start_service(2, "standby", stalls);
+  ASSERT_TRUE(wait_up(2));
+  ASSERT_TRUE(wait_state(2, HADRA_HA_STANDBY));
+  kill_supervisor(1);
+  json st, out;
+  ASSERT_TRUE(pk::wait_status(base_.path(), 2, [](const json& j) { return !j["peer"]["up"]; }, kWaitMs, &st));
+  ASSERT_EQ(pk::daemon_command(base_.path(), 2, "takeover", &out), 0) << out.dump();
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kWaitMs);
+  while (g_shared->in_snapshot[2] != 2 && std::chrono::steady_clock::now() < deadline)
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  ASSERT_EQ(g_shared->in_snapshot[2], 2);  // inside its hook
+  EXPECT_TRUE(status(2)["switchover"]["running"]);
+  kill(services_[2], SIGKILL), waitpid(services_[2], nullptr, 0), services_[2] = -1;
+  ASSERT_TRUE(pk::wait_status(base_.path(), 2, [](const json& j) { return !j["switchover"]["running"]; }, kWaitMs,
+                              &st));
+  ASSERT_EQ(st["switchover"]["notes"].size(), 1u) << st.dump();
+  EXPECT_NE(st["switchover"]["notes"][0].get<std::string>().find("died"), std::string::npos);
+  EXPECT_EQ(st["role"], "active");
 }
 
 // The start reason comes from what the daemon saw: a first start, a controlled stop (the
