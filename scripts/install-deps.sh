@@ -10,6 +10,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-14-dev
   libsystemd-dev libxxhash-dev nlohmann-json3-dev libcli11-dev
+  iproute2
 )
 
 missing=()
