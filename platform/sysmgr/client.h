@@ -7,6 +7,8 @@
 #include <mutex>
 #include <string>
 
+#include "hadra/handle.h"
+#include "hadra/registry.h"
 #include "hadra/sync.h"
 #include "hadra/sysmgrcb.h"
 #include "hadra_platform/mts.h"
@@ -50,6 +52,9 @@ struct Lib {
   decltype(&sysmgrcb_switchover_active_marker) active_marker = nullptr;
   decltype(&sysmgrcb_switchover_done) switchover_done = nullptr;
   decltype(&hadra_sysmgr_cfg_write_cb) cfg_write = nullptr;
+  // The registry and the handle, to check what a configuration write left (null: unchecked).
+  hadra_ha_pss_entry* registry = nullptr;
+  const hadra_ha_handle_t* handle = nullptr;
 };
 // Use lib instead of the library found by name (null: back to it). For tests of the loop's
 // routing; not thread-safe against a loop in progress.

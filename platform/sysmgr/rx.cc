@@ -14,6 +14,10 @@
 // The library is reached by name at run time (the platform never links against it): a
 // process that did not load it gets ENOSYS.
 #include <dlfcn.h>
+#include <unistd.h>
+
+#include <climits>
+#include <cstdio>
 
 #include <atomic>
 #include <cerrno>
@@ -50,6 +54,8 @@ const Lib* lib() {
                     find(&l.active_marker, "sysmgrcb_switchover_active_marker") &&
                     find(&l.switchover_done, "sysmgrcb_switchover_done") &&
                     find(&l.cfg_write, "hadra_sysmgr_cfg_write_cb");
+    l.registry = static_cast<hadra_ha_pss_entry*>(::dlsym(RTLD_DEFAULT, "hadra_ha_pss"));
+    l.handle = static_cast<const hadra_ha_handle_t*>(::dlsym(RTLD_DEFAULT, "hadra_ha_handle"));
     return ok ? &l : nullptr;
   }();
   return found;
@@ -112,6 +118,28 @@ void release_held() {
 
 // ---- Events of the daemon ----
 
+// The library reports a configuration file it could not copy but answers nothing: the copies
+// it should have made are looked for, so that one missing fails the write (which the daemon
+// then leaves out of the startup area, with every other service's).
+int cfg_copies_missing(const char* area) {
+  const Lib* l = lib();
+  if (l->registry == nullptr || l->handle == nullptr) return 0;
+  int missing = 0;
+  char prefix[64];
+  std::snprintf(prefix, sizeof prefix, "%s_", l->handle->name);
+  for (int i = 1; i <= HADRA_HA_MAX_DB; ++i) {
+    const hadra_ha_pss_entry& e = l->registry[i];
+    if (e.uri[0] == '\0' || e.cfg_name[0] == '\0') continue;
+    const char* uri = sysmgr_uri_complete(area, prefix, e.cfg_name);
+    char path[PATH_MAX];
+    if (uri == nullptr || plat_uri_to_path(uri, path, sizeof path, 0) != 0 || ::access(path, F_OK) != 0) {
+      log::writef(PLAT_LOG_ERR, "sysmgr: configuration write: %s%s was not written to %s", prefix, e.cfg_name, area);
+      ++missing;
+    }
+  }
+  return missing;
+}
+
 sysmgr_req_ctx make_ctx(const mts_msg_ref& ref, const proto::Event& ev) {
   sysmgr_req_ctx ctx;
   std::memset(&ctx, 0, sizeof ctx);
@@ -160,6 +188,7 @@ bool on_event(const mts_msg_ref& ref, const proto::Event& ev) {
       a.kind = proto::AnswerKind::kCfgWrite;
       a.req_id = ev.req_id;
       a.value = lib()->cfg_write(&ctx, ev.uri.c_str());
+      if (a.value == 0 && cfg_copies_missing(ev.uri.c_str()) != 0) a.value = EIO;
       (void)send_to_daemon(proto::kAnswer, encode(a));
       return false;
     }

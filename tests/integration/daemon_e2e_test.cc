@@ -109,6 +109,7 @@ int run_service(const ServiceSpec& spec, pk::Signal* live, pk::Signal* stop) {
   if (hadra_ha_register_pss(kRoutes, "routes") == nullptr ||
       hadra_ha_register_sdb(kPeers, "peers", 6511, 6512) == nullptr)
     return 11;
+  hadra_pss_set_config(&hadra_ha_pss[kRoutes], "routes.cfg");
   hadra_ha_handle_t rec{};
   rec.uuid = kUuid;
   rec.sap = kSap;
@@ -513,6 +514,7 @@ TEST_F(DaemonPair, TheConfigurationWriteReplacesTheStartupAreaOnlyWhenEveryServi
   json out;
   ASSERT_EQ(pk::daemon_command(base_.path(), 1, "config-save", &out), 0) << out.dump();
   ASSERT_TRUE(fs::is_directory(startup));
+  EXPECT_TRUE(fs::exists(startup + "/e2e-service_routes.cfg"));
   std::ofstream(startup + "/marker") << "first";
   // A service that no longer answers: the write fails and the startup area stays as it was.
   kill(services_[1], SIGSTOP);

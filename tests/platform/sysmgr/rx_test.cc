@@ -50,8 +50,8 @@ int fake_marker() noexcept { return g_seen->calls.push_back("marker"), 0; }
 int fake_done() noexcept { return g_seen->calls.push_back("done"), 0; }
 int fake_cfg(void*, const char* uri) noexcept { return g_seen->calls.push_back(std::string("cfg ") + uri), 0; }
 
-const cl::Lib kFake = {&fake_dispatch, &fake_snapshot, &fake_gsync,  &fake_failed,
-                       &fake_switchover, &fake_marker, &fake_done, &fake_cfg};
+const cl::Lib kFake = {&fake_dispatch,   &fake_snapshot, &fake_gsync, &fake_failed, &fake_switchover,
+                       &fake_marker,     &fake_done,     &fake_cfg,   nullptr,      nullptr};
 
 class ReceiveLoopTest : public hadra::test::PlatformTest {
  protected:
