@@ -10,6 +10,8 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-14-dev
   doxygen dpkg-dev file lintian
+  libsystemd-dev libxxhash-dev nlohmann-json3-dev libcli11-dev
+  iproute2
 )
 
 missing=()

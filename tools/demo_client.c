@@ -2,13 +2,18 @@
  * Example client of libhadra_sysmgr.so, written in plain C as a service would be.
  *
  * It registers a PSS file, an SDB and an MSDB under fixed indexes, prints every registry
- * entry with its HA state, and shows the service-identity lookups. Run it with HADRA_ROOT set
+ * entry with its HA state, and shows the service-identity lookups. It also attaches to the
+ * supervisor's system manager and turns the receive loop once, as every service does
+ * (docs/receive-loop.md); with no daemon configured the in-process one answers. Run it with HADRA_ROOT set
  * to a scratch directory (scripts/run.sh does).
  */
 #include <stdio.h>
 #include <string.h>
 
 #include "hadra/hadra.h"
+#include "hadra_platform/sysmgr_client.h"
+
+#define DEMO_SAP 0x5000u
 
 static const char *kind(const hadra_ha_pss_entry *e) {
   if (e->db_type == HADRA_DB_PSS) return "pss";
@@ -53,5 +58,16 @@ int main(void) {
   hadra_ha_set_db_recovering(peers);
   print_registry();
   print_identity();
+
+  if (mts_bind(DEMO_SAP) != 0) {
+    perror("demo: mts_bind");
+    return 1;
+  }
+  int attached = sysmgr_client_attach(DEMO_SAP, "demo");
+  printf("system manager: %s\n", attached == 0 ? "attached" : "no daemon runs on this supervisor");
+  mts_msg_ref other;
+  int kind = sysmgr_client_next(DEMO_SAP, 0, &other);
+  printf("receive loop: %s\n", kind == SYSMGR_RX_NONE ? "nothing queued" : kind < 0 ? "failed" : "a message handled");
+  if (kind == SYSMGR_RX_OTHER) mts_drop(DEMO_SAP, &other);
   return 0;
 }

@@ -97,6 +97,20 @@ HADRA_PLAT_API int mts_recv(uint32_t sap, mts_msg_ref* ref, const mts_recv_opts*
   return c.ret(mts::recv(sap, ref, opts));
 }
 
+HADRA_PLAT_API void mts_flush(uint32_t timeout_ms) noexcept {
+  Call c("mts", "mts_flush", 0);
+  c.args("timeout_ms=%u", timeout_ms);
+  mts::flush(static_cast<int>(timeout_ms > 60000 ? 60000 : timeout_ms));
+  c.ret_void();
+}
+
+HADRA_PLAT_API int mts_fd_get(uint32_t sap) noexcept {
+  Call c("mts", "mts_fd_get", -1);
+  c.args("sap=%u", sap);
+  if (c.faulted()) return c.fail<int>();
+  return c.ret(mts::ready_fd(sap));
+}
+
 HADRA_PLAT_API int mts_drop(uint32_t sap, const mts_msg_ref* ref) noexcept {
   Call c("mts", "mts_drop", -1);
   if (ref != nullptr)

@@ -22,6 +22,7 @@
 // send_mu held but never with g.mu held, and the transport's thread takes only g.mu.
 #include "mts/core.h"
 
+#include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -67,6 +68,12 @@ struct TxStream {
 };
 
 struct Endpoint {
+  Endpoint() = default;
+  Endpoint(const Endpoint&) = delete;
+  Endpoint& operator=(const Endpoint&) = delete;
+  ~Endpoint() {
+    if (ready_fd >= 0) ::close(ready_fd);
+  }
   uint32_t sap = 0;
   uint32_t epoch = 0;
   bool receiving = false;
@@ -80,6 +87,10 @@ struct Endpoint {
   std::vector<RxStream> rx;
   Counters counters;
   std::condition_variable cv;
+  // Readable while the queue holds a message (or the endpoint closed): what a caller's
+  // event loop polls. Made on first request; -1 until then.
+  int ready_fd = -1;
+  bool ready_set = false;
 };
 
 using EndpointPtr = std::shared_ptr<Endpoint>;
@@ -145,6 +156,19 @@ EndpointPtr get_or_create_locked(Global& s, uint32_t sap) {
     ep->epoch = new_epoch();
   }
   return ep;
+}
+
+// Keep ready_fd readable exactly while there is something for a receiver to see.
+void update_ready_locked(Endpoint& ep) {
+  if (ep.ready_fd < 0) return;
+  const bool want = !ep.queue.empty() || ep.closed;
+  if (want == ep.ready_set) return;
+  uint64_t v = 1;
+  if (want) {
+    if (::write(ep.ready_fd, &v, sizeof v) == sizeof v) ep.ready_set = true;
+  } else if (::read(ep.ready_fd, &v, sizeof v) == sizeof v) {
+    ep.ready_set = false;
+  }
 }
 
 bool hold_locked(Endpoint& ep, Message&& m, uint8_t kind, mts_msg_ref* ref) {
@@ -222,6 +246,7 @@ void enqueue_locked(Endpoint& ep, Message&& m) {
   ep.queue.push_back(std::move(m));
   ++ep.counters.delivered;
   ep.cv.notify_one();
+  update_ready_locked(ep);
 }
 
 uint64_t next_seq(Endpoint& ep, uint32_t dst) {
@@ -441,6 +466,7 @@ int unbind(uint32_t sap) {
     s.eps.erase(sap);
     ep->closed = true;
     ep->cv.notify_all();
+    update_ready_locked(*ep);
     tp = ep->receiving ? s.transport : nullptr;
   }
   if (tp != nullptr) tp->close_endpoint(sap);
@@ -486,6 +512,38 @@ int recv(uint32_t sap, mts_msg_ref* ref, const mts_recv_opts* opts) {
   }
   if (!hold_locked(*ep, std::move(ep->queue.front()), MTS_REF_RECEIVED, ref)) return -1;
   ep->queue.pop_front();
+  update_ready_locked(*ep);
+  return 0;
+}
+
+int ready_fd(uint32_t sap) {
+  Global& s = g();
+  std::lock_guard<std::mutex> lock(s.mu);
+  EndpointPtr ep = find_locked(s, sap);
+  if (!ep || !ep->receiving) {
+    errno = EADDRNOTAVAIL;
+    return -1;
+  }
+  if (ep->ready_fd < 0) {
+    ep->ready_fd = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (ep->ready_fd < 0) return -1;
+    update_ready_locked(*ep);
+  }
+  return ep->ready_fd;
+}
+
+uint64_t last_sent(uint32_t sap, uint32_t dst_sap, uint32_t* epoch) {
+  Global& s = g();
+  EndpointPtr ep;
+  {
+    std::lock_guard<std::mutex> lock(s.mu);
+    ep = find_locked(s, sap);
+  }
+  if (!ep) return 0;
+  std::lock_guard<std::mutex> order(ep->send_mu);
+  if (epoch != nullptr) *epoch = ep->epoch;
+  for (const TxStream& t : ep->tx)
+    if (t.dst_sap == dst_sap) return t.last;
   return 0;
 }
 
@@ -595,6 +653,15 @@ uint8_t own_slot() {
   return g().settings.slot;
 }
 
+void flush(int ms) {
+  Global& s = g();
+  {
+    std::lock_guard<std::mutex> lock(s.mu);
+    if (s.transport) s.transport->linger(ms);
+  }
+  reset();
+}
+
 void reset() {
   Global& s = g();
   std::map<uint32_t, EndpointPtr> eps;
@@ -607,6 +674,7 @@ void reset() {
       ep->closed = true;
       ep->receiving = false;
       ep->cv.notify_all();
+      update_ready_locked(*ep);
     }
     s.configured = false;
     s.done.clear();

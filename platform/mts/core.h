@@ -54,6 +54,11 @@ int send(const Outgoing& o, mts_msg_ref* out_ref);
 
 int recv(uint32_t sap, mts_msg_ref* ref, const mts_recv_opts* opts);
 int drop(uint32_t sap, const mts_msg_ref* ref);
+// The endpoint's readiness descriptor (see mts_fd_get); -1 with errno.
+int ready_fd(uint32_t sap);
+// The last HA sequence number sap sent to dst_sap on the peer (0: none yet) and, when epoch is
+// not null, the stream's epoch.
+uint64_t last_sent(uint32_t sap, uint32_t dst_sap, uint32_t* epoch);
 // Copy what ref names into *out; false (errno EINVAL) when it names nothing.
 bool info(const mts_msg_ref* ref, MsgInfo* out);
 
@@ -76,5 +81,7 @@ uint8_t own_slot();
 
 // Close every endpoint and the transport; MTS starts afresh on next use.
 void reset();
+// The same, letting frames already sent leave first for at most ms.
+void flush(int ms);
 
 }  // namespace hadra::plat::mts

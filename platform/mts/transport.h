@@ -55,6 +55,9 @@ class Transport {
   virtual int transmit(const Route& to, Frame&& f, bool nonblock) = 0;
   // The loopback transport, for the testing interface; null for the others.
   virtual LoopbackTransport* loopback() { return nullptr; }
+  // The process is about to stop: frames already handed over may take up to ms to leave
+  // when the transport is destroyed (instead of being discarded).
+  virtual void linger(int ms) { (void)ms; }
 };
 
 std::shared_ptr<Transport> make_loopback_transport(const Settings& s);

@@ -66,6 +66,10 @@ class ZmqTransport final : public Transport {
   int open_endpoint(uint32_t sap) override;
   void close_endpoint(uint32_t sap) override;
   int transmit(const Route& to, Frame&& f, bool nonblock) override;
+  void linger(int ms) override {
+    std::lock_guard<std::mutex> lock(tx_mu_);
+    linger_ms_ = ms;
+  }
 
  private:
   struct Cmd {
@@ -94,6 +98,7 @@ class ZmqTransport final : public Transport {
   std::vector<std::pair<uint32_t, void*>> rx_;  // the I/O thread's alone
   std::mutex tx_mu_;
   std::map<uint64_t, void*> tx_;  // (peer << 32 | sap) -> PUSH socket
+  int linger_ms_ = 0;             // under tx_mu_: how long the destructor lets frames leave
 };
 
 ZmqTransport::~ZmqTransport() {
@@ -106,7 +111,7 @@ ZmqTransport::~ZmqTransport() {
     io_.join();
   }
   for (auto& [key, sock] : tx_) {
-    set_int(sock, ZMQ_LINGER, 0);
+    set_int(sock, ZMQ_LINGER, linger_ms_);
     zmq_close(sock);
   }
   if (ctx_ != nullptr)

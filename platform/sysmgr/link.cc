@@ -19,7 +19,7 @@ int local_gsync_get(int) {
 }
 
 constexpr hadra::plat::sysmgr::Link kLocalLink = {&local_gsync_get};
-std::atomic<const hadra::plat::sysmgr::Link*> g_link{&kLocalLink};
+std::atomic<const hadra::plat::sysmgr::Link*> g_link{nullptr};  // null: as configured
 
 void reset() { g_gsync_requests.store(0); }
 
@@ -29,9 +29,13 @@ const bool g_registered = (hadra::plat::register_reset(&reset), true);
 
 namespace hadra::plat::sysmgr {
 
-void set_link(const Link* link) noexcept { g_link.store(link != nullptr ? link : &kLocalLink); }
+void set_link(const Link* link) noexcept { g_link.store(link); }
 
-const Link& link() noexcept { return *g_link.load(); }
+const Link& link() noexcept {
+  if (const Link* l = g_link.load(); l != nullptr) return *l;
+  const Link* d = daemon_link();
+  return d != nullptr ? *d : kLocalLink;
+}
 
 }  // namespace hadra::plat::sysmgr
 

@@ -103,6 +103,10 @@ namespace hadra::plat::sysmgr {
 
 uint32_t local_uuid() noexcept { return loaded().uuid; }
 
+void set_local_supstate(int state) noexcept {
+  update([&](View& v) { v.supstate = state; });
+}
+
 }  // namespace hadra::plat::sysmgr
 
 extern "C" {

@@ -105,7 +105,7 @@ int local_hs_query(uint32_t sap, uint32_t uuid, mts_msg_ref* out) {
 }
 
 constexpr sm::ProcLink kLocalLink = {&local_answer, &local_swover_first_start, &local_handshake_done, &local_hs_query};
-std::atomic<const sm::ProcLink*> g_link{&kLocalLink};
+std::atomic<const sm::ProcLink*> g_link{nullptr};  // null: as configured
 
 // A gsync answer for the event of ctx.
 int gsync_answer(Call& c, void* ctx, int failed, sm::AnswerKind kind) {
@@ -119,9 +119,13 @@ int gsync_answer(Call& c, void* ctx, int failed, sm::AnswerKind kind) {
 
 namespace hadra::plat::sysmgr {
 
-void set_proc_link(const ProcLink* link) noexcept { g_link.store(link != nullptr ? link : &kLocalLink); }
+void set_proc_link(const ProcLink* link) noexcept { g_link.store(link); }
 
-const ProcLink& proc_link() noexcept { return *g_link.load(); }
+const ProcLink& proc_link() noexcept {
+  if (const ProcLink* l = g_link.load(); l != nullptr) return *l;
+  const ProcLink* d = daemon_proc_link();
+  return d != nullptr ? *d : kLocalLink;
+}
 
 }  // namespace hadra::plat::sysmgr
 

@@ -37,7 +37,11 @@ struct ProcLink {
   int (*hs_query)(uint32_t sap, uint32_t uuid, mts_msg_ref* out);
 };
 
-// Replace the link (null: back to the local one). Not thread-safe against calls in flight.
+// The daemon client's link when configuration selects the daemon (see sysmgr_internal.h),
+// else null.
+const ProcLink* daemon_proc_link() noexcept;
+
+// Replace the link (null: back to the configured one). Not thread-safe against calls in flight.
 void set_proc_link(const ProcLink* link) noexcept;
 const ProcLink& proc_link() noexcept;
 

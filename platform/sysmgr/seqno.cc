@@ -120,6 +120,18 @@ void set_mode(SeqnoTable* t, uint32_t bit) { __atomic_fetch_or(&t->mode, bit, __
 
 }  // namespace
 
+namespace hadra::plat::sysmgr {
+
+void own_seqnos(uint64_t seqno[kSeqnoMaxIndex + 1], uint32_t count[kSeqnoMaxIndex + 1]) noexcept {
+  SeqnoTable* t = st().table.load(std::memory_order_acquire);
+  for (uint32_t i = 0; i <= kSeqnoMaxIndex; ++i) {
+    count[i] = t != nullptr ? __atomic_load_n(&t->slot[i].reports, __ATOMIC_ACQUIRE) : 0;
+    seqno[i] = t != nullptr ? __atomic_load_n(&t->slot[i].seqno, __ATOMIC_ACQUIRE) : 0;
+  }
+}
+
+}  // namespace hadra::plat::sysmgr
+
 extern "C" {
 
 HADRA_PLAT_API int sysmgr_seqno_sync(uint32_t index, uint64_t seqno) noexcept {

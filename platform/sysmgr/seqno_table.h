@@ -22,6 +22,11 @@
 namespace hadra::plat::sysmgr {
 
 constexpr uint32_t kSeqnoMagic = 0x48535154u;  // "HSQT"
+// The same layout serves the standby's table of what it applied, <root>/sysmgr/applied-<pid>.tbl:
+// per index the last HA number applied (seqno) and the messages applied (reports), counted
+// from the gsync's snapshot, whose own counts it starts with. Written by the service's receive
+// loop, read by the daemon at a takeover.
+constexpr uint32_t kAppliedMagic = 0x48535141u;  // "HSQA"
 constexpr uint16_t kSeqnoVersion = 1;
 constexpr uint32_t kSeqnoMaxIndex = 10;  // registry indexes 1..10
 

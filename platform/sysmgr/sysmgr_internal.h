@@ -13,6 +13,13 @@ namespace hadra::plat::sysmgr {
 // uuid of this service as the local view holds it (configuration or test setter).
 uint32_t local_uuid() noexcept;
 
+// Replace the supervisor state this process sees (the daemon's role, a switchover).
+void set_local_supstate(int state) noexcept;
+
+// This process's own sequence-number reports per registry index 1..10 (index 0 unused; all
+// zero before the first report).
+void own_seqnos(uint64_t seqno[11], uint32_t count[11]) noexcept;
+
 // True when uri has the form "<area>:/<path>" with a lower-case area and a path of
 // non-empty segments, none "." or ".."; a trailing '/' is allowed.
 bool valid_uri(const char* uri) noexcept;
@@ -25,5 +32,9 @@ struct Link {
 // Replace the link (null: back to the local one). Not thread-safe against calls in flight.
 void set_link(const Link* link) noexcept;
 const Link& link() noexcept;
+
+// The link to the daemon, used when configuration selects it (SYSMGR = daemon; the default
+// with the ZeroMQ transport). Null while the local stand-in is selected.
+const Link* daemon_link() noexcept;
 
 }  // namespace hadra::plat::sysmgr

@@ -1,16 +1,13 @@
 // hadra_pair: two supervisors on this host with a sample service, whose state is shown to
-// survive a gsync, live changes and a switchover.
+// survive a gsync, live changes and a takeover after the active is killed.
 //
-// Three processes: this driver and one child per supervisor (pairkit::spawn), each child
-// with its own platform root under the base directory and the ZeroMQ transport between
-// them. The children run the sample service (service.h) and publish their status in a
-// shared page; the driver moves them from step to step with pairkit signals, prints a
-// status table after each step, and compares the two roots' stores record by record.
-//
-// Until a system-manager daemon exists the driver and the children play its part: the
-// events reach the service through the platform's testing interface, and the driver ships
-// the gsync snapshot area from one root to the other. Every wait is bounded by kStepMs and
-// watches the children, so a supervisor that dies ends the run at once with its reason.
+// Five processes: this driver, and per supervisor its system-manager daemon (hadra-sysmgrd)
+// and the sample service (service.h), each supervisor with its own platform root under the
+// base directory and the ZeroMQ transport between them. The daemons run gsync and the
+// takeover; the driver only starts and kills processes, sends the daemons commands, reads
+// their status, prints a table after each step, and compares the two roots' stores record
+// by record. Every wait is bounded by kStepMs and watches the processes, so a supervisor
+// that dies ends the run at once with its reason.
 #include <sys/mman.h>
 #include <sys/wait.h>
 
@@ -23,9 +20,11 @@
 #include <filesystem>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "hadra/registry.h"
+#include "pairkit/daemons.h"
 #include "pairkit/store_dump.h"
 #include "pairkit/two_sup.h"
 #include "service.h"
@@ -49,19 +48,24 @@ sample service that keeps its state in a PSS file "routes", an SDB "peers" and a
      HADRA_HA_STANDBY); both copies are compared record by record;
   c. live changes on the active (updates, deletes, an SDB batch, an MSDB batch) reach the
      standby's receive loop and dispatcher as sync messages; compared again;
-  d. supervisor 1 is killed; switchover on supervisor 2 (databases HADRA_HA_RECOVER, the
-     service's switchover hook, hadra_ha_recovery_done, databases HADRA_HA_ACTIVE); the
-     new active must hold every record the old one had.
+  d. supervisor 1 (its daemon and its service) is killed with SIGKILL; supervisor 2's
+     daemon sees the peer gone and is told to take over: it writes the loss report (sync
+     messages the old active reported against those applied here; 0 lost) and drives the
+     switchover on the service (databases HADRA_HA_RECOVER, the service's switchover hook,
+     hadra_ha_recovery_done, databases HADRA_HA_ACTIVE); the new active must hold every
+     record the old one had.
+
+Each supervisor is a system-manager daemon (hadra-sysmgrd) and a service process, each with
+its own platform root. Gsync goes through the daemons: the standby's service asks its
+daemon, the active's daemon has its service write the snapshot, ships the area's files with
+a checksum each and a manifest, and the standby's daemon checks them before gsync ready.
 
 A status table follows each step: per supervisor its role, each database's HA state and
-record count (read from its stores), and the sync messages it sent and applied. The last
-line is the verdict; the exit status is 0 only when every check held, 1 otherwise.
+record count (read from its stores), and the sync messages it sent and applied (from its
+daemon). The last line is the verdict; the exit status is 0 only when every check held.
 
-Real: the processes, the LMDB stores, the ZeroMQ transport between the supervisors, the
-library and the platform. Stood in for: the system-manager daemon, which does not exist
-yet. The tool plays its part through the platform's testing interface: it hands the gsync
-and switchover events to the service, ships the snapshot area from one root to the other,
-and reads back the service's answers.
+Everything is real: the processes, the daemons, the LMDB stores, the ZeroMQ transport, the
+library and the platform; no testing interface is used.
 
 options:
   --dir D        put the supervisor roots in D/sup1 and D/sup2, which must not exist yet;
@@ -117,6 +121,7 @@ struct Run {
   SupStatus* sup = nullptr;  // [2], in a page shared with the children
   Steps steps;
   pid_t pid[2] = {-1, -1};
+  pid_t daemon[2] = {-1, -1};
   bool gone[2] = {false, false};  // taken down on purpose
   std::vector<std::string> failed;
 };
@@ -153,10 +158,20 @@ const pairkit::StoreDump* store_of(const RootDump& d, const char* name) {
   return nullptr;
 }
 
-const char* role_of(const Run& r, int s) {
-  if (r.gone[s]) return "gone";
-  if (r.pid[s] <= 0 || r.sup[s].up == 0) return "-";
-  return r.sup[s].supstate == 1 ? "active" : r.sup[s].supstate == 2 ? "standby" : "none";
+// What a supervisor's daemon says (empty when it is gone).
+nlohmann::json daemon_status(const Run& r, int s) {
+  nlohmann::json j;
+  if (r.gone[s] || r.daemon[s] <= 0 || pairkit::daemon_command(r.base, s + 1, "status", &j) != 0) return {};
+  return j;
+}
+
+// Sync messages the daemon's services sent (field "sent") or applied ("applied").
+uint64_t sync_count(const nlohmann::json& st, const char* field) {
+  uint64_t n = 0;
+  if (st.contains("services"))
+    for (const auto& svc : st["services"])
+      for (const auto& d : svc["databases"]) n += d[field].get<uint64_t>();
+  return n;
 }
 
 void table(const Run& r, const Dumps& d) {
@@ -165,16 +180,18 @@ void table(const Run& r, const Dumps& d) {
   std::printf(" | %9s %9s\n", "sync sent", "applied");
   for (int s = 0; s < 2; ++s) {
     const SupStatus& st = r.sup[s];
+    const nlohmann::json ds = daemon_status(r, s);
     const bool running = r.pid[s] > 0 && st.up != 0 && !r.gone[s];
-    std::printf("   %-4d %-8s", s + 1, role_of(r, s));
+    const std::string role = r.gone[s] ? "gone" : ds.contains("role") ? ds["role"].get<std::string>() : "-";
+    std::printf("   %-4d %-8s", s + 1, role.c_str());
     for (int i = 0; i < kDatabases; ++i) {
       const char* state = running && st.ha_state[i] < 4 ? hadra_ha_pss_state2str[st.ha_state[i]] + 9 : "-";
       const pairkit::StoreDump* store = store_of(d.sup[s], kDbNames[i]);
       const std::string count = store != nullptr ? std::to_string(store->records.size()) : "-";
       std::printf(" | %-8s %9s", state, count.c_str());
     }
-    std::printf(" | %9llu %9llu\n", static_cast<unsigned long long>(st.sent),
-                static_cast<unsigned long long>(st.applied));
+    std::printf(" | %9llu %9llu\n", static_cast<unsigned long long>(sync_count(ds, "sent")),
+                static_cast<unsigned long long>(sync_count(ds, "applied")));
   }
   std::fflush(stdout);
 }
@@ -207,22 +224,57 @@ std::string ended(pid_t pid) {
   return "killed by signal " + std::to_string(info.si_status);
 }
 
-// Waits for sig, watching the children: false (and a failed check) when one ends first or
-// the step takes longer than kStepMs.
-bool await(Run& r, pairkit::Signal& sig, const char* what) {
+// A supervisor process that ended although it should run: its description, else "".
+std::string someone_ended(Run& r) {
+  for (int s = 0; s < 2; ++s) {
+    if (r.gone[s]) continue;
+    for (pid_t p : {r.pid[s], r.daemon[s]}) {
+      const std::string how = p > 0 ? ended(p) : "";
+      if (how.empty()) continue;
+      const bool service = p == r.pid[s];
+      const std::string why = service && r.sup[s].failure[0] != '\0' ? r.sup[s].failure : how;
+      return std::string(service ? "the service" : "the daemon") + " of supervisor " + std::to_string(s + 1) +
+             " ended: " + why;
+    }
+  }
+  return "";
+}
+
+// Waits until done() holds, watching the processes: false (and a failed check) when one ends
+// first or the step takes longer than kStepMs.
+template <class F>
+bool await_cond(Run& r, const char* what, F done) {
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kStepMs);
   while (std::chrono::steady_clock::now() < deadline) {
-    if (sig.wait(100)) return true;
-    for (int s = 0; s < 2; ++s) {
-      const std::string how = r.pid[s] > 0 && !r.gone[s] ? ended(r.pid[s]) : "";
-      if (how.empty()) continue;
-      const std::string why = r.sup[s].failure[0] != '\0' ? r.sup[s].failure : how;
-      check(r, false, std::string("supervisor ") + std::to_string(s + 1) + " ended while waiting for " + what, why);
+    if (done()) return true;
+    if (const std::string why = someone_ended(r); !why.empty()) {
+      check(r, false, std::string("waiting for ") + what, why);
       return false;
     }
   }
   check(r, false, std::string("waiting for ") + what, "no answer within " + std::to_string(kStepMs) + " ms");
   return false;
+}
+
+bool await(Run& r, pairkit::Signal& sig, const char* what) {
+  return await_cond(r, what, [&] { return sig.wait(100); });
+}
+
+// Polls supervisor s's daemon until pred holds on its status.
+template <class F>
+bool await_daemon(Run& r, int s, const char* what, F pred) {
+  return await_cond(r, what, [&] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    const nlohmann::json st = daemon_status(r, s);
+    return !st.empty() && pred(st);
+  });
+}
+
+bool start_daemon(Run& r, int slot) {
+  std::string why;
+  r.daemon[slot - 1] = pairkit::start_daemon(r.base, slot, slot == 1 ? "active" : "standby", {}, 10000, &why);
+  check(r, r.daemon[slot - 1] > 0, "the daemon of supervisor " + std::to_string(slot) + " runs", why);
+  return r.daemon[slot - 1] > 0;
 }
 
 pid_t start(Run& r, int slot) {
@@ -231,7 +283,7 @@ pid_t start(Run& r, int slot) {
   // all (five messages a record: three sync messages and two SDB update notifications),
   // or each send beyond the queue's room would wait out the send timeout and fail.
   const std::string hwm = std::to_string(8 * r.opt.records + 1000);
-  pairkit::Supervisor sup{r.base, slot, supstate, {{"MTS_HWM", hwm}}};
+  pairkit::Supervisor sup{r.base, slot, supstate, {{"MTS_HWM", hwm}, {"UUID", "1441"}}, true};
   SupStatus* status = &r.sup[slot - 1];
   Run* run = &r;
   r.pid[slot - 1] = pairkit::spawn(sup, [run, slot, status] {
@@ -241,25 +293,28 @@ pid_t start(Run& r, int slot) {
   return r.pid[slot - 1];
 }
 
+bool all_in(const SupStatus& st, uint32_t state) {
+  for (uint32_t s : st.ha_state)
+    if (s != state) return false;
+  return st.up != 0;
+}
+
 bool step_a(Run& r) {
   heading("a. supervisor 1 starts as active; the service writes its first records");
+  if (!start_daemon(r, 1) || !start_daemon(r, 2)) return false;
   if (start(r, 1) <= 0 || !await(r, r.steps.written, "the first records")) return false;
   table(r, dump_both(r));
   return true;
 }
 
 bool step_b(Run& r) {
-  heading("b. supervisor 2 starts as a fresh standby and is brought up by gsync");
-  if (start(r, 2) <= 0 || !await(r, r.steps.standby_up, "the standby to start")) return false;
-  r.steps.snapshot.raise();
-  if (!await(r, r.steps.covered, "the gsync snapshot")) return false;
-  std::string why;
-  const long files = pairkit::ship_area(r.base, 1, 2, kAreaDir, &why);
-  check(r, files >= kDatabases, std::string("snapshot area ") + kAreaDir + " shipped from sup1 to sup2",
-        files < 0 ? why : std::to_string(files) + " files");
-  if (files < kDatabases) return false;
-  r.steps.shipped.raise();
-  if (!await(r, r.steps.synced, "gsync ready")) return false;
+  heading("b. supervisor 2 starts as a fresh standby and is brought up by gsync through the daemons");
+  if (start(r, 2) <= 0) return false;
+  if (!await_cond(r, "gsync ready", [&] { return all_in(r.sup[1], HADRA_HA_STANDBY); })) return false;
+  const nlohmann::json st = daemon_status(r, 1);
+  check(r, st["gsync"]["done"] == 1 && st["gsync"]["failed"] == 0,
+        "the snapshot area was shipped, verified against its manifest and rebuilt on supervisor 2",
+        st["gsync"]["last_error"].get<std::string>());
   const Dumps d = dump_both(r);
   table(r, d);
   compare(r, d, false, "after gsync");
@@ -269,35 +324,55 @@ bool step_b(Run& r) {
 bool step_c(Run& r) {
   heading("c. live changes on the active reach the standby as sync messages");
   r.steps.live.raise();
-  if (!await(r, r.steps.live_sent, "the live changes") || !await(r, r.steps.applied, "the standby to apply them"))
-    return false;
+  if (!await(r, r.steps.live_sent, "the live changes")) return false;
+  const uint64_t sent = sync_count(daemon_status(r, 0), "sent");
+  // Everything supervisor 1 reported sending, supervisor 2 applied (the snapshot's share
+  // counted in): the standby's daemon compares the two.
+  const bool caught_up = await_daemon(r, 1, "the standby to apply them", [&](const nlohmann::json& st) {
+    uint64_t reported = 0;
+    for (const auto& svc : st["peer_reported"]) reported += svc["sent"].get<uint64_t>();
+    return reported == sent && sync_count(st, "applied") == sent;
+  });
+  if (!caught_up) return false;
   const Dumps d = dump_both(r);
   table(r, d);
-  const uint64_t live = r.sup[0].sent - r.sup[0].sent_at_snapshot;
-  check(r, live > 0 && r.sup[1].applied == live, "every sync message sent after the snapshot was applied",
-        std::to_string(live) + " sent, " + std::to_string(r.sup[1].applied) + " applied");
+  check(r, true, "every sync message sent was applied or covered by the snapshot", std::to_string(sent) + " messages");
   compare(r, d, true, "after the live changes");
   return true;
 }
 
 bool step_d(Run& r) {
-  heading("d. supervisor 1 goes away; supervisor 2 takes over by switchover");
-  kill(r.pid[0], SIGKILL);
-  waitpid(r.pid[0], nullptr, 0);
+  heading("d. supervisor 1 is killed; supervisor 2 takes over");
+  kill(r.pid[0], SIGKILL), waitpid(r.pid[0], nullptr, 0);
+  kill(r.daemon[0], SIGKILL), waitpid(r.daemon[0], nullptr, 0);
   r.gone[0] = true;
-  std::printf("   [driver] supervisor 1 killed (SIGKILL)\n");
+  std::printf("   [driver] supervisor 1 killed (SIGKILL to its daemon and its service)\n");
   std::fflush(stdout);
-  r.steps.takeover.raise();
-  if (!await(r, r.steps.switched, "the switchover")) return false;
+  if (!await_daemon(r, 1, "supervisor 2 to see its peer gone", [](const nlohmann::json& st) {
+        return !st["peer"]["up"].get<bool>();
+      }))
+    return false;
+  nlohmann::json out;
+  const int rc = pairkit::daemon_command(r.base, 2, "takeover", &out);
+  check(r, rc == 0, "supervisor 2's daemon took over", out.value("error", ""));
+  if (rc != 0) return false;
+  std::printf("   loss report (per database: last reported by the old active, last applied here, missing):\n");
+  for (const auto& row : out["loss_report"]["databases"])
+    std::printf("     %s #%d: %llu %llu %llu\n", row["service"].get<std::string>().c_str(), row["database"].get<int>(),
+                row["last_reported"].get<unsigned long long>(), row["last_applied"].get<unsigned long long>(),
+                row["missing"].get<unsigned long long>());
+  const bool none_lost = out["loss_report"]["known"] && out["loss_report"]["lost"] == 0;
+  check(r, none_lost, "the loss report says 0 lost", none_lost ? "" : out["loss_report"].dump());
+  if (!await_cond(r, "the switchover", [&] { return all_in(r.sup[1], HADRA_HA_ACTIVE) && r.sup[1].switched != 0; }))
+    return false;
   const Dumps d = dump_both(r);
   table(r, d);
-  bool active = r.sup[1].supstate == 1;
-  for (uint32_t state : r.sup[1].ha_state) active &= state == HADRA_HA_ACTIVE;
-  check(r, active, "supervisor 2 is active with every database HADRA_HA_ACTIVE");
-  compare(r, d, true, "after the switchover");
+  check(r, r.sup[1].supstate == 1, "supervisor 2 is active with every database HADRA_HA_ACTIVE");
+  compare(r, d, true, "after the takeover");
   r.steps.finish.raise();
   std::string why;
-  check(r, pairkit::wait_children({r.pid[1]}, kStepMs, &why), "supervisor 2 ended cleanly", why);
+  check(r, pairkit::wait_children({r.pid[1]}, kStepMs, &why), "supervisor 2's service ended cleanly", why);
+  check(r, pairkit::stop_daemon(r.daemon[1], 5000) == 0, "supervisor 2's daemon stopped cleanly (SIGTERM)");
   r.gone[1] = true;
   return true;
 }
@@ -329,6 +404,8 @@ void finish(Run& r) {
   for (int s = 0; s < 2; ++s)
     if (r.pid[s] > 0 && !r.gone[s]) left.push_back(r.pid[s]);
   if (!left.empty()) pairkit::wait_children(left, 0, nullptr);  // a failed run: end them now
+  for (int s = 0; s < 2; ++s)
+    if (r.daemon[s] > 0 && !r.gone[s]) pairkit::stop_daemon(r.daemon[s], 3000);
   if (r.opt.keep) {
     std::printf("\nroots kept: %s and %s (stores under run/, the snapshot under snap/, logs in log/)\n",
                 pairkit::root_of(r.base, 1).c_str(), pairkit::root_of(r.base, 2).c_str());
@@ -351,7 +428,7 @@ int run(const Options& opt) {
   finish(r);
   munmap(page, 2 * sizeof(SupStatus));
   if (completed && r.failed.empty()) {
-    std::printf("\nPASS: the service's state survived gsync, live changes and a switchover\n");
+    std::printf("\nPASS: the service's state survived gsync, live changes and a takeover after kill -9\n");
     return 0;
   }
   std::printf("\nFAIL: %s%s\n", r.failed.empty() ? "the run stopped early" : r.failed.front().c_str(),

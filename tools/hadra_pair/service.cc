@@ -1,8 +1,6 @@
-// The sample service and its two roles. The roles also play the local system manager's
-// part towards the service, as no system-manager daemon exists yet: they make its event
-// contexts with the platform's testing interface, call the library's sysmgr callbacks with
-// them, put the messages the daemon would queue on the service's own queue, and read back
-// the answers the service gave. Everything else is what a real service does.
+// The sample service and its two roles. Nothing here plays the system manager: the daemon
+// of each supervisor delivers the gsync and switchover events, and the platform's receive
+// loop hands them to the library.
 #include "service.h"
 
 #include <cstdarg>
@@ -16,10 +14,11 @@
 
 #include "hadra/hadra.h"
 #include "hadra/sdb.h"
-#include "hadra_mts_testing.h"
+#include <chrono>
+
 #include "hadra_platform/mts.h"
 #include "hadra_platform/sysmgr.h"
-#include "hadra_platform_testing.h"
+#include "hadra_platform/sysmgr_client.h"
 
 namespace hadra::pair {
 
@@ -29,20 +28,20 @@ namespace {
 
 constexpr uint32_t kSap = 3501;
 constexpr uint32_t kSyncOpc = 6401;
-constexpr uint32_t kCoveredOpc = 6402;  // the active's stream up to here is in the snapshot
-constexpr uint32_t kEndOpc = 6403;      // the active's live changes are all sent
-// The switchover request as the system manager would queue it: from its own SAP, with an
-// opcode of its range that no other message of the service uses.
-constexpr uint32_t kSwitchoverReqOpc = SYSMGR_SAP + 0x20;
 enum : uint8_t { kRoutes = 1, kPeers = 2, kSessions = 3 };
 
 SupStatus* g_status = nullptr;
 const char* g_who = "";
-int g_switchover_hooks = 0;
-
-void on_switchover() { ++g_switchover_hooks; }
-
 hadra_ha_pss_entry* db(uint8_t index) { return &hadra_ha_pss[index]; }
+
+// The switchover hook: the active markers the daemon queued are taken off the queue, the
+// service has recovered from its copies (they are complete), makes its databases active and
+// answers the daemon.
+void on_switchover() {
+  hadra_ha_drop_active_msgs(kSap);
+  for (uint8_t i = 1; i <= kDatabases; ++i) hadra_ha_set_db_active(db(i));
+  if (hadra_ha_recovery_done(0) == 0) g_status->switched = 1;
+}
 
 // Prints one progress line of this supervisor, in the driver's stream.
 void say(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
@@ -65,14 +64,7 @@ int fail(int rc, const char* what) {
 
 void publish() {
   g_status->supstate = sysmgr_supstate_get();
-  uint64_t sent = 0;
-  for (uint8_t i = 1; i <= kDatabases; ++i) {
-    g_status->ha_state[i - 1] = db(i)->state;
-    uint64_t seqno = 0;
-    unsigned reports = 0;
-    if (plat_test_sysmgr_seqno(i, &seqno, &reports) == 0) sent += reports;
-  }
-  g_status->sent = sent;
+  for (uint8_t i = 1; i <= kDatabases; ++i) g_status->ha_state[i - 1] = db(i)->state;
 }
 
 bool all_in_state(uint32_t state) {
@@ -81,15 +73,9 @@ bool all_in_state(uint32_t state) {
   return true;
 }
 
-// The last answer the service gave the system manager is of kind and says success.
-bool answered(int kind) {
-  plat_test_sysmgr_answer a{};
-  const size_t n = plat_test_sysmgr_answer_count();
-  return n > 0 && plat_test_sysmgr_answer_get(n - 1, &a) == 0 && a.kind == kind && a.value == 0;
-}
-
 bool start_service() {
-  if (mts_bind(kSap) != 0 || hadra_ha_register_pss(kRoutes, "routes") == nullptr ||
+  if (mts_bind(kSap) != 0 || sysmgr_client_attach(kSap, "pair-sample") != 0 ||
+      hadra_ha_register_pss(kRoutes, "routes") == nullptr ||
       hadra_ha_register_sdb(kPeers, "peers", 6411, 6412) == nullptr ||
       hadra_ha_register_msdb(kSessions, "sessions", 6413, 6414) == nullptr)
     return false;
@@ -212,51 +198,19 @@ bool live_sessions(int records) {
   return hadra_msdb_update_batch(db(kSessions), list.data(), static_cast<uint32_t>(list.size()), 1) == 1;
 }
 
-bool send_marker(uint32_t opcode) {
-  return mts_send(kSap, MTS_ADDR_PEER, MTS_SAP_SAME, opcode, nullptr, 0, nullptr, 0, nullptr) == 0;
-}
-
-// Puts a message on the service's queue as the local system manager would.
-bool deliver(uint32_t opcode) { return mts_test_deliver(kSap, SYSMGR_SAP, 0, opcode, 0, 0, 0, nullptr, 0) == 0; }
-
-// ---- Supervisor 2's procedures --------------------------------------------------------------
-
-int gsync(Steps& steps) {
-  // What the active sent before its snapshot point is in the snapshot: dropped unseen.
-  if (pairkit::wait_for_opcode(kSap, kCoveredOpc, kStepMs) != 0) return fail(21, "no snapshot mark from the active");
-  if (!steps.shipped.wait(kStepMs)) return fail(22, "the snapshot area was never shipped");
-  sysmgr_req_ctx ctx;
-  plat_test_sysmgr_ctx_init(&ctx, 0);
-  if (sysmgrcb_gsync_ready(&ctx, kAreaUri, nullptr) != 0 || !answered(PLAT_TEST_SYSMGR_GSYNC_READY_DONE))
-    return fail(23, "gsync ready was not completed");
-  if (!all_in_state(HADRA_HA_STANDBY)) return fail(24, "after gsync ready a database is not HADRA_HA_STANDBY");
-  say("gsync ready: copies rebuilt from %s, every database HADRA_HA_STANDBY", kAreaUri);
-  return 0;
-}
-
-int switchover() {
-  sysmgr_req_ctx ctx;
-  plat_test_sysmgr_ctx_init(&ctx, 0);
-  if (!deliver(kSwitchoverReqOpc) || mts_recv(kSap, &ctx.msg, nullptr) != 0)
-    return fail(31, "the switchover request could not be queued");
-  plat_test_sysmgr_set_supstate(HADRA_SUP_ACTIVE);
-  const size_t answers = plat_test_sysmgr_answer_count();
-  if (sysmgrcb_switchover(&ctx, 1, nullptr, nullptr, 0) != 1 || g_switchover_hooks != 1)
-    return fail(32, "the switchover was not handed to the service's hook");
-  if (!all_in_state(HADRA_HA_RECOVER) || plat_test_sysmgr_answer_count() != answers)
-    return fail(33, "after the switchover event a database is not HADRA_HA_RECOVER, or it was answered early");
-  say("switchover: every database HADRA_HA_RECOVER, the service's hook ran, the answer waits for it");
-  if (!deliver(MTS_OPC_YOU_ARE_ALMOST_ACTIVE) || !deliver(MTS_OPC_YOU_ARE_ACTIVE))
-    return fail(34, "the active markers could not be queued");
-  hadra_ha_drop_active_msgs(kSap);
-  if (mts_test_queued(kSap) != 0) return fail(35, "the active markers were left on the queue");
-  // The service has recovered from its copies: it makes its databases active and answers.
-  for (uint8_t i = 1; i <= kDatabases; ++i) hadra_ha_set_db_active(db(i));
-  if (hadra_ha_recovery_done(0) != 0 || !answered(PLAT_TEST_SYSMGR_SWITCHOVER_DONE))
-    return fail(36, "hadra_ha_recovery_done did not answer the switchover");
-  if (mts_test_held(kSap) != 0) return fail(37, "the switchover request was not released");
-  say("recovery done: every database HADRA_HA_ACTIVE, the system manager answered");
-  return 0;
+// The receive loop for up to ms, or until until() holds; false when the loop failed.
+template <class F>
+bool serve(int ms, F until) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+  while (std::chrono::steady_clock::now() < deadline) {
+    mts_msg_ref other;
+    const int kind = sysmgr_client_next(kSap, 20, &other);
+    if (kind < 0) return false;
+    if (kind == SYSMGR_RX_OTHER) (void)mts_drop(kSap, &other);
+    publish();
+    if (until()) return true;
+  }
+  return true;
 }
 
 }  // namespace
@@ -280,57 +234,29 @@ int run_active(int records, Steps& steps, SupStatus* status) {
   publish();
   say("service up as active; wrote %d routes, %d peers, %d sessions", records, records, records);
   steps.written.raise();
-
-  if (!steps.snapshot.wait(kStepMs)) return fail(12, "never asked for a gsync snapshot");
-  sysmgr_req_ctx ctx;
-  plat_test_sysmgr_ctx_init(&ctx, 0);
-  if (sysmgrcb_gsync_snapshot(&ctx, kAreaUri, nullptr) != 0 || !answered(PLAT_TEST_SYSMGR_GSYNC_SNAPSHOT_DONE))
-    return fail(13, "the gsync snapshot was not completed");
-  if (!send_marker(kCoveredOpc)) return fail(14, "the snapshot mark was not sent");
-  publish();
-  status->sent_at_snapshot = status->sent;
-  say("gsync snapshot written to %s", kAreaUri);
-  steps.covered.raise();
-
-  if (!steps.live.wait(kStepMs)) return fail(15, "never told to make live changes");
+  // The daemon's gsync snapshot event arrives through the loop; the live changes when asked.
+  if (!serve(4 * kStepMs, [&] { return steps.live.wait(0); })) return fail(12, "the receive loop failed");
   if (!live_routes(records) || !live_peers(records) || !live_sessions(records))
     return fail(16, "a live change failed");
-  if (!send_marker(kEndOpc)) return fail(17, "the end mark was not sent");
   publish();
   say("live changes made: updates, deletes, an SDB batch, an MSDB batch");
   steps.live_sent.raise();
-  // Stay until taken down: leaving earlier could take queued messages with this process.
-  steps.leave.wait(4 * kStepMs);
+  // Stay until taken down.
+  serve(4 * kStepMs, [] { return false; });
   return 0;
 }
 
 int run_standby(Steps& steps, SupStatus* status) {
   g_status = status, g_who = "sup2";
   if (!start_service()) return fail(20, "the service did not start");
-  if (!all_in_state(HADRA_HA_DISABLE) || plat_test_sysmgr_gsync_requests() != 1)
-    return fail(20, "the standby's copies were not destroyed, or no gsync was asked for");
+  if (!all_in_state(HADRA_HA_DISABLE)) return fail(20, "the standby's copies were not destroyed");
   status->up = 1;
   publish();
-  say("service up as standby: copies destroyed (HADRA_HA_DISABLE), gsync asked for");
-  steps.standby_up.raise();
-  if (int rc = gsync(steps); rc != 0) return rc;
-  publish();
-  steps.synced.raise();
-
-  pairkit::LoopStats stats;
-  const int rc = pairkit::receive_loop(
-      kSap, 2 * kStepMs, [](const mts_msg_ref& ref) { return mts_opc_get(&ref) == kEndOpc; }, &stats);
-  status->applied = stats.sync;
-  publish();
-  if (rc != 0) return fail(25, "the receive loop ended before the active's end mark");
-  say("receive loop: %llu sync messages dispatched", static_cast<unsigned long long>(stats.sync));
-  steps.applied.raise();
-
-  if (!steps.takeover.wait(4 * kStepMs)) return fail(30, "never asked to take over");
-  if (int so = switchover(); so != 0) return so;
-  publish();
-  steps.switched.raise();
-  return steps.finish.wait(kStepMs) ? 0 : fail(38, "never told to finish");
+  say("service up as standby: copies destroyed (HADRA_HA_DISABLE), gsync asked of the daemon");
+  // Gsync ready, the live changes and the switchover all arrive through the loop.
+  if (!serve(8 * kStepMs, [&] { return steps.finish.wait(0); })) return fail(25, "the receive loop failed");
+  (void)sysmgr_client_detach();
+  return 0;
 }
 
 }  // namespace hadra::pair

@@ -160,6 +160,7 @@ RootDump dump_root(const std::string& root, const std::vector<std::string>& area
     if (entry.is_directory() && wanted_area(area, areas)) dump_area(entry.path(), area, &out);
   }
   plat_test_reset();
+  plat_test_set_root(nullptr);  // children forked later find their root from their settings
   return out;
 }
 

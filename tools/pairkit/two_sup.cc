@@ -1,5 +1,9 @@
 #include "pairkit/two_sup.h"
 
+#include "pairkit/daemons.h"
+
+#include "hadra_platform_testing.h"
+
 #include <poll.h>
 #include <signal.h>
 #include <stdlib.h>
@@ -70,7 +74,15 @@ void configure(const Supervisor& sup) {
   setenv_key("SLOT", std::to_string(sup.slot));
   setenv_key("SUPSTATE", sup.supstate);
   setenv_key("TRANSPORT", "zmq");
+  // Without a daemon the driver plays the system manager through the testing interface,
+  // which only the in-process stand-in serves.
+  setenv_key("SYSMGR", sup.daemon ? "daemon" : "local");
   for (const auto& [key, value] : sup.extra) setenv_key(key, value);
+  // What the driver's store dumps loaded into the platform (its view of a root, the system
+  // manager's settings) must not leak into the child; the driver never sets up a transport,
+  // so nothing here runs threads that the reset would need.
+  plat_test_reset();
+  plat_test_set_root(nullptr);
   plat_config_reload();
 }
 
@@ -98,6 +110,7 @@ pid_t spawn(const Supervisor& sup, const std::function<int()>& role) {
   std::fflush(nullptr);
   const pid_t pid = fork();
   if (pid != 0) return pid;
+  if (!enter_netns(sup.slot)) _exit(126);
   configure(sup);
   const int rc = role();
   std::fflush(nullptr);

@@ -65,6 +65,9 @@ struct Supervisor {
   std::string supstate;  // "active", "standby" or "none"
   // Further platform keys (without the HADRA_ prefix), e.g. {"MTS_HWM", "200"}.
   std::vector<std::pair<std::string, std::string>> extra = {};
+  // true: served by the supervisor's hadra-sysmgrd (daemons.h); false: by the in-process
+  // stand-in, with the driver playing the system manager.
+  bool daemon = false;
 };
 
 // <base>/sup<slot>: the root a supervisor of that slot uses.

@@ -257,6 +257,21 @@ HADRA_PLAT_API int mts_reply(uint32_t sap, const mts_msg_ref *request, uint32_t 
  * ref, unknown option flags), ENOBUFS (sap holds MTS_HELD_MAX messages), ECONNABORTED.
  */
 HADRA_PLAT_API int mts_recv(uint32_t sap, mts_msg_ref *ref, const mts_recv_opts *opts) PLAT_NOEXCEPT;
+/*
+ * For a process about to exit: let the frames it already sent leave, waiting at most
+ * timeout_ms (at most 60000), then close every endpoint and the transport. Messages still
+ * queued or held are released. A later MTS call starts afresh.
+ */
+HADRA_PLAT_API void mts_flush(uint32_t timeout_ms) PLAT_NOEXCEPT;
+
+/*
+ * A file descriptor for an event loop: readable (POLLIN) while endpoint sap has a message
+ * queued, and once the endpoint is unbound. It is a level signal, not a count: after it
+ * polls readable, call mts_recv without waiting until it gives EAGAIN. Owned by MTS: never
+ * read, write or close it; it stays valid until the endpoint is unbound. -1 with
+ * EADDRNOTAVAIL (sap not bound here) or the error of making it.
+ */
+HADRA_PLAT_API int mts_fd_get(uint32_t sap) PLAT_NOEXCEPT;
 /* Release the message named by ref, held by endpoint sap. 0; -1 with EINVAL when ref names
    no message held by sap (never was, already dropped, other SAP). ref itself is not changed. */
 HADRA_PLAT_API int mts_drop(uint32_t sap, const mts_msg_ref *ref) PLAT_NOEXCEPT;

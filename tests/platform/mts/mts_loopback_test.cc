@@ -6,6 +6,9 @@
 #include <cstring>
 #include <thread>
 
+#include <poll.h>
+
+#include "mts/core.h"
 #include "mts_support.h"
 
 namespace hadra::test {
@@ -341,6 +344,35 @@ TEST_F(MtsLoopbackTest, OutboxKeepsTheNewestFrames) {
   EXPECT_EQ(mts_test_peer_count(), 3u);
   EXPECT_EQ(mts_test_peer_dropped(), 2u);
   EXPECT_EQ(take_peer_frame().h.ha_seqno, 3u);
+}
+
+// An event loop polls the descriptor: readable exactly while a message waits, and the last
+// number sent on a stream is what a snapshot point is taken from.
+TEST_F(MtsLoopbackTest, TheDescriptorIsReadableWhileAMessageWaits) {
+  auto readable = [](int fd) {
+    pollfd p{fd, POLLIN, 0};
+    return ::poll(&p, 1, 0) == 1 && (p.revents & POLLIN) != 0;
+  };
+  EXPECT_EQ(mts_fd_get(kSap), -1);  // not bound
+  EXPECT_EQ(errno, EADDRNOTAVAIL);
+  ASSERT_EQ(mts_bind(kSap), 0);
+  const int fd = mts_fd_get(kSap);
+  ASSERT_GE(fd, 0);
+  EXPECT_EQ(mts_fd_get(kSap), fd);
+  EXPECT_FALSE(readable(fd));
+  for (int i = 0; i < 2; ++i) ASSERT_EQ(mts_send(kSap + 1, MTS_ADDR_LOCAL, kSap, kOpc, "x", 1, nullptr, 0, nullptr), 0);
+  EXPECT_TRUE(readable(fd));
+  mts_msg_ref got;
+  ASSERT_EQ(mts_recv(kSap, &got, nullptr), 0);
+  EXPECT_TRUE(readable(fd));  // one more waits
+  ASSERT_EQ(mts_recv(kSap, &got, nullptr), 0);
+  EXPECT_FALSE(readable(fd));
+
+  uint32_t epoch = 0;
+  EXPECT_EQ(hadra::plat::mts::last_sent(kSap, kSap, &epoch), 0u);
+  for (int i = 0; i < 3; ++i) ASSERT_EQ(send_peer(Bytes(4, 0), {}), 0);
+  EXPECT_EQ(hadra::plat::mts::last_sent(kSap, kSap, &epoch), 3u);
+  EXPECT_EQ(take_peer_frame().h.epoch, epoch);
 }
 
 }  // namespace

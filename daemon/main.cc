@@ -1,0 +1,151 @@
+// hadra-sysmgrd: start the system-manager daemon of one supervisor root, or send a command to
+// the one that runs there. See docs/daemon.md.
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <nlohmann/json.hpp>
+
+#include "daemon.h"
+#include "hadra_platform/config.h"
+
+namespace {
+
+namespace sd = hadra::sysmgrd;
+namespace proto = hadra::plat::sysmgr::proto;
+
+constexpr const char* kCommands[] = {"status", "switchover", "takeover", "gsync", "config-save"};
+
+int role_of(const char* supstate) {
+  const std::string s = supstate != nullptr ? supstate : "";
+  return s == "active" || s == "1" ? 1 : 2;
+}
+
+bool daemon_running(const std::string& root) {
+  const std::string lock = sd::files::root_path(root, "sysmgr/daemon.lock");
+  const int fd = ::open(lock.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return false;
+  const bool held = ::flock(fd, LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK;
+  ::close(fd);
+  return held;
+}
+
+// Sends one command to the daemon of root and prints its JSON answer. Exit status: 0 done,
+// 1 refused or failed (the reason on stderr), 3 no daemon or no answer.
+int send_command(const std::string& root, const std::string& name, const std::string& arg, int timeout_ms) {
+  if (!daemon_running(root)) {
+    std::fprintf(stderr, "hadra-sysmgrd: no daemon runs on root %s\n", root.c_str());
+    return 3;
+  }
+  proto::Command c;
+  for (size_t i = 0; i < std::size(kCommands); ++i)
+    if (name == kCommands[i]) c.cmd = static_cast<proto::Cmd>(i + 1);
+  c.arg = arg;
+  const uint32_t sap = SYSMGR_SAP + 0x80 + static_cast<uint32_t>(::getpid() % 0x80);
+  if (mts_bind(sap) != 0) {
+    std::fprintf(stderr, "hadra-sysmgrd: cannot bind SAP %u for the answer: %s\n", sap, std::strerror(errno));
+    return 3;
+  }
+  const std::vector<uint8_t> pl = encode(c);
+  int rc = 3;
+  mts_msg_ref ref;
+  mts_recv_opts opts{};
+  opts.flags = MTS_RECV_BLOCK;
+  opts.timeout_s = static_cast<uint32_t>(timeout_ms / 1000);
+  opts.timeout_ms = static_cast<uint32_t>(timeout_ms % 1000);
+  if (mts_send(sap, MTS_ADDR_LOCAL, SYSMGR_SAP, proto::kCommand, pl.data(), static_cast<uint32_t>(pl.size()), nullptr,
+               MTS_SEND_NONBLOCK, nullptr) != 0) {
+    std::fprintf(stderr, "hadra-sysmgrd: command %s not sent: %s\n", name.c_str(), std::strerror(errno));
+  } else if (mts_recv(sap, &ref, &opts) != 0) {
+    std::fprintf(stderr, "hadra-sysmgrd: no answer to %s within %d ms (%s)\n", name.c_str(), timeout_ms,
+                 std::strerror(errno));
+  } else {
+    proto::CommandReply r;
+    if (mts_opc_get(&ref) != proto::kCommandReply ||
+        !proto::decode(mts_payload_get(&ref), mts_payload_size(&ref), &r)) {
+      std::fprintf(stderr, "hadra-sysmgrd: malformed answer to %s\n", name.c_str());
+    } else {
+      const nlohmann::json j = nlohmann::json::parse(r.json, nullptr, false);
+      std::printf("%s\n", j.is_discarded() ? r.json.c_str() : j.dump(2).c_str());
+      if (r.status != 0)
+        std::fprintf(stderr, "hadra-sysmgrd: %s refused: %s\n", name.c_str(),
+                     j.is_object() && j.contains("error") ? j["error"].get<std::string>().c_str()
+                                                           : std::strerror(r.status));
+      rc = r.status == 0 ? 0 : 1;
+    }
+    (void)mts_drop(sap, &ref);
+  }
+  (void)mts_unbind(sap);
+  mts_flush(0);
+  // The answer's socket file is this command's own: leave nothing behind in the root.
+  (void)::unlink(sd::files::root_path(root, "sock/sap-" + std::to_string(sap)).c_str());
+  return rc;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  CLI::App app{
+      "hadra-sysmgrd: the system-manager daemon of one supervisor.\n"
+      "Settings not given here come from the platform configuration (HADRA_<KEY> in the\n"
+      "environment, <root>/platform.conf, defaults). Example:\n"
+      "  hadra-sysmgrd --root /var/lib/hadra/sup1 &\n"
+      "  hadra-sysmgrd --root /var/lib/hadra/sup1 --command status"};
+  std::string root, command, arg;
+  int timeout_ms = 5000;
+  app.add_option("--root", root, "supervisor root directory (configuration key ROOT)");
+  app.add_option("--command", command, "send a command to the running daemon and print its JSON answer")
+      ->check(CLI::IsMember({"status", "switchover", "takeover", "gsync", "config-save"}));
+  app.add_option("--arg", arg, "argument of the command (gsync: a service uuid; default all)");
+  app.add_option("--timeout", timeout_ms, "longest wait for a command's answer, ms")->check(CLI::Range(1, 600000));
+  CLI11_PARSE(app, argc, argv);
+
+  if (!root.empty()) {
+    std::error_code ec;
+    root = std::filesystem::absolute(root, ec).lexically_normal().string();
+    while (root.size() > 1 && root.ends_with('/')) root.pop_back();
+    setenv("HADRA_ROOT", root.c_str(), 1);
+  }
+  // The daemon needs the transport that links processes: ZeroMQ unless told otherwise.
+  if (std::strcmp(plat_config_get("TRANSPORT", "zmq"), "zmq") != 0) {
+    std::fprintf(stderr, "hadra-sysmgrd: TRANSPORT is %s; the daemon needs zmq\n", plat_config_get("TRANSPORT", ""));
+    return 2;
+  }
+  setenv("HADRA_TRANSPORT", "zmq", 1);
+  if (root.empty()) root = plat_config_get("ROOT", "");
+  if (root.empty()) {
+    std::fprintf(stderr, "hadra-sysmgrd: no root: give --root or set ROOT\n");
+    return 2;
+  }
+  if (!command.empty()) return send_command(root, command, arg, timeout_ms);
+
+  sd::Options o;
+  o.root = root;
+  o.slot = static_cast<int>(plat_config_get_long("SLOT", 1));
+  o.role = role_of(plat_config_get("SUPSTATE", "active"));
+  o.heartbeat_ms = static_cast<int>(plat_config_get_long("HEARTBEAT_MS", 100));
+  o.peer_dead_ms = static_cast<int>(plat_config_get_long("PEER_DEAD_MS", 1000));
+  o.gsync_timeout_ms = static_cast<int>(plat_config_get_long("GSYNC_TIMEOUT_MS", 30000));
+  o.switchover_timeout_ms = static_cast<int>(plat_config_get_long("SWITCHOVER_TIMEOUT_MS", 20000));
+  o.cfg_timeout_ms = static_cast<int>(plat_config_get_long("CFG_TIMEOUT_MS", 10000));
+  o.ship_fault = plat_config_get("FAULT_SHIP", "");
+  if (o.slot != 1 && o.slot != 2) {
+    std::fprintf(stderr, "hadra-sysmgrd: SLOT %d: give 1 or 2\n", o.slot);
+    return 2;
+  }
+  // Before any thread exists, so that none of them takes the signals the loop waits for.
+  sigset_t set;
+  sigemptyset(&set);
+  sigaddset(&set, SIGTERM);
+  sigaddset(&set, SIGINT);
+  pthread_sigmask(SIG_BLOCK, &set, nullptr);
+  sd::Daemon d(o);
+  return d.run();
+}

@@ -1,0 +1,256 @@
+// Switchover, takeover, the loss report, and the configuration write.
+//
+// Takeover (this standby becomes active) runs on every attached service:
+//   event switchover request, then YOU_ARE_ALMOST_ACTIVE and YOU_ARE_ACTIVE on its queue;
+//   the service answers (at once, or later through hadra_ha_recovery_done);
+//   events active marker and switchover done follow its answer.
+// A service that does not answer within SWITCHOVER_TIMEOUT_MS, or dies, is logged and the
+// switchover goes on without it. Before the first event the daemon compares, per service
+// and database, the numbers the old active last reported with what this supervisor
+// applied, and writes the loss report (log and status).
+//
+// A planned switchover is asked of the active: it takes the standby role and tells its peer
+// to take over. A takeover by command is refused while the peer is up and active, so the
+// pair never has two actives by command.
+//
+// Configuration write: every service copies its configuration files into a staging area;
+// only when all of them succeeded is the staging area synced and exchanged with the startup
+// area in one rename (all or nothing), otherwise it is removed.
+#include <fcntl.h>
+#include <stdio.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <nlohmann/json.hpp>
+
+#include "daemon.h"
+#include "hadra_platform/log.h"
+
+namespace hadra::sysmgrd {
+namespace {
+
+namespace fs = std::filesystem;
+
+bool send_plain(uint32_t sap, uint32_t opcode) {
+  return mts_send(SYSMGR_SAP, MTS_ADDR_LOCAL, sap, opcode, nullptr, 0, nullptr, MTS_SEND_NONBLOCK, nullptr) == 0;
+}
+
+bool sync_tree(const std::string& dir) {
+  std::error_code ec;
+  for (auto it = fs::recursive_directory_iterator(dir, ec); !ec && it != fs::recursive_directory_iterator();
+       it.increment(ec))
+    if (!files::sync_path(it->path().string())) return false;
+  return !ec && files::sync_path(dir);
+}
+
+}  // namespace
+
+void Daemon::loss_report() {
+  loss_.clear();
+  loss_known_ = !peer_active_seq_.empty();
+  std::map<uint32_t, proto::ServiceSeq> mine;
+  for (proto::ServiceSeq& s : own_sequences()) mine[s.uuid] = std::move(s);
+  uint64_t total = 0;
+  for (const auto& [uuid, theirs] : peer_active_seq_) {
+    const auto own = mine.find(uuid);
+    for (const proto::DbSeq& d : theirs.dbs) {
+      LossRow r;
+      r.uuid = uuid;
+      r.service = theirs.name;
+      r.index = d.index;
+      r.last_reported = d.sent_seqno;
+      uint32_t applied = 0;
+      if (own != mine.end())
+        for (const proto::DbSeq& o : own->second.dbs)
+          if (o.index == d.index) r.last_applied = o.applied_seqno, applied = o.applied_count;
+      r.missing = d.sent_count > applied ? d.sent_count - applied : 0;
+      total += r.missing;
+      plat_syslog(r.missing != 0 ? PLAT_LOG_ERR : PLAT_LOG_NOTICE,
+                  "sysmgrd: loss report: service %s database %u: last reported %llu, last applied %llu, missing %llu%s",
+                  r.service.c_str(), r.index, static_cast<unsigned long long>(r.last_reported),
+                  static_cast<unsigned long long>(r.last_applied), static_cast<unsigned long long>(r.missing),
+                  own == mine.end() ? " (the service does not run here)" : "");
+      loss_.push_back(r);
+    }
+  }
+  if (!loss_known_)
+    plat_syslog(PLAT_LOG_WARNING, "sysmgrd: loss report: the old active never reported its sequence numbers");
+  else
+    plat_syslog(total != 0 ? PLAT_LOG_ERR : PLAT_LOG_NOTICE, "sysmgrd: loss report: %llu sync messages lost in all",
+                static_cast<unsigned long long>(total));
+}
+
+int Daemon::takeover(bool planned, std::string* why) {
+  if (role_ == 1) return *why = "this supervisor is already active", EALREADY;
+  if (swo_.running) return *why = "a switchover is already running", EBUSY;
+  if (!planned && peer_up() && peer_->role == 1)
+    return *why = "the peer (slot " + std::to_string(peer_->slot) + ") is up and active; use a planned switchover",
+           EBUSY;
+  plat_syslog(PLAT_LOG_NOTICE, "sysmgrd: %s: slot %d becomes active", planned ? "planned switchover" : "takeover",
+              o_.slot);
+  for (auto it = incoming_.begin(); it != incoming_.end();) gsync_fail_incoming((it++)->first, ECANCELED, "switchover");
+  loss_report();
+  set_role(1);
+  ++switchovers_;
+  swo_ = Switchover();
+  swo_.running = true;
+  swo_.planned = planned;
+  swo_.req_base = next_xfer_;
+  next_xfer_ += static_cast<uint32_t>(clients_.size()) + 1;
+  swo_.deadline_ns = now_ns() + static_cast<uint64_t>(o_.switchover_timeout_ms) * 1000000ull;
+  uint64_t lost = 0;
+  for (const LossRow& r : loss_) lost += r.missing;
+  uint32_t n = 0;
+  for (const auto& [uuid, c] : clients_) {
+    proto::Event ev;
+    ev.kind = proto::EventKind::kSwitchover;
+    ev.req_id = swo_.req_base + n++;
+    ev.status = lost != 0 ? 1 : 0;  // the numbers are out of step
+    if (send_event(c, ev) && send_plain(c.sap, MTS_OPC_YOU_ARE_ALMOST_ACTIVE) && send_plain(c.sap, MTS_OPC_YOU_ARE_ACTIVE))
+      swo_.waiting.insert(uuid);
+    else
+      swo_.notes.push_back("service " + c.name + ": the switchover could not be delivered");
+  }
+  // Services that start from now on start after a switchover.
+  for (auto& [uuid, f] : facts_) f.swover_first = 1;
+  (void)save_state();
+  if (swo_.waiting.empty()) swo_.running = false;
+  return 0;
+}
+
+int Daemon::planned_switchover(std::string* why) {
+  if (role_ != 1)
+    return *why = "a planned switchover is asked of the active supervisor" +
+                  (peer_ ? " (slot " + std::to_string(peer_->slot) + ")" : std::string()),
+           EPERM;
+  if (!peer_up() || peer_->role != 2) return *why = "no standby peer is up", EHOSTUNREACH;
+  set_role(2);  // the peer hears the new role, with the last numbers, before the request
+  if (!send_peer(proto::kTakeOver, encode(proto::TakeOver{next_xfer_++}))) {
+    set_role(1);
+    return *why = "the request could not be sent to the peer", EHOSTUNREACH;
+  }
+  plat_syslog(PLAT_LOG_NOTICE, "sysmgrd: planned switchover: slot %d stepped down, the peer takes over", o_.slot);
+  return 0;
+}
+
+void Daemon::switchover_finish_client(uint32_t uuid, const char* how) {
+  if (!swo_.running || swo_.waiting.erase(uuid) == 0) return;
+  const Client* c = client(uuid);
+  const std::string note = "service " + (c != nullptr ? c->name : std::to_string(uuid)) + " " + how +
+                           " during the switchover; going on without it";
+  swo_.notes.push_back(note);
+  plat_syslog(PLAT_LOG_ERR, "sysmgrd: %s", note.c_str());
+  if (swo_.waiting.empty()) swo_.running = false;
+}
+
+void Daemon::switchover_on_answer(const Client& c, const proto::Answer& a) {
+  if (!swo_.running || swo_.waiting.erase(c.uuid) == 0) {
+    plat_syslog(PLAT_LOG_WARNING, "sysmgrd: switchover answer from %s with no switchover waiting for it",
+                c.name.c_str());
+    return;
+  }
+  plat_syslog(a.value == 0 ? PLAT_LOG_NOTICE : PLAT_LOG_ERR, "sysmgrd: service %s answered the switchover (status %d)",
+              c.name.c_str(), a.value);
+  for (proto::EventKind k : {proto::EventKind::kActiveMarker, proto::EventKind::kSwitchoverDone}) {
+    proto::Event ev;
+    ev.kind = k;
+    ev.req_id = a.req_id;
+    (void)send_event(c, ev);
+  }
+  if (swo_.waiting.empty()) {
+    swo_.running = false;
+    plat_syslog(PLAT_LOG_NOTICE, "sysmgrd: switchover complete on slot %d", o_.slot);
+  }
+}
+
+void Daemon::switchover_tick(uint64_t now) {
+  if (!swo_.running || now <= swo_.deadline_ns) return;
+  const std::set<uint32_t> late = swo_.waiting;
+  for (uint32_t uuid : late)
+    switchover_finish_client(uuid, ("did not answer within " + std::to_string(o_.switchover_timeout_ms) + " ms").c_str());
+}
+
+// ---- Configuration write -----------------------------------------------------------------------
+
+int Daemon::cfg_save(const mts_msg_ref& cmd, std::string* why) {
+  if (cfg_.running) return *why = "a configuration write is already running", EBUSY;
+  if (clients_.empty()) return *why = "no service attached", ENOENT;
+  cfg_ = CfgWrite();
+  cfg_.req_id = next_xfer_++;
+  char rel[64];
+  std::snprintf(rel, sizeof rel, "stage/cfg-%u", cfg_.req_id);
+  cfg_.stage = files::root_path(o_.root, rel);
+  std::error_code ec;
+  fs::remove_all(cfg_.stage, ec);
+  fs::create_directories(cfg_.stage, ec);
+  if (ec) return *why = cfg_.stage + ": " + ec.message(), static_cast<int>(ec.value());
+  cfg_.running = true;
+  cfg_.deadline_ns = now_ns() + static_cast<uint64_t>(o_.cfg_timeout_ms) * 1000000ull;
+  cfg_.command = cmd;
+  for (const auto& [uuid, c] : clients_) {
+    proto::Event ev;
+    ev.kind = proto::EventKind::kCfgWrite;
+    ev.req_id = cfg_.req_id;
+    ev.uri = "stage:/cfg-" + std::to_string(cfg_.req_id);
+    if (send_event(c, ev))
+      cfg_.waiting.insert(uuid);
+    else
+      cfg_.failures.push_back("service " + c.name + ": the request could not be delivered");
+  }
+  if (cfg_.waiting.empty()) cfg_finish();
+  return 0;
+}
+
+void Daemon::cfg_on_answer(const Client& c, const proto::Answer& a) {
+  if (!cfg_.running || a.req_id != cfg_.req_id || cfg_.waiting.erase(c.uuid) == 0) return;
+  if (a.value != 0) cfg_.failures.push_back("service " + c.name + ": write failed (status " + std::to_string(a.value) + ")");
+  if (cfg_.waiting.empty()) cfg_finish();
+}
+
+void Daemon::cfg_tick(uint64_t now) {
+  if (!cfg_.running) return;
+  for (auto it = cfg_.waiting.begin(); it != cfg_.waiting.end();) {
+    const Client* c = client(*it);
+    if (c != nullptr && now <= cfg_.deadline_ns) {
+      ++it;
+      continue;
+    }
+    cfg_.failures.push_back("service " + (c != nullptr ? c->name : std::to_string(*it)) +
+                            (c != nullptr ? ": no answer within " + std::to_string(o_.cfg_timeout_ms) + " ms"
+                                          : ": went away"));
+    it = cfg_.waiting.erase(it);
+  }
+  if (cfg_.waiting.empty()) cfg_finish();
+}
+
+void Daemon::cfg_finish() {
+  const std::string startup = files::root_path(o_.root, "startup");
+  std::error_code ec;
+  if (cfg_.failures.empty() && !sync_tree(cfg_.stage)) cfg_.failures.push_back(cfg_.stage + ": cannot be synced");
+  if (cfg_.failures.empty()) {
+    // One rename replaces the whole startup area: an exchange when there is one already.
+    int rc = ::renameat2(AT_FDCWD, cfg_.stage.c_str(), AT_FDCWD, startup.c_str(), RENAME_EXCHANGE);
+    if (rc != 0 && errno == ENOENT) rc = ::rename(cfg_.stage.c_str(), startup.c_str());
+    if (rc != 0) cfg_.failures.push_back(startup + ": " + std::strerror(errno));
+    (void)files::sync_path(o_.root);
+  }
+  fs::remove_all(cfg_.stage, ec);  // the old startup area after an exchange, or the failed one
+  nlohmann::json j;
+  j["startup"] = startup;
+  j["failures"] = cfg_.failures;
+  const bool ok = cfg_.failures.empty();
+  if (ok)
+    plat_syslog(PLAT_LOG_NOTICE, "sysmgrd: configuration written to %s", startup.c_str());
+  else
+    plat_syslog(PLAT_LOG_ERR, "sysmgrd: configuration write failed, startup area unchanged: %s",
+                cfg_.failures.front().c_str());
+  if (cfg_.command) {
+    reply(*cfg_.command, ok ? 0 : EIO, j.dump());
+    (void)mts_drop(SYSMGR_SAP, &*cfg_.command);
+  }
+  cfg_ = CfgWrite();
+}
+
+}  // namespace hadra::sysmgrd

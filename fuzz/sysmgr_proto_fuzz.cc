@@ -1,0 +1,95 @@
+// Fuzz target of the system manager's message set (platform/sysmgr/proto.h): what a daemon
+// takes from its clients, its peer and the command tool, what a client takes from its
+// daemon, and the daemon's state file that clients read. The first byte picks the decoder:
+//
+//   0 hello   1 bye   2 gsync request   3 answer   4 welcome   5 event   6 peer hello
+//   7 peer gsync request   8 file piece   9 manifest   10 gsync failure   11 takeover
+//   12 command   13 command reply   14 state file
+//
+// A decoder must refuse or accept without reading past its input; what it accepts must
+// encode and decode again to the same bytes (the state file: to the same text).
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "fuzz/fuzz_support.h"
+#include "platform/sysmgr/proto.h"
+
+namespace {
+
+namespace proto = hadra::plat::sysmgr::proto;
+
+void fail(const char* what) {
+  std::fprintf(stderr, "sysmgr_proto_fuzz: %s\n", what);
+  abort();
+}
+
+template <class M>
+void round_trip(const uint8_t* p, size_t n) {
+  M m;
+  if (!proto::decode(p, n, &m)) return;
+  const std::vector<uint8_t> once = encode(m);
+  M again;
+  if (!proto::decode(once.data(), once.size(), &again)) fail("an accepted message does not decode after encoding");
+  if (encode(again) != once) fail("encoding is not stable");
+}
+
+void state_file(const uint8_t* p, size_t n) {
+  proto::StateFile s;
+  if (!proto::parse_state(std::string_view(reinterpret_cast<const char*>(p), n), &s)) return;
+  const std::string text = proto::format_state(s);
+  proto::StateFile again;
+  if (!proto::parse_state(text, &again) || proto::format_state(again) != text) fail("state file not stable");
+}
+
+using Decoder = void (*)(const uint8_t*, size_t);
+constexpr Decoder kDecoders[] = {
+    round_trip<proto::Hello>,     round_trip<proto::Bye>,         round_trip<proto::GsyncGet>,
+    round_trip<proto::Answer>,    round_trip<proto::Welcome>,     round_trip<proto::Event>,
+    round_trip<proto::PeerHello>, round_trip<proto::GsyncReq>,    round_trip<proto::FileData>,
+    round_trip<proto::Manifest>,  round_trip<proto::GsyncFail>,   round_trip<proto::TakeOver>,
+    round_trip<proto::Command>,   round_trip<proto::CommandReply>, state_file,
+};
+
+std::string bytes(const std::vector<uint8_t>& v) { return std::string(v.begin(), v.end()); }
+
+void make_seeds(const std::string& dir) {
+  using hadra::fuzz::write_seed;
+  write_seed(dir, "hello", 0, bytes(encode(proto::Hello{proto::kProtoVersion, 0x5a1, 3501, 1234, "pair-sample"})));
+  proto::Answer a;
+  a.uuid = 0x5a1, a.req_id = 7, a.point = 600, a.epoch = 99, a.at_point[1] = {600, 200};
+  write_seed(dir, "answer-snapshot", 3, bytes(encode(a)));
+  proto::Event ev;
+  ev.kind = proto::EventKind::kGsyncReady, ev.req_id = 7, ev.uri = "snap:/gsync-5a1", ev.point = 600;
+  write_seed(dir, "event-ready", 5, bytes(encode(ev)));
+  proto::PeerHello h;
+  h.slot = 1, h.role = 1, h.boot_id = 42;
+  h.services.push_back({0x5a1, "pair-sample", {{1, 600, 200, 0, 0}, {2, 602, 200, 0, 0}}});
+  write_seed(dir, "peer-hello", 6, bytes(encode(h)));
+  const uint8_t data[] = {1, 2, 3, 4};
+  write_seed(dir, "file-piece", 8, bytes(encode(proto::FileData{7, "peers/data.mdb", 0, data})));
+  proto::Manifest m;
+  m.xfer = 7, m.uuid = 0x5a1, m.files = {{"routes", 8192, 0x1234}, {"peers/data.mdb", 4, 0xabcd}};
+  write_seed(dir, "manifest", 9, bytes(encode(m)));
+  write_seed(dir, "gsync-fail", 10, bytes(encode(proto::GsyncFail{7, 0x5a1, 5, "file routes: checksum"})));
+  write_seed(dir, "command", 12, bytes(encode(proto::Command{proto::Cmd::kGsync, "0x5a1"})));
+  write_seed(dir, "reply", 13, bytes(encode(proto::CommandReply{0, "{\"role\":\"active\"}"})));
+  write_seed(dir, "state", 14, "role standby\nsvc 5a1 1 0 crash\nsvc 2 0 1 controlled\n");
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+  hadra::fuzz::maybe_write_seeds(make_seeds);
+  return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  if (size == 0) return 0;
+  const size_t which = data[0] % (sizeof kDecoders / sizeof kDecoders[0]);
+  // An exact-size copy, so that a read past the input is a read past the allocation.
+  std::vector<uint8_t> input(data + 1, data + size);
+  kDecoders[which](input.empty() ? nullptr : input.data(), input.size());
+  return 0;
+}

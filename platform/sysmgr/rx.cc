@@ -1,0 +1,286 @@
+// The service's receive loop (sysmgr_client.h): one message at a time, routed to the HA
+// library's dispatcher, to its system-manager callbacks, or back to the caller.
+//
+// Gsync and the sync stream. Between the gsync request and gsync ready the service's copies
+// are being rebuilt, so sync messages from the active are held (in arrival order, at most
+// SYNC_HOLD_MAX). Gsync ready says where the active's stream stood when its snapshot was
+// written (the last HA number sent, and the stream's epoch): held messages at or below that
+// point are already in the snapshot and are dropped, the rest are dispatched in order after
+// the rebuild, and any later arrival at or below the point (the stream and the daemon's
+// events travel on different sockets) is dropped too. So nothing is lost or applied twice.
+// More than SYNC_HOLD_MAX messages during one gsync is reported and another gsync is
+// asked for once this one ends: the held ones beyond the bound are gone.
+//
+// The library is reached by name at run time (the platform never links against it): a
+// process that did not load it gets ENOSYS.
+#include <dlfcn.h>
+#include <unistd.h>
+
+#include <climits>
+#include <cstdio>
+
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+
+#include "common/call.h"
+#include "hadra_platform/config.h"
+#include "hadra_platform/errors.h"
+#include "hadra_platform/log.h"
+#include "hadra_platform/sysmgr_client.h"
+#include "log/log_internal.h"
+#include "mts/core.h"
+#include "sysmgr/client.h"
+#include "sysmgr/sysmgr_internal.h"
+
+namespace hadra::plat::sysmgr::client {
+namespace {
+
+template <class F>
+bool find(F* out, const char* name) {
+  *out = reinterpret_cast<F>(::dlsym(RTLD_DEFAULT, name));
+  return *out != nullptr;
+}
+
+std::atomic<const Lib*> g_lib_override{nullptr};
+
+const Lib* lib() {
+  if (const Lib* l = g_lib_override.load(); l != nullptr) return l;
+  static const Lib* found = [] {
+    static Lib l;
+    const bool ok = find(&l.dispatch, "hadra_ha_dispatch") && find(&l.gsync_snapshot, "sysmgrcb_gsync_snapshot") &&
+                    find(&l.gsync_ready, "sysmgrcb_gsync_ready") && find(&l.gsync_failed, "sysmgrcb_gsync_failed") &&
+                    find(&l.switchover, "sysmgrcb_switchover") &&
+                    find(&l.active_marker, "sysmgrcb_switchover_active_marker") &&
+                    find(&l.switchover_done, "sysmgrcb_switchover_done") &&
+                    find(&l.cfg_write, "hadra_sysmgr_cfg_write_cb");
+    l.registry = static_cast<hadra_ha_pss_entry*>(::dlsym(RTLD_DEFAULT, "hadra_ha_pss"));
+    l.handle = static_cast<const hadra_ha_handle_t*>(::dlsym(RTLD_DEFAULT, "hadra_ha_handle"));
+    return ok ? &l : nullptr;
+  }();
+  return found;
+}
+
+size_t hold_max() { return static_cast<size_t>(plat_config_get_long("SYNC_HOLD_MAX", 50000)); }
+
+// ---- Sync messages ----
+
+// Already in the snapshot the standby was rebuilt from.
+bool covered(const mts::MsgInfo& mi) {
+  const GsyncView& g = state().gsync;
+  return g.covered && mi.h.epoch == g.epoch && mi.h.ha_seqno <= g.point;
+}
+
+int apply_sync(uint32_t sap, const mts_msg_ref& ref, mts_msg_ref* other) {
+  mts::MsgInfo mi;
+  if (!mts::info(&ref, &mi)) return SYSMGR_RX_NONE;
+  if (covered(mi)) {
+    (void)mts_drop(sap, &ref);
+    return SYSMGR_RX_SYNC;
+  }
+  if (lib()->dispatch(&ref) != 0) {
+    *other = ref;
+    return SYSMGR_RX_OTHER;
+  }
+  // The first payload byte of a sync message is its registry index.
+  const auto* p = static_cast<const uint8_t*>(mi.payload);
+  if (p != nullptr && mi.h.payload_len > 0) applied_note(p[0], mi.h.ha_seqno);
+  (void)mts_drop(sap, &ref);
+  return SYSMGR_RX_SYNC;
+}
+
+// During a gsync: keep the message for later. Past the bound it is dropped and remembered.
+void hold(uint32_t sap, const mts_msg_ref& ref) {
+  State& s = state();
+  if (s.held.size() < hold_max()) {
+    s.held.push_back(ref);
+    return;
+  }
+  if (!s.gsync.overflowed)
+    log::writef(PLAT_LOG_ERR, "sysmgr: SAP %u: more than %zu sync messages arrived during the gsync; dropping them "
+                "and asking for another gsync once this one ends", sap, s.held.size());
+  s.gsync.overflowed = true;
+  (void)mts_drop(sap, &ref);
+}
+
+// Gsync over (ready or failed): what was held goes to the dispatcher in order.
+void release_held() {
+  State& s = state();
+  const bool again = s.gsync.overflowed;
+  s.gsync.pending = false;
+  s.gsync.overflowed = false;
+  while (!s.held.empty()) {
+    s.replay.push_back(s.held.front());
+    s.held.pop_front();
+  }
+  if (again) (void)link().gsync_get(0);
+}
+
+// ---- Events of the daemon ----
+
+// The library reports a configuration file it could not copy but answers nothing: the copies
+// it should have made are looked for, so that one missing fails the write (which the daemon
+// then leaves out of the startup area, with every other service's).
+int cfg_copies_missing(const char* area) {
+  const Lib* l = lib();
+  if (l->registry == nullptr || l->handle == nullptr) return 0;
+  int missing = 0;
+  char prefix[64];
+  std::snprintf(prefix, sizeof prefix, "%s_", l->handle->name);
+  for (int i = 1; i <= HADRA_HA_MAX_DB; ++i) {
+    const hadra_ha_pss_entry& e = l->registry[i];
+    if (e.uri[0] == '\0' || e.cfg_name[0] == '\0') continue;
+    const char* uri = sysmgr_uri_complete(area, prefix, e.cfg_name);
+    char path[PATH_MAX];
+    if (uri == nullptr || plat_uri_to_path(uri, path, sizeof path, 0) != 0 || ::access(path, F_OK) != 0) {
+      log::writef(PLAT_LOG_ERR, "sysmgr: configuration write: %s%s was not written to %s", prefix, e.cfg_name, area);
+      ++missing;
+    }
+  }
+  return missing;
+}
+
+sysmgr_req_ctx make_ctx(const mts_msg_ref& ref, const proto::Event& ev) {
+  sysmgr_req_ctx ctx;
+  std::memset(&ctx, 0, sizeof ctx);
+  ctx.msg = ref;
+  ctx.req_id = ev.req_id;
+  ctx.status = ev.status;
+  return ctx;
+}
+
+// Handles one event; true when the message was handed over to the library (a deferred
+// switchover answer), which then releases it.
+bool on_event(const mts_msg_ref& ref, const proto::Event& ev) {
+  sysmgr_req_ctx ctx = make_ctx(ref, ev);
+  State& s = state();
+  switch (ev.kind) {
+    case proto::EventKind::kGsyncSnapshot:
+      (void)lib()->gsync_snapshot(&ctx, ev.uri.c_str(), nullptr);
+      return false;
+    case proto::EventKind::kGsyncReady:
+      s.gsync.covered = true;
+      s.gsync.point = ev.point;
+      s.gsync.epoch = ev.epoch;
+      (void)lib()->gsync_ready(&ctx, ev.uri.c_str(), nullptr);
+      applied_reset(ev.at_point);
+      release_held();
+      return false;
+    case proto::EventKind::kGsyncFailed:
+      (void)lib()->gsync_failed(&ctx);
+      release_held();
+      return false;
+    case proto::EventKind::kSwitchover:
+      set_local_supstate(1);
+      return lib()->switchover(&ctx, 1, nullptr, nullptr, ev.status != 0 ? 1 : 0) == 1;
+    case proto::EventKind::kActiveMarker:
+      (void)lib()->active_marker();
+      return false;
+    case proto::EventKind::kSwitchoverDone:
+      (void)lib()->switchover_done();
+      return false;
+    case proto::EventKind::kGsyncStart:
+      (void)link().gsync_get(0);
+      return false;
+    case proto::EventKind::kCfgWrite: {
+      proto::Answer a;
+      a.uuid = s.uuid;
+      a.kind = proto::AnswerKind::kCfgWrite;
+      a.req_id = ev.req_id;
+      a.value = lib()->cfg_write(&ctx, ev.uri.c_str());
+      if (a.value == 0 && cfg_copies_missing(ev.uri.c_str()) != 0) a.value = EIO;
+      (void)send_to_daemon(proto::kAnswer, encode(a));
+      return false;
+    }
+  }
+  return false;
+}
+
+int from_daemon(uint32_t sap, const mts_msg_ref& ref, const mts::MsgInfo& mi) {
+  bool kept = false;
+  if (mi.h.opcode == proto::kEvent) {
+    proto::Event ev;
+    if (proto::decode(mi.payload, mi.h.payload_len, &ev))
+      kept = on_event(ref, ev);
+    else
+      log::writef(PLAT_LOG_ERR, "sysmgr: SAP %u: malformed event from the daemon (%u bytes); dropped", sap,
+                  mi.h.payload_len);
+  } else if (mi.h.opcode == proto::kWelcome) {
+    proto::Welcome w;
+    if (!proto::decode(mi.payload, mi.h.payload_len, &w) || !proto::version_compatible(w.version))
+      log::writef(PLAT_LOG_ERR, "sysmgr: SAP %u: the daemon's welcome is malformed or of another version", sap);
+  }
+  // Other messages of the daemon's range (the active markers when the service did not take
+  // them itself, a handshake response it did not wait for) are dropped here.
+  if (!kept) (void)mts_drop(sap, &ref);
+  return SYSMGR_RX_EVENT;
+}
+
+bool is_from_daemon(const mts::MsgInfo& mi) {
+  if (mi.from_peer || mi.h.src_sap != SYSMGR_SAP) return false;
+  return proto::is_sysmgr_opcode(mi.h.opcode) || mi.h.opcode == MTS_OPC_YOU_ARE_ALMOST_ACTIVE ||
+         mi.h.opcode == MTS_OPC_YOU_ARE_ACTIVE;
+}
+
+int route(uint32_t sap, const mts_msg_ref& ref, mts_msg_ref* other) {
+  mts::MsgInfo mi;
+  if (!mts::info(&ref, &mi)) return SYSMGR_RX_NONE;
+  if (mi.h.opcode == SYSMGR_OPC_HS_RESPONSE || !is_from_daemon(mi)) {
+    if (mi.h.sync_event != MTS_SYNC_EVENT_UPDATE) {
+      *other = ref;
+      return SYSMGR_RX_OTHER;
+    }
+    if (state().gsync.pending) {
+      hold(sap, ref);
+      return SYSMGR_RX_SYNC;
+    }
+    return apply_sync(sap, ref, other);
+  }
+  return from_daemon(sap, ref, mi);
+}
+
+}  // namespace
+
+void set_library(const Lib* lib) noexcept { g_lib_override.store(lib); }
+
+}  // namespace hadra::plat::sysmgr::client
+
+namespace cl = hadra::plat::sysmgr::client;
+
+extern "C" {
+
+HADRA_PLAT_API int sysmgr_client_next(uint32_t sap, int timeout_ms, mts_msg_ref* other) noexcept {
+  hadra::plat::Call c("sysmgr", "sysmgr_client_next", -1);
+  c.args("sap=%u timeout_ms=%d", sap, timeout_ms);
+  if (c.faulted()) return c.fail<int>();
+  if (sap == 0 || other == nullptr) {
+    errno = EINVAL;
+    return c.ret(-1);
+  }
+  std::memset(other, 0, sizeof *other);
+  if (cl::lib() == nullptr) {
+    errno = ENOSYS;
+    return c.ret(-1);
+  }
+  cl::State& s = cl::state();
+  if (!s.replay.empty() && !s.gsync.pending) {
+    const mts_msg_ref ref = s.replay.front();
+    s.replay.pop_front();
+    return c.ret(cl::apply_sync(sap, ref, other));
+  }
+  mts_msg_ref ref;
+  mts_recv_opts opts;
+  std::memset(&opts, 0, sizeof opts);
+  if (timeout_ms > 0) {
+    opts.flags = MTS_RECV_BLOCK;
+    opts.timeout_s = static_cast<uint32_t>(timeout_ms / 1000);
+    opts.timeout_ms = static_cast<uint32_t>(timeout_ms % 1000);
+  }
+  if (mts_recv(sap, &ref, &opts) != 0) {
+    if (errno == EAGAIN || errno == ETIMEDOUT) return c.ret(SYSMGR_RX_NONE);
+    return c.ret(-1);
+  }
+  return c.ret(cl::route(sap, ref, other));
+}
+
+}  // extern "C"

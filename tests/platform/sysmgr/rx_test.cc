@@ -1,0 +1,172 @@
+// The receive loop's routing, with the library's entry points replaced by recorders: what a
+// gsync holds back and lets through, which events reach which callback, and what goes back
+// to the caller. Messages come through the loopback transport as the daemon and the peer
+// would send them.
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "hadra_mts_testing.h"
+#include "hadra_platform/sysmgr.h"
+#include "hadra_platform/sysmgr_client.h"
+#include "mts/core.h"
+#include "../mts/mts_support.h"
+#include "support/fixture.h"
+#include "sysmgr/client.h"
+#include "sysmgr/seqno_table.h"
+
+namespace {
+
+namespace cl = hadra::plat::sysmgr::client;
+namespace proto = hadra::plat::sysmgr::proto;
+
+constexpr uint32_t kSap = 0x3500;
+constexpr uint32_t kSyncOpc = 6601;
+
+// What the fake library saw.
+struct Seen {
+  std::vector<uint64_t> dispatched;  // HA numbers, in order
+  std::vector<std::string> calls;
+  int dispatch_result = 0;
+  int switchover_result = 1;
+};
+Seen* g_seen = nullptr;
+
+int fake_dispatch(const mts_msg_ref* m) noexcept {
+  g_seen->dispatched.push_back(mts_ha_seqno_get(m));
+  return g_seen->dispatch_result;
+}
+int fake_gsync(void*, const char* uri, void*) noexcept { return g_seen->calls.push_back(std::string("ready ") + uri), 0; }
+int fake_snapshot(void*, const char* uri, void*) noexcept { return g_seen->calls.push_back(std::string("snapshot ") + uri), 0; }
+int fake_failed(void* ctx) noexcept {
+  g_seen->calls.push_back("failed " + std::to_string(static_cast<sysmgr_req_ctx*>(ctx)->status));
+  return 0;
+}
+int fake_switchover(void*, int, void*, void*, int mismatch) noexcept {
+  g_seen->calls.push_back("switchover " + std::to_string(mismatch));
+  return g_seen->switchover_result;
+}
+int fake_marker() noexcept { return g_seen->calls.push_back("marker"), 0; }
+int fake_done() noexcept { return g_seen->calls.push_back("done"), 0; }
+int fake_cfg(void*, const char* uri) noexcept { return g_seen->calls.push_back(std::string("cfg ") + uri), 0; }
+
+const cl::Lib kFake = {&fake_dispatch,   &fake_snapshot, &fake_gsync, &fake_failed, &fake_switchover,
+                       &fake_marker,     &fake_done,     &fake_cfg,   nullptr,      nullptr};
+
+class ReceiveLoopTest : public hadra::test::PlatformTest {
+ protected:
+  void SetUp() override {
+    PlatformTest::SetUp();
+    g_seen = &seen_;
+    cl::set_library(&kFake);
+    ASSERT_EQ(mts_bind(kSap), 0);
+    ASSERT_EQ(sysmgr_client_attach(kSap, "unit"), 0);  // the in-process system manager
+  }
+  void TearDown() override {
+    cl::set_library(nullptr);
+    PlatformTest::TearDown();
+  }
+
+  // A sync message from the peer for registry index 1.
+  void from_peer(uint64_t seqno) {
+    const uint8_t payload[4] = {1, 0, 0, 0};
+    ASSERT_EQ(mts_test_deliver(kSap, kSap, 1, kSyncOpc, MTS_SYNC_EVENT_UPDATE, seqno, 0, payload, sizeof payload), 0);
+  }
+  void from_daemon(const proto::Event& ev) {
+    const std::vector<uint8_t> b = encode(ev);
+    ASSERT_EQ(mts_test_deliver(kSap, SYSMGR_SAP, 0, proto::kEvent, 0, 0, 0, b.data(), static_cast<uint32_t>(b.size())),
+              0);
+  }
+  int next() {
+    mts_msg_ref other;
+    const int kind = sysmgr_client_next(kSap, 0, &other);
+    if (kind == SYSMGR_RX_OTHER) mts_drop(kSap, &other);
+    return kind;
+  }
+
+  Seen seen_;
+};
+
+TEST_F(ReceiveLoopTest, DuringAGsyncSyncMessagesWaitAndOnlyThoseAfterTheSnapshotAreApplied) {
+  cl::state().gsync.pending = true;  // as after the service's gsync request
+  for (uint64_t n = 1; n <= 5; ++n) from_peer(n);
+  for (int i = 0; i < 5; ++i) EXPECT_EQ(next(), SYSMGR_RX_SYNC);
+  EXPECT_TRUE(seen_.dispatched.empty());
+  hadra::plat::mts::MsgInfo mi;
+  ASSERT_TRUE(hadra::plat::mts::info(&cl::state().held.front(), &mi));
+
+  proto::Event ready;
+  ready.kind = proto::EventKind::kGsyncReady;
+  ready.uri = "snap:/gsync-1";
+  ready.point = 3;  // the snapshot holds 1..3
+  ready.epoch = mi.h.epoch;
+  ready.at_point[1] = {3, 3};
+  from_daemon(ready);
+  EXPECT_EQ(next(), SYSMGR_RX_EVENT);
+  EXPECT_EQ(seen_.calls, std::vector<std::string>{"ready snap:/gsync-1"});
+  from_peer(6);
+  while (next() != SYSMGR_RX_NONE) {
+  }
+  EXPECT_EQ(seen_.dispatched, (std::vector<uint64_t>{4, 5, 6}));  // in order, none twice
+  EXPECT_EQ(mts_test_held(kSap), 0u);
+  // The applied table counts from the snapshot's share.
+  hadra::plat::sysmgr::SeqnoTable t;
+  const std::string path = root() + "/sysmgr/applied-" + std::to_string(getpid()) + ".tbl";
+  FILE* f = std::fopen(path.c_str(), "rb");
+  ASSERT_NE(f, nullptr);
+  ASSERT_EQ(std::fread(&t, sizeof t, 1, f), 1u);
+  std::fclose(f);
+  EXPECT_EQ(t.slot[1].reports, 6u);
+  EXPECT_EQ(t.slot[1].seqno, 6u);
+}
+
+TEST_F(ReceiveLoopTest, TooManyHeldMessagesAskForAnotherGsync) {
+  hadra::test::ScopedConfig hold("SYNC_HOLD_MAX", "2");
+  cl::state().gsync.pending = true;
+  for (uint64_t n = 1; n <= 3; ++n) from_peer(n);
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(next(), SYSMGR_RX_SYNC);
+  EXPECT_EQ(cl::state().held.size(), 2u);
+  proto::Event failed;
+  failed.kind = proto::EventKind::kGsyncFailed;
+  failed.status = 7;
+  from_daemon(failed);
+  EXPECT_EQ(next(), SYSMGR_RX_EVENT);
+  EXPECT_EQ(seen_.calls, std::vector<std::string>{"failed 7"});
+  EXPECT_EQ(plat_test_sysmgr_gsync_requests(), 1u);  // asked again
+}
+
+TEST_F(ReceiveLoopTest, EventsReachTheirCallbacksAndEverythingElseGoesBack) {
+  // Not for the loop: a local message of the service, and a peer message the dispatcher refuses.
+  ASSERT_EQ(mts_test_deliver(kSap, 900, 0, 77, 0, 0, 0, "x", 1), 0);
+  EXPECT_EQ(next(), SYSMGR_RX_OTHER);
+  seen_.dispatch_result = -1;
+  from_peer(1);
+  EXPECT_EQ(next(), SYSMGR_RX_OTHER);
+
+  proto::Event ev;
+  for (auto [kind, uri] : {std::pair{proto::EventKind::kGsyncSnapshot, "snap:/gsync-2"},
+                           std::pair{proto::EventKind::kCfgWrite, "stage:/cfg-1"},
+                           std::pair{proto::EventKind::kActiveMarker, ""},
+                           std::pair{proto::EventKind::kSwitchoverDone, ""}}) {
+    ev.kind = kind, ev.uri = uri;
+    from_daemon(ev);
+    EXPECT_EQ(next(), SYSMGR_RX_EVENT);
+  }
+  // A switchover whose answer the library keeps for later: the request stays held, and this
+  // supervisor is now active.
+  ev.kind = proto::EventKind::kSwitchover, ev.status = 1, ev.uri = "";
+  from_daemon(ev);
+  EXPECT_EQ(next(), SYSMGR_RX_EVENT);
+  EXPECT_EQ(mts_test_held(kSap), 1u);
+  EXPECT_EQ(sysmgr_supstate_get(), 1);
+  // The markers the service did not take itself, and a damaged event, are dropped.
+  ASSERT_EQ(mts_test_deliver(kSap, SYSMGR_SAP, 0, MTS_OPC_YOU_ARE_ACTIVE, 0, 0, 0, nullptr, 0), 0);
+  EXPECT_EQ(next(), SYSMGR_RX_EVENT);
+  ASSERT_EQ(mts_test_deliver(kSap, SYSMGR_SAP, 0, proto::kEvent, 0, 0, 0, "\x04", 1), 0);
+  EXPECT_EQ(next(), SYSMGR_RX_EVENT);
+  EXPECT_EQ(seen_.calls, (std::vector<std::string>{"snapshot snap:/gsync-2", "cfg stage:/cfg-1", "marker", "done",
+                                                   "switchover 1"}));
+  EXPECT_EQ(next(), SYSMGR_RX_NONE);
+}
+
+}  // namespace
