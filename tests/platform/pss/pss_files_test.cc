@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <string>
@@ -24,10 +25,11 @@ class PssFilesTest : public PssTest {
     struct stat st;
     return stat(path(rel).c_str(), &st) == 0;
   }
-  uint64_t last_txn(uint32_t h) {
-    MDB_envinfo info;
-    mdb_env_info(plat::pss::find_handle(h)->env->env, &info);
-    return info.me_last_txnid;
+  std::vector<std::string> files_in(const char* rel) const {
+    std::vector<std::string> out;
+    for (const auto& f : std::filesystem::directory_iterator(path(rel))) out.push_back(f.path().filename());
+    std::sort(out.begin(), out.end());
+    return out;
   }
 };
 
@@ -208,13 +210,24 @@ TEST_F(PssFilesTest, SnapshotMakesTheDestinationACopy) {
   ASSERT_EQ(pss2_get_params(src, &p), 0u);
   p.snapshot_chunk = 1;  // a thousand records per commit
   uint32_t dst = open("snap:/copy", 27, &p);
+  uint32_t other = open("snap:/copy", 11);
   ASSERT_EQ(put(dst, "stale", "from before"), 0u);
-  uint64_t before = last_txn(dst);
+  struct stat before {}, after {};
+  ASSERT_EQ(::stat(path("snap/copy").c_str(), &before), 0);
   ASSERT_EQ(pss2_snapshot(src, dst), 0u);
-  EXPECT_EQ(last_txn(dst) - before, 3u);
+  // A new file was put in place whole, nothing is left beside it, and every handle on the
+  // destination reads the copy.
+  ASSERT_EQ(::stat(path("snap/copy").c_str(), &after), 0);
+  EXPECT_NE(before.st_ino, after.st_ino);
+  EXPECT_EQ(files_in("snap"), (std::vector<std::string>{"copy", "copy-lock"}));
   EXPECT_EQ(get(dst, "stale"), std::nullopt);
   EXPECT_EQ(walk(dst), walk(src));
-  EXPECT_EQ(get(dst, "k102499"), "v2499");
+  EXPECT_EQ(get(other, "k102499"), "v2499");
+  pss2_params kept{};
+  ASSERT_EQ(pss2_get_params(dst, &kept), 0u);
+  EXPECT_EQ(kept.snapshot_chunk, 1u);
+  ASSERT_EQ(put(dst, "after", "copy"), 0u);
+  EXPECT_EQ(get(other, "after"), "copy");
   uint32_t same = open("run:/src", 11);
   EXPECT_EQ(pss2_snapshot(src, same), PLAT_ERR_PSS_BAD_ARG);
   EXPECT_EQ(pss2_snapshot(src, 12345), PLAT_ERR_PSS_BAD_HANDLE);
@@ -235,7 +248,8 @@ TEST_F(PssFilesTest, ShippedCopyIsCheckedBeforeItIsMapped) {
   ASSERT_GT(bytes.size(), 16384u);
   ::mkdir(path("snap").c_str(), 0755);
   std::ofstream(path("snap/whole"), std::ios::binary) << bytes;
-  std::ofstream(path("snap/cut"), std::ios::binary) << bytes.substr(0, bytes.size() / 2);
+  // The file spans its whole map (the writable map's sparse tail): cut into its pages.
+  std::ofstream(path("snap/cut"), std::ios::binary) << bytes.substr(0, bytes.find_last_not_of('\0') / 2);
 
   uint32_t whole = open("snap:/whole", PSS2_OPEN_FLAGS_OPEN);
   EXPECT_EQ(walk(whole).size(), 2000u);
