@@ -46,6 +46,9 @@ struct Flusher {
 };
 
 Flusher* g_flusher = new Flusher();  // never destroyed: the thread may outlive exit handlers
+// The delay, read when a store joins: the flusher itself never reads the configuration (that
+// would make the root directory again behind a caller that removed it).
+std::atomic<long> g_delay_ms{100};
 
 long delay_ms() {
   long ms = plat_config_get_long("DURABILITY_DELAY_MS", 100);
@@ -63,10 +66,10 @@ void flush_one(Tracked& t) {
   }
 }
 
-void flusher_loop(Flusher* f, long ms) {
+void flusher_loop(Flusher* f) {
   std::unique_lock<std::mutex> g(f->mu);
   for (;;) {
-    f->cv.wait_for(g, std::chrono::milliseconds(ms));
+    f->cv.wait_for(g, std::chrono::milliseconds(g_delay_ms.load(std::memory_order_relaxed)));
     for (Tracked* t : f->stores) flush_one(*t);
   }
 }
@@ -112,13 +115,14 @@ int StoreEnv::opened(MDB_env* env) {
   if (mode_ == Durability::kGroup) {
     auto* t = new Tracked();
     t->env = env;
+    g_delay_ms.store(delay_ms(), std::memory_order_relaxed);
     Flusher* f = g_flusher;
     std::lock_guard<std::mutex> g(f->mu);
     f->stores.push_back(t);
     tracked_ = t;
     if (!f->running) {
       f->running = true;
-      std::thread(flusher_loop, f, delay_ms()).detach();
+      std::thread(flusher_loop, f).detach();
     }
   }
   return 0;

@@ -354,35 +354,6 @@ TEST_F(PssFilesTest, WhatIsNotAPssFileIsLeftAlone) {
   EXPECT_NE(open("run:/empty"), 0u);
 }
 
-// Fail the Nth call of a small session, for every N: each call either works or fails as
-// documented, and every store that was acknowledged is in the file afterwards.
-TEST_F(PssFilesTest, FaultLoopLosesNoAcknowledgedRecord) {
-  for (unsigned n = 0;; ++n) {
-    std::string uri = "run:/loop" + std::to_string(n);
-    plat_fault_clear();
-    ASSERT_EQ(plat_fault_arm("*", n, 1, PLAT_FAULT_DEFAULT, 0), 0);
-    uint32_t err = 0;
-    uint32_t h = pss2_open(uri.c_str(), 27, 1, 0, nullptr, &err);
-    std::vector<std::string> acked;
-    for (const char* k : {"a", "b", "c"})
-      if (h != 0 && put(h, k, "v") == 0) acked.push_back(k);
-    uint32_t st = 0;
-    if (h != 0) pss2_move2location(&h, 1, PSS2_LOC_FIRST, &st);
-    if (h != 0) pss2_getvalue(h, &st);
-    if (h != 0) pss2_close(h);
-    bool fired = plat_fault_fired() > 0;
-    plat_fault_clear();
-    if (h != 0) {
-      uint32_t r = open(uri.c_str(), 11);
-      for (const auto& k : acked) EXPECT_EQ(get(r, k), "v") << "fault at call " << n;
-      pss2_close(r);
-    } else {
-      EXPECT_EQ(err, PLAT_ERR_PSS_IO);
-    }
-    if (!fired) break;
-  }
-}
-
 TEST_F(PssFilesTest, ResetClosesEverything) {
   uint32_t h = open("run:/reset");
   ASSERT_EQ(pss2_mget_begin(h, nullptr), 0u);
