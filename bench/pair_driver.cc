@@ -30,6 +30,7 @@
 
 #include "hadra/hadra.h"
 #include "hadra_platform/mts.h"
+#include "hadra_platform/pss.h"
 #include "hadra_platform/sysmgr.h"
 #include "hadra_platform_testing.h"
 #include "pairkit/store_dump.h"
@@ -107,6 +108,9 @@ bool start_client() {
 
 hadra_ha_pss_entry* e(uint8_t index) { return &hadra_ha_pss[index]; }
 
+// The library creates PSS files with its own small limit; the larger runs need more.
+bool raise_pss_limit() { return pss2_set_max_dbsize(e(kPss)->pss_handle, uint64_t{4} << 30) == 0; }
+
 bool answered(int kind) {
   plat_test_sysmgr_answer a{};
   const size_t n = plat_test_sysmgr_answer_count();
@@ -148,7 +152,7 @@ bool write_all(Records& r) {
 
 int active_updates(kit::Signal& ready, kit::Signal& finished) {
   Records r(g_records);
-  if (!ready.wait(kWaitMs) || !start_client()) return kit::log("active", "start failed"), 10;
+  if (!ready.wait(kWaitMs) || !start_client() || !raise_pss_limit()) return kit::log("active", "start failed"), 10;
   const double t0 = now_s(), c0 = cpu_s();
   if (!write_all(r)) return kit::log("active", "an update failed"), 11;
   if (mts_send(kSap, MTS_ADDR_PEER, MTS_SAP_SAME, kDoneOpc, &t0, sizeof t0, nullptr, 0, nullptr) != 0) return 12;
@@ -162,6 +166,7 @@ int standby_updates(kit::Signal& ready, kit::Signal& finished) {
     if (hadra_ha_db_start(e(i)) != 1) return 21;
     e(i)->state = HADRA_HA_STANDBY;
   }
+  if (!raise_pss_limit()) return 23;
   const double c0 = cpu_s();
   ready.raise();
   kit::LoopStats stats;
