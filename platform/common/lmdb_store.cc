@@ -77,7 +77,11 @@ void flusher_loop(Flusher* f) {
 // A child of fork() has no flusher thread and must not touch its parent's environments: it
 // starts from a fresh flusher (the old one, maybe locked by a thread that is not there, is
 // left alone).
-void after_fork_child() { g_flusher = new Flusher(); }
+Flusher* g_retired = nullptr;  // the parent's, kept reachable: it is not ours to free
+void after_fork_child() {
+  g_retired = g_flusher;
+  g_flusher = new Flusher();
+}
 [[maybe_unused]] const bool g_fork_registered = (pthread_atfork(nullptr, nullptr, after_fork_child), true);
 
 }  // namespace
