@@ -50,6 +50,7 @@ std::string num(const char* tag, long i) {
   return b;
 }
 datum D(const std::string& s) { return datum{const_cast<char*>(s.data()), static_cast<uint32_t>(s.size())}; }
+datum D(std::string&&) = delete;  // the bytes must outlive the datum
 
 // ---- The child ----
 
@@ -97,8 +98,8 @@ uint32_t sdb_put(const std::string& k, const std::string& v) {
     if (sdb_list_ops(kSdb, ops.data(), 10) != 0) _exit(9);
     tell(fd, 'B', i);
     // The markers say how many records the copies must hold.
-    std::string mark = std::to_string(i);
-    datum mk = D("zz-count"), mv = D(mark);
+    const std::string marker = "zz-count", mark = std::to_string(i);
+    datum mk = D(marker), mv = D(mark);
     if (pss2_store(src, &mk, &mv) != 0 || sdb_put("zz-count", mark) != 0) _exit(10);
     uint32_t dst = pss2_open(kCopy, PSS2_OPEN_FLAGS_CREATE, kUuid, 0, nullptr, &err);
     if (dst == 0 || pss2_set_max_dbsize(dst, uint64_t{256} << 20) != 0 || pss2_snapshot(src, dst) != 0) _exit(11);
