@@ -1,5 +1,6 @@
 // Stores killed mid-write: a child process writes PSS records, SDB records, lists and
-// batches, and makes PSS copies and SDB snapshots, reporting each call that returned success
+// batches, makes PSS copies and SDB snapshots and restores its SDB from the snapshot (what
+// a standby does in a gsync), reporting each call that returned success
 // over a pipe; the parent kills it (SIGKILL) after a random delay, then reopens everything:
 //   - every store and snapshot file passes the structure check and LMDB's own mdb_stat;
 //   - every change the child reported is there;
@@ -66,7 +67,7 @@ uint32_t sdb_put(const std::string& k, const std::string& v) {
 }
 
 // Writes from record start on until killed, in cycles: p<i>, s<i>, and every kEvery records
-// a list, a batch, the markers, a PSS copy and an SDB snapshot. Records are written in
+// a list, a batch, the markers, a PSS copy, an SDB snapshot and its restore. Records are written in
 // order and a new child redoes the cycle it was stopped in (Reported::next), so the p and s
 // records always run from 0 without a gap.
 [[noreturn]] void child(int fd, long start) {
@@ -107,6 +108,11 @@ uint32_t sdb_put(const std::string& k, const std::string& v) {
     tell(fd, 'C', i);
     if (sdb_write_snapshot(kSdb, kArea, kUuid) != 0) _exit(12);
     tell(fd, 'N', i);
+    // The standby's side of a gsync: the SDB's contents replaced by the snapshot (the same
+    // records, so a restore cut short shows as missing ones).
+    if (i % (4 * kEvery) != 0) continue;  // (every fourth cycle: a restore costs the whole SDB)
+    if (sdb_read_snapshot(kSdb, kArea, kUuid) != 0) _exit(13);
+    tell(fd, 'R', i);
   }
 }
 
@@ -134,7 +140,8 @@ Reported parse_reports(const std::string& all) {
     char what = all[at];
     long i = std::strtol(all.c_str() + at + 2, nullptr, 10);
     r.events.emplace_back(what, i);
-    r.next = (what == 'N' || (what == 'S' && i % kEvery != 0)) ? i + 1 : i;
+    const bool cycle_done = what == 'R' || (what == 'N' && i % (4 * kEvery) != 0) || (what == 'S' && i % kEvery != 0);
+    r.next = cycle_done ? i + 1 : i;
   }
   return r;
 }
