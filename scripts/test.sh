@@ -20,7 +20,8 @@ run_suite() {
 
 ran=0
 
-run_suite "$here/build" -DCMAKE_BUILD_TYPE=RelWithDebInfo
+# The normal build carries the benchmark programs too: their smoke runs are ctest tests.
+run_suite "$here/build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DHADRA_BUILD_BENCHMARKS=ON
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
   run_suite "$here/build-asan" -DCMAKE_BUILD_TYPE=Debug -DHADRA_SANITIZE=address,undefined
 

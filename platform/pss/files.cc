@@ -53,6 +53,7 @@ void close_env(Env* e) {
       envs.erase(envs.begin() + static_cast<long>(i));
       break;
     }
+  e->store.closing();
   mdb_env_close(e->env);
   delete e;
 }
@@ -158,7 +159,13 @@ uint32_t prepare(Env& e, bool create, bool exclusive) {
   auto store_max = static_cast<uint32_t>(mdb_env_get_maxkeysize(e.env));
   e.max_key = e.params.max_key_len != 0 ? e.params.max_key_len : PSS2_MAX_KEY_LEN;
   if (e.max_key > store_max) e.max_key = store_max;
-  mdb_env_set_flags(e.env, MDB_NOSYNC, want_sync(e.params) ? 0 : 1);
+  // The file's own parameters may ask for what the setting did not.
+  if (want_sync(e.params) && e.store.mode() != Durability::kSync) {
+    e.store.closing();
+    e.store.open_flags(0, true);
+    mdb_env_set_flags(e.env, MDB_NOSYNC, 0);
+    if (int rc = e.store.opened(e.env); rc != 0) return map_rc(rc);
+  }
   apply_limit(e);
   return 0;
 }
@@ -174,19 +181,31 @@ bool damaged_arrival(const std::string& path, const struct stat& st) {
   return true;
 }
 
+// Opens the LMDB environment of e->path (see prepare). Returns a platform code; on failure
+// e has no environment.
+uint32_t open_lmdb(Env* e, bool create, bool exclusive) {
+  int rc = mdb_env_create(&e->env);
+  if (rc == 0) rc = mdb_env_set_maxdbs(e->env, 4);
+  unsigned flags = e->store.open_flags(MDB_NOSUBDIR | MDB_NOTLS, want_sync(e->params));
+  if (rc == 0) rc = mdb_env_open(e->env, e->path.c_str(), flags, 0664);
+  if (rc == 0 && (rc = e->store.opened(e->env)) != 0) log_failure("allocation", *e, rc);
+  uint32_t err = rc == MDB_INVALID || rc == MDB_VERSION_MISMATCH ? PLAT_ERR_PSS_BAD_URI : map_rc(rc);
+  if (err == 0) err = prepare(*e, create, exclusive);
+  if (err != 0) {
+    e->store.closing();
+    if (e->env != nullptr) mdb_env_close(e->env);
+    e->env = nullptr;
+  }
+  return err;
+}
+
 // Opens the LMDB environment of an existing or new file (see prepare). Returns a platform
 // code; *out is the new Env.
 uint32_t open_env(const std::string& path, bool create, bool exclusive, const pss2_params& params, Env** out) {
   auto* e = new Env();
   e->path = path;
   e->params = params;
-  int rc = mdb_env_create(&e->env);
-  if (rc == 0) rc = mdb_env_set_maxdbs(e->env, 4);
-  if (rc == 0) rc = mdb_env_open(e->env, path.c_str(), MDB_NOSUBDIR | MDB_NOTLS | MDB_NOSYNC, 0664);
-  uint32_t err = rc == MDB_INVALID || rc == MDB_VERSION_MISMATCH ? PLAT_ERR_PSS_BAD_URI : map_rc(rc);
-  if (err == 0) err = prepare(*e, create, exclusive);
-  if (err != 0) {
-    if (e->env != nullptr) mdb_env_close(e->env);
+  if (uint32_t err = open_lmdb(e, create, exclusive); err != 0) {
     delete e;
     return err;
   }
@@ -352,6 +371,34 @@ Handle* find_handle(uint32_t id) {
   if (slot == 0 || slot > kMaxHandles) return nullptr;
   Handle* h = table().slots[slot - 1].h;
   return h != nullptr && h->id == id ? h : nullptr;
+}
+
+uint32_t reopen_env(Env* e) {
+  e->store.closing();
+  mdb_env_close(e->env);
+  e->env = nullptr;
+  e->limit_pending = false;
+  uint32_t err = open_lmdb(e, false, false);
+  if (err == 0) return 0;
+  plat_syslog(PLAT_LOG_ERR, "PSS: %s could not be opened again after its copy was put in place; its handles are closed",
+              e->path.c_str());
+  // The handles cannot go on without an environment: close them; the last one frees e.
+  Table& t = table();
+  auto& envs = t.envs;
+  for (size_t i = 0; i < envs.size(); ++i)
+    if (envs[i] == e) {
+      envs.erase(envs.begin() + static_cast<long>(i));
+      break;
+    }
+  for (size_t i = 0; i < kMaxHandles; ++i)
+    if (t.slots[i].h != nullptr && t.slots[i].h->env == e) {
+      Slot& s = t.slots[i];
+      s.gen = (s.gen + 1) & (0xffffffffu >> kSlotBits);
+      delete s.h;
+      s.h = nullptr;
+    }
+  delete e;
+  return err;
 }
 
 uint32_t close_handle(uint32_t id) {

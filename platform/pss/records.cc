@@ -1,6 +1,13 @@
 // Record operations of the PSS store: store, delete, prefix delete, purge, fetch, the size
 // limit and the copy of one file into another.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdint>
 #include <cstring>
+#include <string>
 
 #include "pss/store.h"
 
@@ -75,6 +82,13 @@ uint32_t store(Handle& h, const datum* key, const datum* value) {
   if (!key_ok(*h.env, key) || !value_ok(value)) return PLAT_ERR_PSS_BAD_ARG;
   if (!writable(h)) return PLAT_ERR_PSS_READ_ONLY;
   PutCtx c{val_of(key), val_of(value)};
+  // A large value needs more blocks ahead of the map than a write is given by default.
+  if (size_t need = 2 * (size_t{key->dsize} + value->dsize); need > kWriteRoom / 2) {
+    if (int rc = h.env->store.reserve(need + kWriteRoom); rc != 0) {
+      log_failure("allocation", *h.env, rc);
+      return map_rc(rc);
+    }
+  }
   return map_rc(write_txn(*h.env, put_body, &c, false));
 }
 
@@ -158,24 +172,114 @@ int copy_body(MDB_txn* txn, Env& e, void* ctx) {
 
 }  // namespace
 
+namespace {
+
+// The meta records of dst (format, parameters, limit), copied into the new file first.
+int copy_meta(MDB_txn* from, MDB_dbi fm, MDB_txn* to, MDB_dbi tm) {
+  MDB_cursor* c;
+  int rc = mdb_cursor_open(from, fm, &c);
+  if (rc != 0) return rc;
+  MDB_val k, v;
+  for (rc = mdb_cursor_get(c, &k, &v, MDB_FIRST); rc == 0; rc = mdb_cursor_get(c, &k, &v, MDB_NEXT))
+    if ((rc = mdb_put(to, tm, &k, &v, 0)) != 0) break;
+  mdb_cursor_close(c);
+  return rc == MDB_NOTFOUND ? 0 : rc;
+}
+
+// Writes the copy into a new file tmp beside dst: dst's meta, then src's records in commits
+// of c->chunk, flushed to disk before the file is closed. Its map is dst's, so that a copy
+// that would not fit dst's limit fails as full.
+int write_copy(const std::string& tmp, Env& dst, Copy* c) {
+  MDB_env* env;
+  int rc = mdb_env_create(&env);
+  if (rc != 0) return rc;
+  MDB_envinfo info;
+  mdb_env_info(dst.env, &info);
+  size_t map = info.me_mapsize > dst.limit ? info.me_mapsize : static_cast<size_t>(dst.limit);
+  rc = mdb_env_set_maxdbs(env, 4);
+  if (rc == 0) rc = mdb_env_set_mapsize(env, map);
+  if (rc == 0) rc = mdb_env_open(env, tmp.c_str(), MDB_NOSUBDIR | MDB_NOLOCK | MDB_NOSYNC | MDB_NOTLS, 0664);
+  Env out;  // the new file as the copy loop sees it: its records database
+  out.env = env;
+  out.path = tmp;
+  MDB_txn* txn = nullptr;
+  MDB_txn* mt = nullptr;
+  if (rc == 0) rc = mdb_txn_begin(env, nullptr, 0, &txn);
+  if (rc == 0) rc = mdb_dbi_open(txn, kRecordsDb, MDB_CREATE, &out.recs);
+  if (rc == 0) rc = mdb_dbi_open(txn, kMetaDb, MDB_CREATE, &out.meta);
+  if (rc == 0) rc = mdb_txn_begin(dst.env, nullptr, MDB_RDONLY, &mt);
+  if (rc == 0) rc = copy_meta(mt, dst.meta, txn, out.meta);
+  if (mt != nullptr) mdb_txn_abort(mt);
+  if (rc == 0) {
+    rc = lmdb_ops().txn_commit(txn);
+    txn = nullptr;
+  }
+  if (txn != nullptr) mdb_txn_abort(txn);
+  c->first = false;  // the new file has no records to drop
+  while (rc == 0 && !c->done) {
+    if ((rc = mdb_txn_begin(env, nullptr, 0, &txn)) != 0) break;
+    if ((rc = copy_body(txn, out, c)) != 0) {
+      mdb_txn_abort(txn);
+      break;
+    }
+    rc = lmdb_ops().txn_commit(txn);
+  }
+  if (rc == 0) rc = lmdb_ops().env_sync(env, 1);
+  out.env = nullptr;
+  mdb_env_close(env);
+  return rc;
+}
+
+int sync_dir_of(const std::string& path) {
+  std::string dir = path.substr(0, path.find_last_of('/'));
+  int fd = ::open(dir.empty() ? "/" : dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (fd < 0) return errno;
+  int rc = ::fsync(fd) == 0 ? 0 : errno;
+  ::close(fd);
+  return rc;
+}
+
+}  // namespace
+
+// The copy is built in a scratch file in dst's directory, flushed, and renamed over dst's
+// file, whose environment is then opened again: a crash at any point leaves dst's old file
+// or the whole copy under dst's name, never part of it. (A destination with a multi-get phase
+// open keeps its read transaction on the old file: it gets the copy in one transaction in
+// place instead, which LMDB makes as whole.)
 uint32_t snapshot(Handle& src, Handle& dst) {
   if (src.env == dst.env || !readable(src)) return PLAT_ERR_PSS_BAD_ARG;
   if (!writable(dst)) return PLAT_ERR_PSS_READ_ONLY;
   MDB_txn* rtxn;
   int rc = mdb_txn_begin(src.env->env, nullptr, MDB_RDONLY, &rtxn);
-  Copy c{nullptr, size_t{dst.env->params.snapshot_chunk != 0 ? dst.env->params.snapshot_chunk : kDefaultChunkKilo} * 1000};
+  size_t chunk = size_t{dst.env->params.snapshot_chunk != 0 ? dst.env->params.snapshot_chunk : kDefaultChunkKilo} * 1000;
+  Copy c{nullptr, chunk};
   if (rc == 0 && (rc = mdb_cursor_open(rtxn, src.env->recs, &c.src)) != 0) mdb_txn_abort(rtxn);
   if (rc != 0) {
     log_failure("snapshot read", *src.env, rc);
     return map_rc(rc);
   }
-  while (rc == 0 && !c.done) {
-    rc = write_txn(*dst.env, copy_body, &c, false);
-    c.first = false;
+  Env& d = *dst.env;
+  uint32_t err = 0;
+  if (d.readers > 0) {
+    c.chunk = SIZE_MAX;
+    rc = write_txn(d, copy_body, &c, false);
+  } else {
+    static std::atomic<unsigned> serial{0};
+    std::string tmp = d.path + ".tmp-" + std::to_string(::getpid()) + "-" + std::to_string(serial++);
+    ::unlink(tmp.c_str());
+    rc = write_copy(tmp, d, &c);
+    if (rc == 0 && ::rename(tmp.c_str(), d.path.c_str()) != 0) rc = errno;
+    if (rc != 0) {
+      log_failure("snapshot copy", d, rc);
+      ::unlink(tmp.c_str());
+    } else if ((rc = sync_dir_of(d.path)) != 0) {
+      log_failure("snapshot copy (directory flush)", d, rc);
+    }
+    if (rc == 0) err = reopen_env(&d);  // on failure d is gone with its handles
   }
   mdb_cursor_close(c.src);
   mdb_txn_abort(rtxn);
-  return map_rc(rc);
+  return rc != 0 ? map_rc(rc) : err;
 }
 
 }  // namespace hadra::plat::pss

@@ -26,6 +26,7 @@
 #include <mutex>
 #include <string>
 
+#include "common/lmdb_store.h"
 #include "hadra_platform/pss.h"
 
 namespace hadra::plat::pss {
@@ -46,6 +47,7 @@ struct Env {
   dev_t dev = 0;
   ino_t ino = 0;
   MDB_env* env = nullptr;
+  StoreEnv store;  // durability, blocks ahead of the writable map, the commit seam
   MDB_dbi recs = 0;
   MDB_dbi meta = 0;
   int refs = 0;             // handles on this environment in this process
@@ -92,6 +94,9 @@ Handle* find_handle(uint32_t id);
 uint32_t destroy_file(const char* uri);
 uint32_t file_type(const char* uri, uint32_t* type, uint32_t* version);
 uint32_t check_params(const pss2_params* p);
+// Closes e's LMDB environment and opens the file at e.path again (after a copy was renamed
+// over it). On failure every handle on e is closed and e is gone.
+uint32_t reopen_env(Env* e);
 
 // ---- txn.cc: transactions and error mapping ----
 uint32_t map_rc(int rc);
@@ -118,6 +123,8 @@ class ReadTxn {
 using TxnBody = int (*)(MDB_txn* txn, Env& e, void* ctx);
 int write_txn(Env& e, TxnBody body, void* ctx, bool may_grow);
 int write_begin(Env& e, MDB_txn** txn);
+// Blocks ahead of the writable map for a write of about bytes (see lmdb_store.h).
+inline constexpr size_t kWriteRoom = size_t{8} << 20;
 // Sets LMDB's map to the file's limit when no read transaction of this process is open.
 void apply_limit(Env& e);
 

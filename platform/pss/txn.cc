@@ -44,6 +44,8 @@ uint32_t map_rc(int rc) {
       return PLAT_ERR_PSS_BAD_ARG;
     case ENOENT:
       return PLAT_ERR_PSS_NOT_FOUND;
+    case ENOSPC:  // the disk, not the file's limit: logged with the file's name
+      return PLAT_ERR_PSS_IO;
     default:
       return PLAT_ERR_PSS_IO;
   }
@@ -93,6 +95,7 @@ void apply_limit(Env& e) {
 
 int write_begin(Env& e, MDB_txn** txn) {
   if (e.limit_pending) apply_limit(e);
+  if (int rc = e.store.reserve(kWriteRoom); rc != 0) return rc;
   int rc = mdb_txn_begin(e.env, nullptr, 0, txn);
   if (rc == MDB_MAP_RESIZED && e.readers == 0) {
     mdb_env_set_mapsize(e.env, 0);
@@ -112,7 +115,7 @@ int run_once(Env& e, TxnBody body, void* ctx) {
     mdb_txn_abort(txn);
     return rc;
   }
-  return mdb_txn_commit(txn);  // frees txn whatever the result
+  return e.store.commit(txn);  // frees txn whatever the result
 }
 
 }  // namespace

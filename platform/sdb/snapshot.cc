@@ -12,6 +12,7 @@
 // snapshot is written to a scratch file and renamed into place: a reader never meets half
 // a snapshot. Restoring replaces the SDB's contents in one write transaction, so other
 // processes that have the SDB open see the old or the new contents, never a mix.
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -90,8 +91,17 @@ uint32_t write_file(const sdb::Env& src, MDB_txn* rt, const sdb::Meta& m, const 
   if (rc == 0) rc = wt.commit();
   wt.abort();
   dst.close();
+  // The scratch file's commit was flushed (it is opened without MDB_NOSYNC); the rename is
+  // made durable with its directory.
   if (rc == 0 && ::rename(tmp.c_str(), snap.c_str()) != 0) rc = PLAT_ERR_SDB_IO;
-  if (rc != 0) ::unlink(tmp.c_str());
+  if (rc != 0) {
+    ::unlink(tmp.c_str());
+    return rc;
+  }
+  std::string dir = snap.substr(0, snap.find_last_of('/'));
+  int fd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (fd < 0 || ::fsync(fd) != 0) rc = PLAT_ERR_SDB_IO;
+  if (fd >= 0) ::close(fd);
   return rc;
 }
 
@@ -155,6 +165,13 @@ uint32_t read_snapshot(const std::string& path, const std::string& snap, uint32_
   const sdb::Env* dst = nullptr;
   uint32_t rc;
   if ((rc = target_env(path, sm, scratch, &db, &dst)) != 0) return rc;
+  // Old and new contents live side by side until the commit: blocks ahead for both.
+  if (hadra::plat::StoreEnv* s = dst->store(); s != nullptr) {
+    if (int e = s->reserve(2 * static_cast<size_t>(st.st_size) + sdb::kWriteRoom); e != 0) {
+      plat_syslog(PLAT_LOG_ERR, "SDB: no room on the disk to restore %s: %s", path.c_str(), mdb_strerror(e));
+      return sdb::map_err(e);
+    }
+  }
   if ((rc = replace_contents(file, rt.get(), sm, *dst)) != 0) return rc;
   if (db != nullptr) {  // its iterator stood on records that are gone
     db->kind = sm.kind;

@@ -22,6 +22,7 @@
 
 #include "common/call.h"
 #include "hadra_platform/config.h"
+#include "hadra_platform/log.h"
 #include "sdb/bytes.h"
 
 namespace hadra::plat::sdb {
@@ -111,11 +112,12 @@ uint32_t map_err(int rc) {
     case MDB_MAP_FULL:
     case MDB_TXN_FULL: return PLAT_ERR_SDB_FULL;
     case MDB_BAD_VALSIZE: return PLAT_ERR_SDB_BAD_ARG;
+    case ENOSPC: return PLAT_ERR_SDB_FULL;  // the disk: no blocks for the store's map
     default: return PLAT_ERR_SDB_IO;
   }
 }
 
-unsigned env_flags() { return plat_config_get_long("SDB_SYNC", 0) == 1 ? 0u : static_cast<unsigned>(MDB_NOSYNC); }
+unsigned env_flags() { return 0; }
 
 uint32_t Env::open(const std::string& path, unsigned extra, bool create, const Meta& init) {
   close();
@@ -126,10 +128,17 @@ uint32_t Env::open(const std::string& path, unsigned extra, bool create, const M
     env_ = nullptr;
     return PLAT_ERR_SDB_IO;
   }
+  live_ = (extra & MDB_NOLOCK) == 0;
+  unsigned flags = live_ ? store_.open_flags(extra, plat_config_get_long("SDB_SYNC", 0) == 1) : extra;
   if (mdb_env_set_maxdbs(env_, 4) != 0 || mdb_env_set_mapsize(env_, static_cast<size_t>(map)) != 0 ||
-      mdb_env_open(env_, path.c_str(), extra | MDB_NOTLS, 0644) != 0) {
+      mdb_env_open(env_, path.c_str(), flags | MDB_NOTLS, 0644) != 0) {
     close();
     return PLAT_ERR_SDB_IO;
+  }
+  if (live_ && (rc = store_.opened(env_)) != 0) {
+    plat_syslog(PLAT_LOG_ERR, "SDB: %s: no room on the disk for its store: %s", path.c_str(), mdb_strerror(rc));
+    close();
+    return PLAT_ERR_SDB_FULL;
   }
   Txn txn;
   uint32_t r = txn.begin(*this, !create);
@@ -146,13 +155,20 @@ uint32_t Env::open(const std::string& path, unsigned extra, bool create, const M
 }
 
 void Env::close() {
-  if (env_ != nullptr) mdb_env_close(env_);
+  if (env_ != nullptr) {
+    if (live_) store_.closing();
+    mdb_env_close(env_);
+  }
   env_ = nullptr;
 }
 
 uint32_t Txn::begin(const Env& env, bool read_only) {
   abort();
   unsigned flags = read_only ? MDB_RDONLY : 0;
+  store_ = read_only ? nullptr : env.store();
+  if (store_ != nullptr) {
+    if (int rc = store_->reserve(kWriteRoom); rc != 0) return map_err(rc);
+  }
   int rc = mdb_txn_begin(env.env(), nullptr, flags, &txn_);
   if (rc == MDB_MAP_RESIZED) {  // another process grew the map: adopt its size
     mdb_env_set_mapsize(env.env(), 0);
@@ -164,7 +180,7 @@ uint32_t Txn::begin(const Env& env, bool read_only) {
 
 uint32_t Txn::commit() {
   if (txn_ == nullptr) return PLAT_ERR_SDB_IO;
-  int rc = mdb_txn_commit(txn_);
+  int rc = store_ != nullptr ? store_->commit(txn_) : lmdb_ops().txn_commit(txn_);
   txn_ = nullptr;
   return map_err(rc);
 }

@@ -14,6 +14,7 @@
 #include <string>
 #include <string_view>
 
+#include "common/lmdb_store.h"
 #include "hadra_platform/sdb.h"
 
 namespace hadra::plat::sdb {
@@ -61,20 +62,28 @@ class Env {
   Env& operator=(const Env&) = delete;
 
   // Open the environment at path (a directory, or a file with MDB_NOSUBDIR). extra: further
-  // LMDB flags. Then creates the sub-databases and the meta record (create=true) or opens
+  // LMDB flags; without MDB_NOLOCK it is a live store (durability setting, writable map),
+  // with it a snapshot file that this process alone reads or writes. Then creates the sub-databases and the meta record (create=true) or opens
   // them and checks the meta record (create=false: PLAT_ERR_SDB_BAD_URI when it is missing).
   uint32_t open(const std::string& path, unsigned extra, bool create, const Meta& init = Meta{});
   void close();
   // Forget the environment without closing it: after fork() the parent's environment must
   // not be touched by the child, not even to close it.
-  void abandon() { env_ = nullptr; }
+  void abandon() {
+    env_ = nullptr;
+    store_.abandon();
+  }
   bool is_open() const { return env_ != nullptr; }
 
   MDB_env* env() const { return env_; }
+  // The live store's layer, or null for a snapshot file.
+  StoreEnv* store() const { return live_ ? &store_ : nullptr; }
   MDB_dbi meta = 0, records = 0, mkeys = 0, skeys = 0;
 
  private:
   MDB_env* env_ = nullptr;
+  bool live_ = false;
+  mutable StoreEnv store_;
 };
 
 // A transaction that aborts unless committed. Begins again after another process grew the map.
@@ -91,6 +100,7 @@ class Txn {
 
  private:
   MDB_txn* txn_ = nullptr;
+  StoreEnv* store_ = nullptr;  // the live store a write transaction commits through
 };
 
 // A cursor closed when it goes out of scope (before its transaction ends).
@@ -180,8 +190,11 @@ uint32_t open_existing(const std::string& path, Env& env, Meta* meta);
 // The same for an SDB that must be usable: stored (check_stored) and not being destroyed
 // (PLAT_ERR_SDB_NOT_FOUND). meta receives its meta record.
 uint32_t open_live(const std::string& path, Env& env, Meta& meta);
-// Flags with which SDB environments are opened (SDB_SYNC) and their map size (SDB_MAP_SIZE).
+// Further flags with which SDB environments are opened (durability: see lmdb_store.h; map
+// size: SDB_MAP_SIZE).
 unsigned env_flags();
+// Blocks ahead of the writable map for an ordinary write transaction.
+inline constexpr size_t kWriteRoom = size_t{8} << 20;
 
 // Opcodes registered with sdb_register (forgotten by the reset hook).
 void opcode_add(uint32_t opcode);

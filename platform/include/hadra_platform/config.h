@@ -17,8 +17,14 @@
  *   TSP_SLICE_US  time slice after which tsp_should_sched_yield() answers yes; default 10000
  *   SWOVER_FIRST_START, HANDSHAKE_DONE   1: first start after a switchover / this service's
  *                 handshake with the system manager is done; default 0
- *   PSS_SYNC, SDB_SYNC   1: flush every store commit to disk (default: the commit survives a
- *                 crash of the process, not of the machine)
+ *   DURABILITY    when store commits reach the disk: sync (before the call returns), group
+ *                 (within DURABILITY_DELAY_MS, default 100 ms, by a flusher thread) or none
+ *                 (when the kernel writes them); default group. Every setting keeps a commit
+ *                 across a crash of the process; README "Durability and failure" says what
+ *                 each keeps across a power cut.
+ *   PSS_SYNC, SDB_SYNC   1: sync for that store kind whatever DURABILITY says
+ *   STORE_WRITEMAP 0: open stores without LMDB's writable map (slower commits; see
+ *                 platform/common/lmdb_store.h); default 1
  * Services keep their own keys next to their contracts (mts.h, pss.h, sdb.h).
  *
  * Areas under the root: run/ and startup/ (configurations), snap/ (gsync snapshots), log/

@@ -26,10 +26,10 @@
  *    Writes through the handle (store, delete, purge, ...) do not invalidate them, so a key
  *    returned by getkey may be passed straight to pss2_delete.
  *  - Durability: a write returns only after its transaction committed; another handle or
- *    process sees it at once and it survives a crash of the calling process. By default the
- *    commit does not fsync (the data is in the kernel's page cache; a crash of the whole
- *    host may lose the last writes). With configuration key PSS_SYNC=1, or a file created
- *    with PSS2_PARAM_SYNC, every commit is flushed to disk before the call returns.
+ *    process sees it at once and it survives a crash of the calling process. When it reaches
+ *    the disk follows configuration key DURABILITY (config.h; by default within 100 ms). With
+ *    PSS_SYNC=1, or a file created with PSS2_PARAM_SYNC, every commit is flushed to disk
+ *    before the call returns.
  *  - Threads: every call is thread-safe; the calls of one process are serialised. A handle's
  *    position and returned datums must not be shared by threads that use it at once.
  *  - Processes: other processes of the supervisor may open the same file; writes are
@@ -149,8 +149,9 @@ HADRA_PLAT_API uint32_t pss2_set_max_dbsize(uint32_t handle, uint64_t size) PLAT
 HADRA_PLAT_API uint32_t pss2_get_params(uint32_t handle, pss2_params *params) PLAT_NOEXCEPT;
 /*
  * Make the file of dest_handle a copy of the file of source_handle: dest's records are
- * replaced by every record of source (dest keeps its own parameters and limit). Large files
- * are copied in several commits; after a failure dest holds part of the copy.
+ * replaced by every record of source (dest keeps its own parameters and limit). The copy is
+ * written to a scratch file beside dest's, flushed to disk and renamed over it: after a
+ * failure or a crash dest's file holds its old records or the whole copy, never a part.
  * 0; BAD_HANDLE; BAD_ARG (both handles on one file); READ_ONLY (dest); PLAT_ERR_PSS_FULL
  * (dest's limit reached); PLAT_ERR_PSS_IO.
  */

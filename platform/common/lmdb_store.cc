@@ -1,0 +1,199 @@
+// Live store environments: durability, blocks allocated ahead of the writable map, the
+// group-commit flusher, and the seam over the calls that write (see lmdb_store.h).
+#include "common/lmdb_store.h"
+
+#include <fcntl.h>
+#include <pthread.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <condition_variable>
+#include <cstring>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "hadra_platform/config.h"
+#include "hadra_platform/log.h"
+
+namespace hadra::plat {
+namespace {
+
+int real_fallocate(int fd, off_t offset, off_t len) {
+  // fallocate(2), not posix_fallocate: glibc's fallback writes into the file, under the map.
+  return ::fallocate(fd, 0, offset, len) == 0 ? 0 : errno;
+}
+
+constexpr LmdbOps kLmdb{&mdb_txn_commit, &mdb_env_sync, &real_fallocate};
+LmdbOps g_ops = kLmdb;
+
+constexpr off_t kMinStep = off_t{4} << 20;  // blocks allocated ahead at least this far
+
+// One store in group mode. The node outlives nothing: the store removes it when it closes.
+struct Tracked {
+  MDB_env* env = nullptr;
+  std::atomic<bool> dirty{false};
+};
+
+// The flusher: a thread that wakes every delay and flushes the stores that changed. It holds
+// its mutex while flushing, so a store that closes waits for the flush of its environment.
+struct Flusher {
+  std::mutex mu;
+  std::condition_variable cv;
+  std::vector<Tracked*> stores;
+  bool running = false;
+};
+
+Flusher* g_flusher = new Flusher();  // never destroyed: the thread may outlive exit handlers
+// The delay, read when a store joins: the flusher itself never reads the configuration (that
+// would make the root directory again behind a caller that removed it).
+std::atomic<long> g_delay_ms{100};
+
+long delay_ms() {
+  long ms = plat_config_get_long("DURABILITY_DELAY_MS", 100);
+  return ms < 1 ? 1 : ms > 10000 ? 10000 : ms;
+}
+
+void flush_one(Tracked& t) {
+  if (!t.dirty.exchange(false, std::memory_order_acq_rel)) return;
+  if (int rc = g_ops.env_sync(t.env, 1); rc != 0) {
+    t.dirty.store(true, std::memory_order_relaxed);  // owed still: tried again next round
+    const char* path = nullptr;
+    mdb_env_get_path(t.env, &path);
+    plat_syslog(PLAT_LOG_ERR, "store: flushing %s to disk failed: %s", path != nullptr ? path : "?",
+                mdb_strerror(rc));
+  }
+}
+
+void flusher_loop(Flusher* f) {
+  std::unique_lock<std::mutex> g(f->mu);
+  for (;;) {
+    f->cv.wait_for(g, std::chrono::milliseconds(g_delay_ms.load(std::memory_order_relaxed)));
+    for (Tracked* t : f->stores) flush_one(*t);
+  }
+}
+
+// A child of fork() has no flusher thread and must not touch its parent's environments: it
+// starts from a fresh flusher (the old one, maybe locked by a thread that is not there, is
+// left alone).
+Flusher* g_retired = nullptr;  // the parent's, kept reachable: it is not ours to free
+void after_fork_child() {
+  g_retired = g_flusher;
+  g_flusher = new Flusher();
+}
+[[maybe_unused]] const bool g_fork_registered = (pthread_atfork(nullptr, nullptr, after_fork_child), true);
+
+}  // namespace
+
+LmdbOps& lmdb_ops() { return g_ops; }
+void reset_lmdb_ops() { g_ops = kLmdb; }
+
+Durability durability(bool force_sync) {
+  if (force_sync) return Durability::kSync;
+  const char* v = plat_config_get("DURABILITY", "group");
+  if (std::strcmp(v, "sync") == 0) return Durability::kSync;
+  if (std::strcmp(v, "none") == 0) return Durability::kNone;
+  if (std::strcmp(v, "group") != 0)
+    plat_syslog(PLAT_LOG_WARNING, "store: DURABILITY=%s is not sync, group or none; using group", v);
+  return Durability::kGroup;
+}
+
+const char* durability_name(Durability d) {
+  return d == Durability::kSync ? "sync" : d == Durability::kGroup ? "group" : "none";
+}
+
+unsigned StoreEnv::open_flags(unsigned extra, bool force_sync) {
+  mode_ = durability(force_sync);
+  writemap_ = plat_config_get_long("STORE_WRITEMAP", 1) != 0;
+  unsigned flags = extra & ~static_cast<unsigned>(MDB_NOSYNC | MDB_WRITEMAP);
+  if (writemap_) flags |= MDB_WRITEMAP;
+  if (mode_ != Durability::kSync) flags |= MDB_NOSYNC;
+  return flags;
+}
+
+int StoreEnv::opened(MDB_env* env) {
+  env_ = env;
+  allocated_ = 0;
+  if (int rc = reserve(0); rc != 0) return rc;
+  if (mode_ == Durability::kGroup) {
+    auto* t = new Tracked();
+    t->env = env;
+    g_delay_ms.store(delay_ms(), std::memory_order_relaxed);
+    Flusher* f = g_flusher;
+    std::lock_guard<std::mutex> g(f->mu);
+    f->stores.push_back(t);
+    tracked_ = t;
+    if (!f->running) {
+      f->running = true;
+      std::thread(flusher_loop, f).detach();
+    }
+  }
+  return 0;
+}
+
+void StoreEnv::closing() {
+  if (env_ == nullptr) return;
+  if (tracked_ != nullptr) {
+    auto* t = static_cast<Tracked*>(tracked_);
+    Flusher* f = g_flusher;
+    std::lock_guard<std::mutex> g(f->mu);
+    for (size_t i = 0; i < f->stores.size(); ++i)
+      if (f->stores[i] == t) {
+        f->stores.erase(f->stores.begin() + static_cast<long>(i));
+        break;
+      }
+    flush_one(*t);  // what the delay still owed
+    delete t;
+    tracked_ = nullptr;
+  }
+  env_ = nullptr;
+}
+
+void StoreEnv::abandon() {
+  env_ = nullptr;
+  tracked_ = nullptr;  // the parent's; the child's flusher never saw it
+}
+
+int StoreEnv::reserve(size_t extra) {
+  if (!writemap_ || env_ == nullptr) return 0;
+  MDB_envinfo info;
+  MDB_stat st;
+  if (mdb_env_info(env_, &info) != 0 || mdb_env_stat(env_, &st) != 0) return EIO;
+  const auto map = static_cast<off_t>(info.me_mapsize);
+  const auto used = static_cast<off_t>((info.me_last_pgno + 1) * st.ms_psize);
+  off_t want = used + static_cast<off_t>(extra);
+  if (want > map) want = map;  // beyond the map LMDB refuses the write itself (full)
+  if (want <= allocated_) return 0;
+  off_t step = used / 8 > kMinStep ? used / 8 : kMinStep;
+  off_t target = want + step < map ? want + step : map;
+  int fd = -1;
+  if (mdb_env_get_fd(env_, &fd) != 0) return EIO;
+  int rc = g_ops.fallocate(fd, 0, target);
+  if (rc == ENOSPC && target > want) rc = g_ops.fallocate(fd, 0, want);  // no room to spare
+  else if (rc == 0) want = target;
+  if (rc == EOPNOTSUPP) {
+    static std::atomic<bool> told{false};
+    if (!told.exchange(true)) {
+      const char* path = nullptr;
+      mdb_env_get_path(env_, &path);
+      plat_syslog(PLAT_LOG_WARNING,
+                  "store: the file system of %s cannot allocate blocks ahead; a full disk will stop "
+                  "the writing process (STORE_WRITEMAP=0 avoids it)",
+                  path != nullptr ? path : "?");
+    }
+    allocated_ = map;  // nothing more to try
+    return 0;
+  }
+  if (rc != 0) return rc;
+  allocated_ = want;
+  return 0;
+}
+
+int StoreEnv::commit(MDB_txn* txn) {
+  int rc = g_ops.txn_commit(txn);
+  if (rc == 0 && tracked_ != nullptr) static_cast<Tracked*>(tracked_)->dirty.store(true, std::memory_order_release);
+  return rc;
+}
+
+}  // namespace hadra::plat
