@@ -128,4 +128,11 @@ if(HADRA_BUILD_TESTS)
     add_test(NAME deb_packages COMMAND ${PROJECT_SOURCE_DIR}/tests/install/deb_test.sh ${PROJECT_BINARY_DIR})
     set_tests_properties(deb_packages PROPERTIES TIMEOUT 600 SKIP_RETURN_CODE 77)
   endif()
+  # docs/tutorial.md as a reader follows it (tests/tutorial/): its service built against the
+  # installed tree and run on two supervisors through a takeover; and its quoted code is
+  # the code of examples/tutorial/.
+  add_test(NAME tutorial
+    COMMAND ${PROJECT_SOURCE_DIR}/tests/tutorial/tutorial_test.sh ${PROJECT_BINARY_DIR} "${HADRA_SANITIZE}")
+  set_tests_properties(tutorial PROPERTIES TIMEOUT 400)
+  add_test(NAME tutorial_code_in_docs COMMAND ${PROJECT_SOURCE_DIR}/tests/tutorial/check_docs.sh ${PROJECT_SOURCE_DIR})
 endif()
