@@ -121,8 +121,8 @@ before=$(ask 1 list)
 echo "$before" | sed 's/^/        /'
 
 echo "== supervisor 1 is killed; supervisor 2 takes over"
-kill -KILL "${service_pid[1]}" "${daemon_pid[1]}"
-{ wait "${service_pid[1]}" "${daemon_pid[1]}"; } 2>/dev/null || true
+# (The shell would report the two deaths on stderr: they are the point of this step.)
+{ kill -KILL "${service_pid[1]}" "${daemon_pid[1]}"; wait "${service_pid[1]}" "${daemon_pid[1]}"; } 2>/dev/null || true
 takeover=""
 for _ in $(seq 100); do   # refused while the daemon still sees its peer up (PEER_DEAD_MS)
   takeover=$("$sysmgrd" --root "$base/sup2" --command takeover 2>&1) && break
