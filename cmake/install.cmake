@@ -106,6 +106,9 @@ include(${_src}/reference.cmake)
 # ---- The daemon, the operator's tool, the systemd unit, sample configuration ----
 if(TARGET hadra-sysmgrd)
   install(TARGETS hadra-sysmgrd RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT daemon)
+  # Written as installed; the Debian packages compress it (packaging/deb-docs.cmake).
+  install(FILES ${PROJECT_SOURCE_DIR}/dist/man/hadra-sysmgrd.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8
+    COMPONENT daemon)
 endif()
 if(TARGET hadra)
   install(TARGETS hadra RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT daemon)
