@@ -106,6 +106,9 @@ include(${_src}/reference.cmake)
 # ---- The daemon, the operator's tool, the systemd unit, sample configuration ----
 if(TARGET hadra-sysmgrd)
   install(TARGETS hadra-sysmgrd RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT daemon)
+  # Written as installed; the Debian packages compress it (packaging/deb-docs.cmake).
+  install(FILES ${PROJECT_SOURCE_DIR}/dist/man/hadra-sysmgrd.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8
+    COMPONENT daemon)
 endif()
 if(TARGET hadra)
   install(TARGETS hadra RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT daemon)
@@ -128,4 +131,11 @@ if(HADRA_BUILD_TESTS)
     add_test(NAME deb_packages COMMAND ${PROJECT_SOURCE_DIR}/tests/install/deb_test.sh ${PROJECT_BINARY_DIR})
     set_tests_properties(deb_packages PROPERTIES TIMEOUT 600 SKIP_RETURN_CODE 77)
   endif()
+  # docs/tutorial.md as a reader follows it (tests/tutorial/): its service built against the
+  # installed tree and run on two supervisors through a takeover; and its quoted code is
+  # the code of examples/tutorial/.
+  add_test(NAME tutorial
+    COMMAND ${PROJECT_SOURCE_DIR}/tests/tutorial/tutorial_test.sh ${PROJECT_BINARY_DIR} "${HADRA_SANITIZE}")
+  set_tests_properties(tutorial PROPERTIES TIMEOUT 400)
+  add_test(NAME tutorial_code_in_docs COMMAND ${PROJECT_SOURCE_DIR}/tests/tutorial/check_docs.sh ${PROJECT_SOURCE_DIR})
 endif()

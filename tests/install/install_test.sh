@@ -48,6 +48,9 @@ if [ -n "$unit" ]; then
   grep -qx "ExecStart=$prefix/sbin/hadra-sysmgrd --root %S/hadra/sup%i" "$unit" ||
     fail "unit's ExecStart does not name $prefix/sbin/hadra-sysmgrd"
 fi
+if [ -x "$prefix/sbin/hadra-sysmgrd" ] && [ ! -f "$prefix/share/man/man8/hadra-sysmgrd.8" ]; then
+  fail "hadra-sysmgrd installed without its manual page"
+fi
 [ $status -eq 0 ] && echo "ok: layout of $prefix"
 
 # systemd's own check of the unit, instantiated for slot 1. Without the daemon in this build
