@@ -109,6 +109,8 @@ struct ResyncWatch {
   uint64_t applied = 0;      // last HA number applied when last looked at
   uint64_t since_ns = 0;     // when it last changed
   uint64_t next_try_ns = 0;  // no new gsync started for it before this
+  bool busy = false;         // a gsync of it was running at the last look
+  uint64_t failures = 0;     // the daemon's failed gsyncs when that one started
 };
 
 class Daemon {

@@ -100,10 +100,21 @@ void Daemon::resync_tick(uint64_t now) {
     ResyncWatch& w = resync_[mine.uuid];
     const uint64_t applied = last_number(mine, false);
     if (applied != w.applied || w.since_ns == 0) w.applied = applied, w.since_ns = now;
-    if (now < w.next_try_ns) continue;
     const bool busy = std::any_of(incoming_.begin(), incoming_.end(),
                                   [&](const auto& in) { return in.second.uuid == mine.uuid; });
-    if (busy) continue;
+    if (busy) {
+      if (!w.busy) w.failures = gsyncs_failed_;
+      w.busy = true;
+      continue;
+    }
+    if (w.busy) {
+      // A gsync just ended: one that failed is not tried again at once (a shipment that keeps
+      // failing would otherwise run back to back); one that worked starts the watch afresh.
+      w.busy = false;
+      w.since_ns = now;
+      if (gsyncs_failed_ != w.failures) w.next_try_ns = now + static_cast<uint64_t>(o_.gsync_timeout_ms) * 1000000ull;
+    }
+    if (now < w.next_try_ns) continue;
     const auto peer = peer_active_seq_.find(mine.uuid);
     const uint64_t reported = peer != peer_active_seq_.end() ? last_number(peer->second, true) : 0;
     if (now - w.since_ns < static_cast<uint64_t>(stall_ms()) * 1000000ull) continue;
