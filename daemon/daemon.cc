@@ -493,6 +493,7 @@ void Daemon::tick() {
   gsync_tick(now);
   switchover_tick(now);
   cfg_tick(now);
+  resync_tick(now);
 }
 
 // ---- Commands --------------------------------------------------------------------------------
@@ -572,6 +573,7 @@ std::string Daemon::status_json() const {
       dbs.push_back({{"index", d.index}, {"sent_seqno", d.sent_seqno}, {"sent", d.sent_count},
                      {"applied_seqno", d.applied_seqno}, {"applied", d.applied_count}});
     sj["databases"] = dbs;
+    if (c != nullptr) sj["stream"] = stream_json(c->pid);
     services.push_back(sj);
   }
   j["services"] = services;

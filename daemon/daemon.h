@@ -24,6 +24,8 @@
 #include <string>
 #include <vector>
 
+#include <nlohmann/json.hpp>
+
 #include "hadra_platform/mts.h"
 #include "sysmgr/proto.h"
 
@@ -102,6 +104,15 @@ struct CfgWrite {
   std::optional<mts_msg_ref> command;  // the command to answer when done
 };
 
+// The standby's watch over one service's progress (resync.cc).
+struct ResyncWatch {
+  uint64_t applied = 0;      // last HA number applied when last looked at
+  uint64_t since_ns = 0;     // when it last changed
+  uint64_t next_try_ns = 0;  // no new gsync started for it before this
+  bool busy = false;         // a gsync of it was running at the last look
+  uint64_t failures = 0;     // the daemon's failed gsyncs when that one started
+};
+
 class Daemon {
  public:
   explicit Daemon(Options o);
@@ -154,6 +165,11 @@ class Daemon {
   bool ship_some(Outgoing& o, std::string* why);
   void clean_leftovers();
 
+  // resync.cc
+  void resync_tick(uint64_t now);
+  nlohmann::json stream_json(uint32_t pid) const;
+  std::string table_path(const char* kind, uint32_t pid) const;
+
   // switchover.cc
   int takeover(bool planned, std::string* why);
   int planned_switchover(std::string* why);
@@ -187,6 +203,7 @@ class Daemon {
   bool loss_known_ = false;
   uint64_t gsyncs_done_ = 0, gsyncs_failed_ = 0, switchovers_ = 0;
   std::string last_gsync_error_;
+  std::map<uint32_t, ResyncWatch> resync_;  // by uuid
 };
 
 // Small file helpers (files.cc).

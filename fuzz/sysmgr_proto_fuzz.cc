@@ -50,6 +50,7 @@ constexpr Decoder kDecoders[] = {
     round_trip<proto::PeerHello>, round_trip<proto::GsyncReq>,    round_trip<proto::FileData>,
     round_trip<proto::Manifest>,  round_trip<proto::GsyncFail>,   round_trip<proto::TakeOver>,
     round_trip<proto::Command>,   round_trip<proto::CommandReply>, state_file,
+    round_trip<proto::ResendGet>,
 };
 
 std::string bytes(const std::vector<uint8_t>& v) { return std::string(v.begin(), v.end()); }

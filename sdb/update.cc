@@ -11,6 +11,7 @@
 //
 // No HA state is consulted here: the dispatcher and the client decide when writes may happen.
 #include "core/diag.h"
+#include "hadra/sync.h"
 #include "hadra_platform/log.h"
 #include "hadra_platform/sdb.h"
 #include "hadra_platform/strutil.h"
@@ -36,6 +37,24 @@ bool batch_sendable(const hadra_ha_pss_entry* entry, const sdb_list_op* list, ui
   return false;
 }
 
+// One sync message carries at most HADRA_SYNC_MAX_LEN key bytes and as many data bytes. A
+// longer record stored here would never reach the standby, whose copy would then silently
+// differ, so a synced SDB refuses it before anything is written (as the PSS writers do).
+bool syncable(const hadra_ha_pss_entry* entry, const datum& key, const datum& data, const char* fn) noexcept {
+  if (entry->no_sync != 0 || (key.dsize <= HADRA_SYNC_MAX_LEN && data.dsize <= HADRA_SYNC_MAX_LEN)) return true;
+  plat_syslog(PLAT_LOG_CRIT, "%s refused for %s: key %u bytes, data %u bytes (most %u each can be synced)\n", fn,
+              entry->uri, key.dsize, data.dsize, HADRA_SYNC_MAX_LEN);
+  return false;
+}
+
+// The whole list is refused when one complete entry could not be synced: half a list on the
+// active and nothing of it on the standby is worse than a clear refusal.
+bool list_syncable(const hadra_ha_pss_entry* entry, const sdb_kv* list, uint32_t count) noexcept {
+  for (uint32_t i = 0; i < count; ++i)
+    if (complete_entry(list[i]) && !syncable(entry, *list[i].key, *list[i].data, "SDB write list")) return false;
+  return true;
+}
+
 }  // namespace
 
 int update(const hadra_ha_pss_entry* entry, const void* key, uint32_t key_len, const void* data, uint32_t data_len,
@@ -43,6 +62,7 @@ int update(const hadra_ha_pss_entry* entry, const void* key, uint32_t key_len, c
   if (entry == nullptr || key == nullptr || key_len == 0 || data == nullptr || data_len == 0) return 0;
   const datum kd{const_cast<void*>(key), key_len};
   const datum dd{const_cast<void*>(data), data_len};
+  if (!syncable(entry, kd, dd, "SDB write")) return 0;
   const uint32_t rc = sdb_write(entry->uri, &kd, &dd);
   if (rc != 0) {
     plat_syslog(PLAT_LOG_CRIT, "SDB write fail, rc=0x%x [%s]\n", rc, syserr2str(rc));
@@ -64,6 +84,7 @@ HADRA_API int hadra_sdb_update(const hadra_ha_pss_entry* entry, const void* key,
 
 HADRA_API int hadra_sdb_update_list(const hadra_ha_pss_entry* entry, const sdb_kv* list, uint32_t count) noexcept {
   if (entry == nullptr || list == nullptr || count == 0) return 0;
+  if (!hadra::sdb::list_syncable(entry, list, count)) return 0;
   const uint32_t rc = sdb_write_list(entry->uri, list, count);
   if (rc != 0) {
     plat_syslog(PLAT_LOG_CRIT, "SDB write list fail, rc=0x%x [%s]\n", rc, syserr2str(rc));

@@ -12,11 +12,19 @@
 //    The endpoint's send mutex covers numbering and hand-over to the transport, so numbers
 //    leave in order and a failed send gives its number back. Every stream carries an epoch
 //    chosen when the endpoint is created, so a restarted sender opens a new stream.
+//  - The peer never holds a sender up. A blocking send to the peer waits for queue room at
+//    most MTS_PEER_SEND_TIMEOUT_MS; a frame that cannot leave in that time still takes its
+//    number, so the standby sees a hole where it should be, and the stream is marked broken:
+//    while it is, sends do not wait at all, and the frames that did not leave are counted as
+//    missed. The first frame that leaves again ends the break. Non-blocking sends (the
+//    daemon's, which retry on EAGAIN) give their number back instead, as before.
 //  - Receiving. Frames from outside are decoded and checked here for every transport; per
 //    (sender node, sender SAP) the receiving endpoint remembers the stream's epoch and last
 //    number: a number already passed is a repeat and is dropped, a jump is a gap that is
-//    counted and logged and the message is still taken (the sysmgr compares numbers to
-//    decide whether the standby is in step; MTS does not stop the link for it).
+//    counted and logged and the message is still taken. Either, and a frame dropped because
+//    the receive queue is at its bound (MTS_RX_QUEUE_MAX), marks the next frame taken from
+//    that stream as "in trouble" (MsgInfo::trouble): the receive loop then knows its copy
+//    is no longer in step and resynchronises instead of applying what follows.
 //
 // Lock order: Endpoint::send_mu, then g.mu; the transport's own locks are taken with
 // send_mu held but never with g.mu held, and the transport's thread takes only g.mu.
@@ -31,6 +39,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
+#include <utility>
 #include <deque>
 #include <map>
 #include <mutex>
@@ -46,6 +55,8 @@ struct Message {
   WireHdr h;
   Frame frame;  // empty for a sent message: its payload is not kept
   bool from_peer = false;
+  uint8_t trouble = 0;
+  uint64_t skipped = 0;
   void* payload() const { return frame.empty() || h.payload_len == 0 ? nullptr : frame.data() + kWireHdrSize; }
 };
 
@@ -60,11 +71,18 @@ struct RxStream {
   uint32_t src_sap;
   uint32_t epoch;
   uint64_t last;
+  uint8_t trouble = 0;     // kTrouble* bits since the last frame taken
+  uint64_t overflowed = 0; // frames dropped at the queue's bound in the current run
 };
 
 struct TxStream {
   uint32_t dst_sap;
-  uint64_t last;
+  TxState st;
+  int err = 0;  // why the current break started
+  // The newest frames of the stream, as they went (or would have gone) on the wire, for a
+  // receiver that missed some to have them again; at most MTS_BACKLOG_BYTES in all.
+  std::deque<std::vector<uint8_t>> backlog;
+  size_t backlog_bytes = 0;
 };
 
 struct Endpoint {
@@ -112,6 +130,9 @@ struct Global {
   std::atomic<uint32_t> next_token{0};
   std::atomic<uint64_t> next_gen{0};
   std::atomic<uint32_t> next_epoch{0};
+  // Read without a lock by whoever publishes the stream's health (the sent table).
+  std::atomic<uint32_t> broken_streams{0};
+  std::atomic<uint64_t> missed_total{0};
 };
 
 Global& g() {
@@ -217,8 +238,9 @@ Slot* slot_locked(Global& s, const mts_msg_ref* ref, Endpoint** owner) {
 
 // Sequence rules for a frame from outside. Returns false for a repeat; *gap gets the
 // numbers skipped (0: none).
-bool accept_seq_locked(Endpoint& ep, const WireHdr& h, uint64_t* gap) {
+bool accept_seq_locked(Endpoint& ep, const WireHdr& h, uint64_t* gap, RxStream** stream) {
   *gap = 0;
+  *stream = nullptr;
   if (h.ha_seqno == 0) return true;
   auto it = std::find_if(ep.rx.begin(), ep.rx.end(),
                          [&](const RxStream& r) { return r.node == h.src_node && r.src_sap == h.src_sap; });
@@ -227,16 +249,21 @@ bool accept_seq_locked(Endpoint& ep, const WireHdr& h, uint64_t* gap) {
     if (it == ep.rx.end()) it = ep.rx.insert(ep.rx.end(), RxStream{h.src_node, h.src_sap, h.epoch, 0});
     it->epoch = h.epoch;
     it->last = h.ha_seqno;
+    it->trouble = 0;
+    *stream = &*it;
     return true;
   }
+  *stream = &*it;
   if (h.ha_seqno <= it->last) {
     ++ep.counters.repeats;
+    it->trouble |= kTroubleRepeat;
     return false;
   }
   if (h.ha_seqno > it->last + 1) {
     *gap = h.ha_seqno - it->last - 1;
     ++ep.counters.gaps;
     ep.counters.missing += *gap;
+    it->trouble |= kTroubleGap;
   }
   it->last = h.ha_seqno;
   return true;
@@ -249,19 +276,22 @@ void enqueue_locked(Endpoint& ep, Message&& m) {
   update_ready_locked(ep);
 }
 
-uint64_t next_seq(Endpoint& ep, uint32_t dst) {
-  for (const TxStream& t : ep.tx)
-    if (t.dst_sap == dst) return t.last + 1;
-  return 1;
+TxStream& tx_stream(Endpoint& ep, uint32_t dst) {
+  for (TxStream& t : ep.tx)
+    if (t.dst_sap == dst) return t;
+  ep.tx.push_back(TxStream{dst, TxState{}, 0, {}, 0});
+  return ep.tx.back();
 }
 
-void commit_seq(Endpoint& ep, uint32_t dst, uint64_t seq) {
-  for (TxStream& t : ep.tx)
-    if (t.dst_sap == dst) {
-      t.last = seq;
-      return;
-    }
-  ep.tx.push_back({dst, seq});
+// Keeps a copy of a numbered frame; the oldest go beyond the bound.
+void keep_in_backlog(TxStream& ts, const Frame& f, long bound) {
+  if (bound <= 0 || f.size() > static_cast<size_t>(bound)) return;
+  ts.backlog.emplace_back(f.data(), f.data() + f.size());
+  ts.backlog_bytes += f.size();
+  while (ts.backlog_bytes > static_cast<size_t>(bound)) {
+    ts.backlog_bytes -= ts.backlog.front().size();
+    ts.backlog.pop_front();
+  }
 }
 
 // Copy hdr and the pieces into frame f after its wire header.
@@ -378,19 +408,84 @@ void unhold_sent(Global& s, mts_msg_ref* ref) {
   std::memset(ref, 0, sizeof *ref);
 }
 
+// With the endpoint's send mutex held: a frame of a blocking peer send did not leave.
+void note_missed(Global& s, Endpoint& ep, TxStream& ts, int err) {
+  ++ts.st.missed;
+  s.missed_total.fetch_add(1, std::memory_order_relaxed);
+  long bound;
+  {
+    std::lock_guard<std::mutex> lock(s.mu);
+    ++ep.counters.sends_missed;
+    if (!ts.st.broken) ++ep.counters.breaks;
+    bound = s.settings.peer_send_timeout_ms;
+  }
+  if (ts.st.broken) return;
+  s.broken_streams.fetch_add(1, std::memory_order_relaxed);
+  ts.st.broken = true;
+  ts.st.broken_at = ts.st.last;
+  ts.err = err;
+  plat_syslog(PLAT_LOG_ERR, "MTS: SAP %u: standby out of sync: HA number %llu for the peer's SAP %u did not leave "
+              "within %ld ms (%s); changes go on locally and are counted as missed until the peer reads again",
+              ep.sap, static_cast<unsigned long long>(ts.st.last), ts.dst_sap, bound, std::strerror(err));
+}
+
+// With the endpoint's send mutex held: a frame left again after a break.
+void note_resumed(Endpoint& ep, TxStream& ts) {
+  const uint64_t n = ts.st.last - ts.st.broken_at;
+  plat_syslog(PLAT_LOG_WARNING, "MTS: SAP %u: standby out of sync: %llu changes missed for the peer's SAP %u "
+              "(HA numbers %llu..%llu, %s); it reads again from %llu and must resynchronise",
+              ep.sap, static_cast<unsigned long long>(n), ts.dst_sap,
+              static_cast<unsigned long long>(ts.st.broken_at), static_cast<unsigned long long>(ts.st.last - 1),
+              std::strerror(ts.err), static_cast<unsigned long long>(ts.st.last));
+  ts.st.broken = false;
+  ts.st.broken_at = 0;
+  g().broken_streams.fetch_sub(1, std::memory_order_relaxed);
+}
+
+// At a stop: a break still open is said with its count, so no missed change goes unmentioned.
+void report_open_breaks(Endpoint& ep) {
+  std::lock_guard<std::mutex> order(ep.send_mu);
+  for (const TxStream& ts : ep.tx)
+    if (ts.st.broken)
+      plat_syslog(PLAT_LOG_WARNING, "MTS: SAP %u: standby out of sync: %llu changes missed for the peer's SAP %u "
+                  "(HA numbers %llu..%llu, %s) when the stream closed", ep.sap,
+                  static_cast<unsigned long long>(ts.st.last - ts.st.broken_at + 1), ts.dst_sap,
+                  static_cast<unsigned long long>(ts.st.broken_at), static_cast<unsigned long long>(ts.st.last),
+                  std::strerror(ts.err));
+}
+
 // With the endpoint's send mutex held: number the frame, keep a reference, hand it over.
 int send_ordered(Global& s, Endpoint& ep, Transport* tp, const Outgoing& o, WireHdr& h, Frame&& f,
-                 mts_msg_ref* out_ref) {
-  h.ha_seqno = o.route.peer ? next_seq(ep, o.route.sap) : 0;
+                 mts_msg_ref* out_ref, long keep) {
+  TxStream* ts = o.route.peer ? &tx_stream(ep, o.route.sap) : nullptr;
+  h.ha_seqno = ts != nullptr ? ts->st.last + 1 : 0;
   encode(h, f.data());
   if (out_ref != nullptr && !hold_sent(s, ep, h, out_ref)) return -1;
-  if (route_frame(s, tp, o, h, std::move(f)) != 0) {
+  const bool bounded = ts != nullptr && (o.flags & MTS_SEND_NONBLOCK) == 0;
+  Outgoing how = o;
+  // A peer that has just shown it takes nothing is not waited for again on every change.
+  if (bounded && ts->st.broken) how.flags |= MTS_SEND_NONBLOCK;
+  if (ts != nullptr) keep_in_backlog(*ts, f, keep);
+  if (route_frame(s, tp, how, h, std::move(f)) != 0) {
     int err = errno;
+    if (ts != nullptr && !bounded && keep > 0 && !ts->backlog.empty() &&
+        get_le(ts->backlog.back().data() + 24, 8) == h.ha_seqno) {
+      ts->backlog_bytes -= ts->backlog.back().size();  // its number is given back: so is its place
+      ts->backlog.pop_back();
+    }
+    if (bounded) {
+      ts->st.last = h.ha_seqno;  // the hole stays visible to the standby
+      note_missed(s, ep, *ts, err);
+      return 0;
+    }
     if (out_ref != nullptr) unhold_sent(s, out_ref);
     errno = err;
     return -1;
   }
-  if (o.route.peer) commit_seq(ep, o.route.sap, h.ha_seqno);
+  if (ts != nullptr) {
+    ts->st.last = h.ha_seqno;
+    if (ts->st.broken) note_resumed(ep, *ts);
+  }
   return 0;
 }
 
@@ -408,12 +503,14 @@ int send(const Outgoing& o, mts_msg_ref* out_ref) {
   EndpointPtr ep;
   std::shared_ptr<Transport> tp;
   uint8_t node;
+  long keep;
   {
     std::lock_guard<std::mutex> lock(s.mu);
     configure_locked(s);
     ep = get_or_create_locked(s, o.src_sap);
     tp = s.transport;
     node = s.settings.slot;
+    keep = s.settings.backlog_bytes;
   }
   Frame f = Frame::allocate(kWireHdrSize + static_cast<size_t>(len));
   if (f.empty()) {
@@ -423,7 +520,7 @@ int send(const Outgoing& o, mts_msg_ref* out_ref) {
   fill_payload(f.data() + kWireHdrSize, o);
   WireHdr h = header_for(o, *ep, node, static_cast<uint32_t>(len));
   std::lock_guard<std::mutex> order(ep->send_mu);
-  return send_ordered(s, *ep, tp.get(), o, h, std::move(f), out_ref);
+  return send_ordered(s, *ep, tp.get(), o, h, std::move(f), out_ref, keep);
 }
 
 int bind(uint32_t sap) {
@@ -543,8 +640,112 @@ uint64_t last_sent(uint32_t sap, uint32_t dst_sap, uint32_t* epoch) {
   std::lock_guard<std::mutex> order(ep->send_mu);
   if (epoch != nullptr) *epoch = ep->epoch;
   for (const TxStream& t : ep->tx)
-    if (t.dst_sap == dst_sap) return t.last;
+    if (t.dst_sap == dst_sap) return t.st.last;
   return 0;
+}
+
+namespace {
+
+// A frame of the backlog (or the resend's closing reply) on its way again.
+int transmit_again(Global& s, Transport* tp, uint32_t sap, uint32_t dst_sap, const uint8_t* p, size_t n) {
+  Frame f = Frame::allocate(n);
+  if (f.empty()) {
+    errno = ENOMEM;
+    return -1;
+  }
+  std::memcpy(f.data(), p, n);
+  f.data()[6] |= kFlagResent;
+  Outgoing o;
+  o.src_sap = sap;
+  o.route = Route{true, dst_sap};
+  return route_frame(s, tp, o, WireHdr(), std::move(f));
+}
+
+// The reply that closes a resend: numbered with the last frame resent, its payload the result.
+void send_resend_reply(Global& s, Transport* tp, Endpoint& ep, uint32_t dst_sap, uint32_t opcode, uint8_t node,
+                       uint64_t upto, int err) {
+  WireHdr h;
+  h.sync_event = MTS_SYNC_EVENT_UPDATE;
+  h.flags = kFlagResent;
+  h.src_node = node;
+  h.opcode = opcode;
+  h.src_sap = ep.sap;
+  h.dst_sap = dst_sap;
+  h.msg_id = nonzero_counter(s.next_msg_id);
+  h.rr_token = nonzero_counter(s.next_token);
+  h.ha_seqno = upto;
+  h.epoch = ep.epoch;
+  h.payload_len = 4;
+  uint8_t frame[kWireHdrSize + 4];
+  encode(h, frame);
+  put_le(frame + kWireHdrSize, static_cast<uint32_t>(err), 4);
+  (void)transmit_again(s, tp, ep.sap, dst_sap, frame, sizeof frame);
+}
+
+}  // namespace
+
+int resend(uint32_t sap, uint32_t dst_sap, uint32_t epoch, uint64_t from, uint32_t reply_opcode, uint64_t* end) {
+  Global& s = g();
+  EndpointPtr ep;
+  std::shared_ptr<Transport> tp;
+  uint8_t node;
+  {
+    std::lock_guard<std::mutex> lock(s.mu);
+    configure_locked(s);
+    ep = find_locked(s, sap);
+    tp = s.transport;
+    node = s.settings.slot;
+  }
+  if (!ep) {
+    errno = EADDRNOTAVAIL;
+    return -1;
+  }
+  std::lock_guard<std::mutex> order(ep->send_mu);
+  TxStream& ts = tx_stream(*ep, dst_sap);
+  const uint64_t first = ts.backlog.empty() ? ts.st.last + 1 : get_le(ts.backlog.front().data() + 24, 8);
+  int err = 0;
+  if (epoch != ep->epoch)
+    err = ESTALE;  // another stream: the receiver's numbers mean nothing here
+  else if (from == 0 || from > ts.st.last + 1)
+    err = EINVAL;
+  else if (from < first)
+    err = ERANGE;  // the backlog no longer holds it all
+  uint64_t n = from;
+  for (; err == 0 && n <= ts.st.last; ++n) {
+    const std::vector<uint8_t>& b = ts.backlog[n - first];
+    if (transmit_again(s, tp.get(), sap, dst_sap, b.data(), b.size()) != 0) err = errno != 0 ? errno : EIO;
+  }
+  const uint64_t upto = n - 1;
+  send_resend_reply(s, tp.get(), *ep, dst_sap, reply_opcode, node, upto, err);
+  if (err == 0 && ts.st.broken) note_resumed(*ep, ts);
+  if (end != nullptr) *end = upto;
+  if (err != 0) {
+    errno = err;
+    return -1;
+  }
+  return 0;
+}
+
+bool peer_health(uint64_t* missed) {
+  *missed = g().missed_total.load(std::memory_order_relaxed);
+  return g().broken_streams.load(std::memory_order_relaxed) != 0;
+}
+
+bool tx_state(uint32_t sap, uint32_t dst_sap, TxState* out) {
+  Global& s = g();
+  EndpointPtr ep;
+  {
+    std::lock_guard<std::mutex> lock(s.mu);
+    ep = find_locked(s, sap);
+  }
+  if (!ep) return false;
+  std::lock_guard<std::mutex> order(ep->send_mu);
+  for (const TxStream& t : ep->tx)
+    if (t.dst_sap == dst_sap) {
+      *out = t.st;
+      return true;
+    }
+  return false;
 }
 
 int drop(uint32_t sap, const mts_msg_ref* ref) {
@@ -570,8 +771,35 @@ bool info(const mts_msg_ref* ref, MsgInfo* out) {
   out->h = sl->msg.h;
   out->payload = sl->msg.payload();
   out->from_peer = sl->msg.from_peer;
+  out->trouble = sl->msg.trouble;
+  out->skipped = sl->msg.skipped;
   return true;
 }
+
+namespace {
+
+// A receiver that does not keep up must not make its process grow without bound: past
+// MTS_RX_QUEUE_MAX queued messages, frames of peer streams are dropped and the stream is
+// marked, so the receive loop resynchronises instead of applying around the hole. Messages
+// within the supervisor (the daemon's) still queue. True when the frame is to be dropped.
+void note_resent_locked(Endpoint& ep, const WireHdr& h) {
+  for (RxStream& r : ep.rx)
+    if (r.node == h.src_node && r.src_sap == h.src_sap && r.epoch == h.epoch && h.ha_seqno > r.last) r.last = h.ha_seqno;
+}
+
+bool over_bound_locked(Global& s, Endpoint& ep, RxStream& rs, const WireHdr& h) {
+  const long max = s.settings.rx_queue_max;
+  if (max <= 0 || ep.queue.size() < static_cast<size_t>(max)) return false;
+  ++ep.counters.overflows;
+  rs.trouble |= kTroubleOverflow;
+  if (rs.overflowed++ == 0)
+    plat_syslog(PLAT_LOG_ERR, "MTS: SAP %u: receive queue full (%zu messages): dropping frames of node %u SAP %u "
+                "from HA number %llu; the stream is broken and the receiver must resynchronise",
+                ep.sap, ep.queue.size(), h.src_node, h.src_sap, static_cast<unsigned long long>(h.ha_seqno));
+  return true;
+}
+
+}  // namespace
 
 int deliver_frame(Frame&& f, bool force_peer) {
   Global& s = g();
@@ -591,10 +819,30 @@ int deliver_frame(Frame&& f, bool force_peer) {
       errno = EADDRNOTAVAIL;
       return -1;
     }
-    if (!accept_seq_locked(*ep, h, &gap)) return 1;
+    RxStream* rs = nullptr;
+    if ((h.flags & kFlagResent) != 0) {
+      // Asked for by the receiver, outside the stream's count; it only moves the count on. The
+      // queue's bound holds for it too: the receiver notices what it did not get.
+      const long max = s.settings.rx_queue_max;
+      if (max > 0 && ep->queue.size() >= static_cast<size_t>(max)) {
+        ++ep->counters.overflows;
+        return 1;
+      }
+      note_resent_locked(*ep, h);
+      enqueue_locked(*ep, Message{h, std::move(f), force_peer || h.src_node != s.settings.slot, 0, 0});
+      return 0;
+    }
+    if (!accept_seq_locked(*ep, h, &gap, &rs)) return 1;
     expected = h.ha_seqno - gap;
+    if (rs != nullptr && over_bound_locked(s, *ep, *rs, h)) return 1;
     bool from_peer = force_peer || h.src_node != s.settings.slot;
-    enqueue_locked(*ep, Message{h, std::move(f), from_peer});
+    Message m{h, std::move(f), from_peer, 0, 0};
+    if (rs != nullptr) {
+      m.trouble = std::exchange(rs->trouble, 0);
+      m.skipped = gap;
+      rs->overflowed = 0;
+    }
+    enqueue_locked(*ep, std::move(m));
   }
   if (gap != 0)
     plat_syslog(PLAT_LOG_ERR, "MTS: SAP %u: gap in HA sequence numbers from node %u SAP %u: expected %llu, got %llu",
@@ -655,10 +903,13 @@ uint8_t own_slot() {
 
 void flush(int ms) {
   Global& s = g();
+  std::vector<EndpointPtr> eps;
   {
     std::lock_guard<std::mutex> lock(s.mu);
     if (s.transport) s.transport->linger(ms);
+    for (auto& [sap, ep] : s.eps) eps.push_back(ep);
   }
+  for (const EndpointPtr& ep : eps) report_open_breaks(*ep);
   reset();
 }
 
@@ -677,6 +928,8 @@ void reset() {
       update_ready_locked(*ep);
     }
     s.configured = false;
+    s.broken_streams = 0;
+    s.missed_total = 0;
     s.done.clear();
     s.totals = Counters();
   }

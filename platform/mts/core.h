@@ -25,11 +25,24 @@ struct Outgoing {
   uint32_t rr_token = 0;
 };
 
+// What went wrong on a peer stream just before a frame that was taken (bits of
+// MsgInfo::trouble): the receiver of that frame is no longer in step with its sender.
+constexpr uint8_t kTroubleGap = 1;       // numbers skipped: frames lost or sent out of order
+constexpr uint8_t kTroubleRepeat = 2;    // a number already passed arrived (and was dropped)
+constexpr uint8_t kTroubleOverflow = 4;  // frames dropped at the receive queue's bound
+
+// Wire flag (bit 2 of the frame's flags): a frame sent again from the sender's backlog at the
+// receiver's request. It is outside the stream's count (no repeat or gap check) and only
+// moves the receiver's count on.
+constexpr uint8_t kFlagResent = 0x04;
+
 // What a held message tells about itself.
 struct MsgInfo {
   WireHdr h;
   void* payload = nullptr;
   bool from_peer = false;
+  uint8_t trouble = 0;   // kTrouble* bits seen on the stream since the frame before it
+  uint64_t skipped = 0;  // with kTroubleGap: how many numbers were skipped
 };
 
 // Counters of one endpoint (sap != 0) or of the process (sap 0).
@@ -40,6 +53,17 @@ struct Counters {
   uint64_t missing = 0;        // numbers skipped in all
   uint64_t bad_frames = 0;     // malformed frames refused (process)
   uint64_t undeliverable = 0;  // frames for a SAP not bound here (process)
+  uint64_t overflows = 0;      // peer frames dropped because the receive queue was full
+  uint64_t sends_missed = 0;   // peer frames that took a number and did not leave
+  uint64_t breaks = 0;         // times a peer stream of this endpoint broke (sends failing)
+};
+
+// Where the sending side of a peer stream stands.
+struct TxState {
+  uint64_t last = 0;       // last number taken
+  bool broken = false;     // the last frame did not leave: the peer is behind
+  uint64_t missed = 0;     // frames that took a number and did not leave, in all
+  uint64_t broken_at = 0;  // first number of the current break (0: none)
 };
 
 int bind(uint32_t sap);
@@ -59,6 +83,18 @@ int ready_fd(uint32_t sap);
 // The last HA sequence number sap sent to dst_sap on the peer (0: none yet) and, when epoch is
 // not null, the stream's epoch.
 uint64_t last_sent(uint32_t sap, uint32_t dst_sap, uint32_t* epoch);
+// The sending side of the stream from sap to dst_sap on the peer; false when none exists.
+bool tx_state(uint32_t sap, uint32_t dst_sap, TxState* out);
+// Sends again every frame of the stream from sap to dst_sap on the peer numbered from `from`
+// on (flagged kFlagResent), from the stream's backlog, then one reply frame of reply_opcode,
+// also flagged, numbered with the last frame resent (*end) and carrying the result (4 bytes,
+// little-endian: 0, or the errno). -1 with errno: ESTALE the stream has another epoch now,
+// EINVAL from is beyond the stream, ERANGE the backlog (MTS_BACKLOG_BYTES) no longer holds
+// from, or the transport's error when a frame could not go.
+int resend(uint32_t sap, uint32_t dst_sap, uint32_t epoch, uint64_t from, uint32_t reply_opcode, uint64_t* end);
+// Whether a peer stream of this process is broken now; *missed: frames of blocking peer sends
+// that did not leave since MTS started. Lock-free, for every change's bookkeeping.
+bool peer_health(uint64_t* missed);
 // Copy what ref names into *out; false (errno EINVAL) when it names nothing.
 bool info(const mts_msg_ref* ref, MsgInfo* out);
 

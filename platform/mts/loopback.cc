@@ -19,6 +19,7 @@ struct LoopbackTransport::Impl {
   std::deque<Frame> outbox;
   size_t keep = 4096;
   uint64_t dropped = 0;
+  uint64_t refuse = 0;
 };
 
 LoopbackTransport::LoopbackTransport(size_t keep) : impl_(new Impl) { impl_->keep = keep != 0 ? keep : 1; }
@@ -32,6 +33,12 @@ int LoopbackTransport::transmit(const Route& to, Frame&& f, bool) {
     return -1;
   }
   std::lock_guard<std::mutex> lock(impl_->mu);
+  if (impl_->refuse != 0) {
+    --impl_->refuse;
+    f.reset();
+    errno = EAGAIN;
+    return -1;
+  }
   impl_->outbox.push_back(std::move(f));
   while (impl_->outbox.size() > impl_->keep) {
     impl_->outbox.pop_front();
@@ -66,6 +73,11 @@ Frame LoopbackTransport::pop() {
 uint64_t LoopbackTransport::dropped() {
   std::lock_guard<std::mutex> lock(impl_->mu);
   return impl_->dropped;
+}
+
+void LoopbackTransport::refuse_peer(uint64_t n) {
+  std::lock_guard<std::mutex> lock(impl_->mu);
+  impl_->refuse = n;
 }
 
 std::shared_ptr<Transport> make_loopback_transport(const Settings& s) {

@@ -39,6 +39,9 @@ Settings read_settings() {
   s.port_base = plat_config_get_long("MTS_PORT_BASE", 17000);
   s.hwm = plat_config_get_long("MTS_HWM", 1000);
   s.send_timeout_ms = plat_config_get_long("MTS_SEND_TIMEOUT_MS", 2000);
+  s.peer_send_timeout_ms = plat_config_get_long("MTS_PEER_SEND_TIMEOUT_MS", 5);
+  s.rx_queue_max = plat_config_get_long("MTS_RX_QUEUE_MAX", 20000);
+  s.backlog_bytes = plat_config_get_long("MTS_BACKLOG_BYTES", 8l << 20);
   s.recv_max_wait_ms = plat_config_get_long("MTS_RECV_MAX_WAIT_MS", 60000);
   s.loopback_keep = plat_config_get_long("MTS_LOOPBACK_KEEP", 4096);
   return s;

@@ -104,7 +104,22 @@ HADRA_PLAT_API int mts_test_deliver(uint32_t sap, uint32_t src_sap, int from_pee
 HADRA_PLAT_API int mts_test_counters_get(uint32_t sap, mts_test_counters* out) noexcept {
   mts::Counters c;
   if (out == nullptr || !mts::counters(sap, &c)) return -1;
-  *out = {c.delivered, c.repeats, c.gaps, c.missing, c.bad_frames, c.undeliverable};
+  *out = {c.delivered, c.repeats, c.gaps, c.missing, c.bad_frames, c.undeliverable, c.overflows, c.sends_missed,
+          c.breaks};
+  return 0;
+}
+
+HADRA_PLAT_API void mts_test_peer_refuse(uint64_t n) noexcept {
+  if (mts::LoopbackTransport* lb = loopback(); lb != nullptr) lb->refuse_peer(n);
+}
+
+HADRA_PLAT_API int mts_test_tx_state(uint32_t sap, uint32_t dst_sap, uint64_t* last, int* broken,
+                                     uint64_t* missed) noexcept {
+  mts::TxState st;
+  if (!mts::tx_state(sap, dst_sap, &st)) return -1;
+  if (last != nullptr) *last = st.last;
+  if (broken != nullptr) *broken = st.broken ? 1 : 0;
+  if (missed != nullptr) *missed = st.missed;
   return 0;
 }
 

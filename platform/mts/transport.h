@@ -30,6 +30,9 @@ struct Settings {
   long port_base = 17000;
   long hwm = 1000;
   long send_timeout_ms = 2000;
+  long peer_send_timeout_ms = 5;  // a blocking send to the peer waits at most this long
+  long rx_queue_max = 20000;      // peer frames a receiving endpoint queues before dropping
+  long backlog_bytes = 8l << 20;  // recent frames kept per peer stream for a resend (0: none)
   long recv_max_wait_ms = 60000;
   long loopback_keep = 4096;
   uint8_t slot = 1;          // this supervisor's slot, sent as src_node
@@ -82,6 +85,9 @@ class LoopbackTransport final : public Transport {
   // Remove and return the oldest frame (empty frame when none).
   Frame pop();
   uint64_t dropped();
+  // Tests: the next n frames for the peer are refused with EAGAIN, as a peer that stopped
+  // reading makes a real transport refuse them.
+  void refuse_peer(uint64_t n);
 
  private:
   struct Impl;

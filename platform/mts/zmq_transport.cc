@@ -84,6 +84,7 @@ class ZmqTransport final : public Transport {
   bool apply_commands();
   void drain(void* sock);
   void* tx_socket(const Route& to);
+  long send_bound(const Route& to) const;
 
   Settings s_;
   void* ctx_;
@@ -224,6 +225,10 @@ void ZmqTransport::io_loop() {
   }
 }
 
+// A blocking send to the peer waits only MTS_PEER_SEND_TIMEOUT_MS: the active must not be
+// held up by a standby that is gone, stopped or slow (the core counts what did not leave).
+long ZmqTransport::send_bound(const Route& to) const { return to.peer ? s_.peer_send_timeout_ms : s_.send_timeout_ms; }
+
 void* ZmqTransport::tx_socket(const Route& to) {
   uint64_t key = (static_cast<uint64_t>(to.peer) << 32) | to.sap;
   auto it = tx_.find(key);
@@ -240,7 +245,7 @@ void* ZmqTransport::tx_socket(const Route& to) {
   }
   set_int(sock, ZMQ_SNDHWM, s_.hwm);
   set_int(sock, ZMQ_LINGER, 0);
-  set_int(sock, ZMQ_SNDTIMEO, s_.send_timeout_ms);
+  set_int(sock, ZMQ_SNDTIMEO, send_bound(to));
   if (zmq_connect(sock, url.c_str()) != 0) {
     int err = zmq_errno();
     zmq_close(sock);

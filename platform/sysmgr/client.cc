@@ -16,6 +16,7 @@
 
 #include <cerrno>
 #include <climits>
+#include <cstdint>
 #include <cstring>
 #include <thread>
 
@@ -99,7 +100,18 @@ bool read_state(proto::StateFile* out) {
   return true;
 }
 
+// The applied table belongs to the root it was made under: a reset (a test's new root)
+// makes the next use map a new one.
+void reset_applied() {
+  Applied& a = applied();
+  std::lock_guard<std::mutex> lock(a.mu);
+  if (a.table != nullptr && a.table != &a.fallback) ::munmap(a.table, sizeof(SeqnoTable));
+  a.table = nullptr;
+  a.fallback = SeqnoTable{};
+}
+
 void reset() {
+  reset_applied();
   State& s = state();
   std::lock_guard<std::mutex> lock(s.mu);
   s.configured = false;
@@ -259,6 +271,23 @@ void applied_reset(const proto::IndexCount (&at)[proto::kMaxIndex + 1]) noexcept
     __atomic_store_n(&t->slot[i].seqno, at[i].seqno, __ATOMIC_RELEASE);
     __atomic_store_n(&t->slot[i].reports, at[i].count, __ATOMIC_RELEASE);
   }
+  __atomic_store_n(&t->out_of_sync, 0u, __ATOMIC_RELEASE);
+}
+
+void applied_in_step() noexcept {
+  Applied& a = applied();
+  std::lock_guard<std::mutex> lock(a.mu);
+  __atomic_store_n(&applied_table_locked(a)->out_of_sync, 0u, __ATOMIC_RELEASE);
+}
+
+void applied_out_of_sync(uint32_t why, uint64_t missed) noexcept {
+  Applied& a = applied();
+  std::lock_guard<std::mutex> lock(a.mu);
+  SeqnoTable* t = applied_table_locked(a);
+  if (__atomic_load_n(&t->out_of_sync, __ATOMIC_RELAXED) == 0) __atomic_fetch_add(&t->resyncs, 1u, __ATOMIC_RELAXED);
+  const uint64_t sum = __atomic_load_n(&t->missed, __ATOMIC_RELAXED) + missed;
+  __atomic_store_n(&t->missed, static_cast<uint32_t>(sum > UINT32_MAX ? UINT32_MAX : sum), __ATOMIC_RELAXED);
+  __atomic_store_n(&t->out_of_sync, why, __ATOMIC_RELEASE);
 }
 
 void applied_note(uint32_t index, uint64_t seqno) noexcept {

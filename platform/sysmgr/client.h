@@ -76,5 +76,10 @@ void leave_hello(const std::vector<uint8_t>& hello) noexcept;
 // by every applied sync message.
 void applied_reset(const proto::IndexCount (&at)[proto::kMaxIndex + 1]) noexcept;
 void applied_note(uint32_t index, uint64_t seqno) noexcept;
+// The copy is out of step for why (a kOutOfSync* reason), missed more changes known lost;
+// applied_reset (gsync ready) puts it back in step.
+void applied_out_of_sync(uint32_t why, uint64_t missed) noexcept;
+// Back in step without a gsync (a resend filled the hole): the counts stand.
+void applied_in_step() noexcept;
 
 }  // namespace hadra::plat::sysmgr::client

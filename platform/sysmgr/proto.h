@@ -47,6 +47,11 @@ enum Opcode : uint32_t {
   // operator -> daemon, and the daemon's reply
   kCommand = SYSMGR_SAP + 0x40,
   kCommandReply = SYSMGR_SAP + 0x41,
+  // service <-> the same service on the peer: a standby that missed part of the sync stream
+  // asks for it again (ResendGet); the active's MTS closes the resend with kResendReply
+  // (mts/core.h resend: numbered with the last frame resent, payload the result).
+  kResendGet = SYSMGR_SAP + 0x50,
+  kResendReply = SYSMGR_SAP + 0x51,
 };
 
 constexpr bool is_sysmgr_opcode(uint32_t opc) { return opc >= SYSMGR_SAP && opc <= SYSMGR_SAP + 0xff; }
@@ -242,6 +247,13 @@ struct PeerHello {
 };
 constexpr size_t kMaxServices = 256;
 
+// A standby's request for the part of the sync stream it missed: the stream's epoch and the
+// first HA number it wants (the one after the last it applied).
+struct ResendGet {
+  uint32_t epoch = 0;
+  uint64_t from = 0;
+};
+
 struct GsyncReq {
   uint32_t uuid = 0;
   uint32_t xfer = 0;  // the standby daemon's number of this gsync
@@ -413,6 +425,16 @@ inline bool decode(const void* p, size_t n, PeerHello* m) {
         return false;
   }
   return r.done();
+}
+
+inline std::vector<uint8_t> encode(const ResendGet& m) {
+  Writer w;
+  w.u32(m.epoch), w.u64(m.from);
+  return w.bytes();
+}
+inline bool decode(const void* p, size_t n, ResendGet* m) {
+  Reader r(p, n);
+  return r.u32(&m->epoch) && r.u64(&m->from) && r.done() && m->from != 0;
 }
 
 inline std::vector<uint8_t> encode(const GsyncReq& m) {

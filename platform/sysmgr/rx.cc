@@ -11,6 +11,15 @@
 // More than SYNC_HOLD_MAX messages during one gsync is reported and another gsync is
 // asked for once this one ends: the held ones beyond the bound are gone.
 //
+// Staying in step. A standby whose copy missed a change must never pass for a good copy, nor
+// apply what follows the hole as if nothing happened. Every sync message of the active's
+// stream must carry the number after the last one taken (per stream epoch); a message after a
+// gap, after a repeated or reordered frame, or after frames the receive queue had to drop
+// (MTS marks it) puts the standby out of sync: one log line says why and how many changes
+// were missed, the applied table shows it to the daemon, nothing more is applied, and a gsync
+// is asked for. Gsync ready brings it back in step at the snapshot's point; a failed gsync
+// leaves it out of sync and the next message asks again.
+//
 // The library is reached by name at run time (the platform never links against it): a
 // process that did not load it gets ENOSYS.
 #include <dlfcn.h>
@@ -31,6 +40,7 @@
 #include "log/log_internal.h"
 #include "mts/core.h"
 #include "sysmgr/client.h"
+#include "sysmgr/seqno_table.h"
 #include "sysmgr/sysmgr_internal.h"
 
 namespace hadra::plat::sysmgr::client {
@@ -63,6 +73,80 @@ const Lib* lib() {
 
 size_t hold_max() { return static_cast<size_t>(plat_config_get_long("SYNC_HOLD_MAX", 50000)); }
 
+// ---- Being in step with the active's stream ----
+
+struct Step {
+  bool known = false;  // a message or a snapshot point set the count going
+  uint32_t epoch = 0;
+  uint64_t last = 0;   // last number of the active's stream taken (applied or given back)
+  uint32_t out = 0;    // kOutOfSync* while out of step
+  bool asked = false;  // the gsync for this episode was asked for
+  bool resending = false;  // the active was asked to resend from last + 1
+  uint64_t resend_deadline_ns = 0;
+};
+
+Step& step() {
+  static Step s;
+  return s;
+}
+
+void reset_step() { step() = Step(); }
+const bool g_step_reset = (hadra::plat::register_reset(&reset_step), true);
+
+// Why mi shows that the copy is no longer in step (0: it is). Within a known stream the
+// numbers decide: anything but the next one is a hole or a repeat (frames the receive queue
+// dropped show as a hole too). MTS's marks add a repeat that it dropped just before, and
+// judge the first message of a stream not yet known. Marks count only on a message that
+// arrived now: one replayed after a gsync carries marks from before it.
+uint32_t out_of_step(const mts::MsgInfo& mi, bool live, uint64_t* missed) {
+  const Step& st = step();
+  *missed = 0;
+  if (st.known && mi.h.epoch == st.epoch) {
+    if (mi.h.ha_seqno <= st.last) return kOutOfSyncRepeat;
+    if (mi.h.ha_seqno > st.last + 1) return *missed = mi.h.ha_seqno - st.last - 1, kOutOfSyncGap;
+    return live && (mi.trouble & mts::kTroubleRepeat) != 0 ? kOutOfSyncRepeat : 0;
+  }
+  if (!live) return 0;
+  if ((mi.trouble & mts::kTroubleOverflow) != 0) return kOutOfSyncOverflow;
+  if ((mi.trouble & mts::kTroubleGap) != 0) return *missed = mi.skipped, kOutOfSyncGap;
+  if ((mi.trouble & mts::kTroubleRepeat) != 0) return kOutOfSyncRepeat;
+  return 0;
+}
+
+bool partial_wanted() { return plat_config_get_long("MTS_BACKLOG_BYTES", 8l << 20) > 0; }
+uint64_t partial_wait_ns() { return static_cast<uint64_t>(plat_config_get_long("RESYNC_PARTIAL_MS", 2000)) * 1000000ull; }
+
+// Asks the active's service for the stream again from the number after the last one taken.
+bool ask_resend(uint32_t sap, const mts::MsgInfo& mi) {
+  const Step& st = step();
+  const std::vector<uint8_t> pl = encode(proto::ResendGet{st.epoch, st.last + 1});
+  if (mts_send(sap, MTS_ADDR_PEER, mi.h.src_sap, proto::kResendGet, pl.data(), static_cast<uint32_t>(pl.size()),
+               nullptr, MTS_SEND_NONBLOCK, nullptr) == 0)
+    return true;
+  log::writef(PLAT_LOG_WARNING, "sysmgr: SAP %u: cannot ask the active to resend from HA number %llu (%s); a gsync "
+              "will bring the copy back", sap, static_cast<unsigned long long>(st.last + 1), std::strerror(errno));
+  return false;
+}
+
+void go_out_of_sync(uint32_t sap, const mts::MsgInfo& mi, uint32_t why, uint64_t missed) {
+  Step& st = step();
+  st.out = why;
+  st.asked = false;
+  // Missed from a stream it knows: the active's backlog may still hold what is missing.
+  st.resending = st.known && mi.h.epoch == st.epoch && partial_wanted() && ask_resend(sap, mi);
+  st.resend_deadline_ns = plat_now_ns() + partial_wait_ns();
+  log::writef(PLAT_LOG_ERR, "sysmgr: SAP %u: standby out of sync: %s at HA number %llu (last taken %llu), %llu "
+              "changes missed; applying nothing out of order until %s brings the copy back",
+              sap, out_of_sync_name(why), static_cast<unsigned long long>(mi.h.ha_seqno),
+              static_cast<unsigned long long>(st.last), static_cast<unsigned long long>(missed),
+              st.resending ? "a resend from the active's backlog (or else a gsync)" : "a gsync");
+  applied_out_of_sync(why, missed);
+}
+
+void hold(uint32_t sap, const mts_msg_ref& ref);
+int dispatch_in_order(uint32_t sap, const mts_msg_ref& ref, const mts::MsgInfo& mi, mts_msg_ref* other);
+int while_out_of_sync(uint32_t sap, const mts_msg_ref& ref, const mts::MsgInfo& mi, mts_msg_ref* other);
+
 // ---- Sync messages ----
 
 // Already in the snapshot the standby was rebuilt from.
@@ -71,13 +155,28 @@ bool covered(const mts::MsgInfo& mi) {
   return g.covered && mi.h.epoch == g.epoch && mi.h.ha_seqno <= g.point;
 }
 
-int apply_sync(uint32_t sap, const mts_msg_ref& ref, mts_msg_ref* other) {
+int apply_sync(uint32_t sap, const mts_msg_ref& ref, mts_msg_ref* other, bool live) {
   mts::MsgInfo mi;
   if (!mts::info(&ref, &mi)) return SYSMGR_RX_NONE;
   if (covered(mi)) {
     (void)mts_drop(sap, &ref);
     return SYSMGR_RX_SYNC;
   }
+  Step& st = step();
+  if (st.out == 0) {
+    uint64_t missed = 0;
+    if (const uint32_t why = out_of_step(mi, live, &missed); why != 0) go_out_of_sync(sap, mi, why, missed);
+  }
+  if (st.out != 0) return while_out_of_sync(sap, ref, mi, other);
+  return dispatch_in_order(sap, ref, mi, other);
+}
+
+// mi is the next message of the stream: to the library's dispatcher.
+int dispatch_in_order(uint32_t sap, const mts_msg_ref& ref, const mts::MsgInfo& mi, mts_msg_ref* other) {
+  Step& st = step();
+  st.known = true;
+  st.epoch = mi.h.epoch;
+  st.last = mi.h.ha_seqno;
   if (lib()->dispatch(&ref) != 0) {
     *other = ref;
     return SYSMGR_RX_OTHER;
@@ -87,6 +186,81 @@ int apply_sync(uint32_t sap, const mts_msg_ref& ref, mts_msg_ref* other) {
   if (p != nullptr && mi.h.payload_len > 0) applied_note(p[0], mi.h.ha_seqno);
   (void)mts_drop(sap, &ref);
   return SYSMGR_RX_SYNC;
+}
+
+// The resend is over: back in step, or (failed, incomplete, too late) on to a gsync.
+void resend_over(uint32_t sap, bool complete, const char* why) {
+  Step& st = step();
+  st.resending = false;
+  if (complete) {
+    log::writef(PLAT_LOG_NOTICE, "sysmgr: SAP %u: standby back in sync by a resend from the active, at HA number %llu",
+                sap, static_cast<unsigned long long>(st.last));
+    st.out = 0;
+    applied_in_step();
+    return;
+  }
+  log::writef(PLAT_LOG_WARNING, "sysmgr: SAP %u: resend from HA number %llu not possible (%s); asking for a gsync",
+              sap, static_cast<unsigned long long>(st.last + 1), why);
+  st.asked = state().gsync.pending || link().gsync_get(0) == 0;
+}
+
+// Out of sync: while a resend is awaited, take what comes next in order and drop the rest;
+// otherwise ask for the gsync once, then hold what comes (a gsync runs) or drop it.
+int while_out_of_sync(uint32_t sap, const mts_msg_ref& ref, const mts::MsgInfo& mi, mts_msg_ref* other) {
+  Step& st = step();
+  if (st.resending && plat_now_ns() > st.resend_deadline_ns) resend_over(sap, false, "no answer in time");
+  if (st.resending) {
+    if (mi.h.epoch == st.epoch && mi.h.ha_seqno == st.last + 1) return dispatch_in_order(sap, ref, mi, other);
+    (void)mts_drop(sap, &ref);
+    return SYSMGR_RX_SYNC;
+  }
+  // A gsync already under way (the daemon started one) brings the copy back as well; a second
+  // request would only supersede it.
+  if (!st.asked) st.asked = state().gsync.pending || link().gsync_get(0) == 0;
+  if (state().gsync.pending) {
+    hold(sap, ref);
+    return SYSMGR_RX_SYNC;
+  }
+  (void)mts_drop(sap, &ref);
+  return SYSMGR_RX_SYNC;
+}
+
+// The active's side: a standby asks for the stream again. MTS sends it from the backlog and
+// closes it with the reply, which says when it could not.
+void on_resend_get(uint32_t sap, const mts::MsgInfo& mi) {
+  proto::ResendGet g;
+  if (!proto::decode(mi.payload, mi.h.payload_len, &g)) {
+    log::writef(PLAT_LOG_ERR, "sysmgr: SAP %u: malformed resend request (%u bytes) from the peer's SAP %u; dropped", sap,
+                mi.h.payload_len, mi.h.src_sap);
+    return;
+  }
+  uint64_t end = 0;
+  if (mts::resend(sap, mi.h.src_sap, g.epoch, g.from, proto::kResendReply, &end) == 0)
+    log::writef(PLAT_LOG_NOTICE, "sysmgr: SAP %u: resent HA numbers %llu..%llu to the standby", sap,
+                static_cast<unsigned long long>(g.from), static_cast<unsigned long long>(end));
+  else
+    log::writef(PLAT_LOG_WARNING, "sysmgr: SAP %u: cannot resend from HA number %llu to the standby (%s); it will "
+                "fall back to a gsync", sap, static_cast<unsigned long long>(g.from), std::strerror(errno));
+}
+
+// The standby's side: the resend is closed; complete when everything up to its end was taken.
+void on_resend_reply(uint32_t sap, const mts::MsgInfo& mi) {
+  Step& st = step();
+  if (!st.resending || mi.h.epoch != st.epoch) return;  // late: the gsync took over
+  const auto* p = static_cast<const uint8_t*>(mi.payload);
+  const uint32_t err = p != nullptr && mi.h.payload_len == 4 ? static_cast<uint32_t>(mts::get_le(p, 4)) : EBADMSG;
+  if (err != 0) return resend_over(sap, false, std::strerror(static_cast<int>(err)));
+  if (st.last < mi.h.ha_seqno) return resend_over(sap, false, "frames of the resend were lost");
+  resend_over(sap, true, "");
+}
+
+// Gsync ready: the copy is the snapshot's, taken at point of the active's stream.
+void back_in_step(uint32_t epoch, uint64_t point) {
+  Step& st = step();
+  if (st.out != 0)
+    log::writef(PLAT_LOG_NOTICE, "sysmgr: standby back in sync by gsync at HA number %llu",
+                static_cast<unsigned long long>(point));
+  st = Step{true, epoch, point, 0, false};
 }
 
 // During a gsync: keep the message for later. Past the bound it is dropped and remembered.
@@ -109,6 +283,15 @@ void release_held() {
   const bool again = s.gsync.overflowed;
   s.gsync.pending = false;
   s.gsync.overflowed = false;
+  if (step().out != 0) {
+    // Still out of step (the gsync failed): what was held follows a hole and is not applied.
+    for (const mts_msg_ref& r : s.held) (void)mts_drop(s.sap, &r);
+    s.held.clear();
+    step().asked = false;
+    applied_out_of_sync(kOutOfSyncGsyncFailed, 0);
+    step().out = kOutOfSyncGsyncFailed;
+    return;
+  }
   while (!s.held.empty()) {
     s.replay.push_back(s.held.front());
     s.held.pop_front();
@@ -164,6 +347,7 @@ bool on_event(const mts_msg_ref& ref, const proto::Event& ev) {
       s.gsync.epoch = ev.epoch;
       (void)lib()->gsync_ready(&ctx, ev.uri.c_str(), nullptr);
       applied_reset(ev.at_point);
+      back_in_step(ev.epoch, ev.point);
       release_held();
       return false;
     case proto::EventKind::kGsyncFailed:
@@ -225,6 +409,14 @@ bool is_from_daemon(const mts::MsgInfo& mi) {
 int route(uint32_t sap, const mts_msg_ref& ref, mts_msg_ref* other) {
   mts::MsgInfo mi;
   if (!mts::info(&ref, &mi)) return SYSMGR_RX_NONE;
+  if (mi.from_peer && (mi.h.opcode == proto::kResendGet || mi.h.opcode == proto::kResendReply)) {
+    if (mi.h.opcode == proto::kResendGet)
+      on_resend_get(sap, mi);
+    else
+      on_resend_reply(sap, mi);
+    (void)mts_drop(sap, &ref);
+    return SYSMGR_RX_EVENT;
+  }
   if (mi.h.opcode == SYSMGR_OPC_HS_RESPONSE || !is_from_daemon(mi)) {
     if (mi.h.sync_event != MTS_SYNC_EVENT_UPDATE) {
       *other = ref;
@@ -234,7 +426,7 @@ int route(uint32_t sap, const mts_msg_ref& ref, mts_msg_ref* other) {
       hold(sap, ref);
       return SYSMGR_RX_SYNC;
     }
-    return apply_sync(sap, ref, other);
+    return apply_sync(sap, ref, other, true);
   }
   return from_daemon(sap, ref, mi);
 }
@@ -266,7 +458,7 @@ HADRA_PLAT_API int sysmgr_client_next(uint32_t sap, int timeout_ms, mts_msg_ref*
   if (!s.replay.empty() && !s.gsync.pending) {
     const mts_msg_ref ref = s.replay.front();
     s.replay.pop_front();
-    return c.ret(cl::apply_sync(sap, ref, other));
+    return c.ret(cl::apply_sync(sap, ref, other, false));
   }
   mts_msg_ref ref;
   mts_recv_opts opts;

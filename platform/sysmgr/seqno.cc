@@ -15,6 +15,7 @@
 
 #include <atomic>
 #include <climits>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <mutex>
@@ -26,6 +27,7 @@
 #include "hadra_platform/sysmgr.h"
 #include "hadra_platform_testing.h"
 #include "log/log_internal.h"
+#include "mts/core.h"
 #include "sysmgr/seqno_table.h"
 #include "sysmgr/sysmgr_internal.h"
 
@@ -116,6 +118,15 @@ void after_fork_child() { drop_mapping(st(), false); }
 
 const bool g_registered = (hadra::plat::register_reset(&reset), pthread_atfork(nullptr, nullptr, &after_fork_child), true);
 
+// Every report also says whether the stream to the standby is in step, so the daemon shows
+// an active whose standby is out of sync without asking the service.
+void publish_stream_health(SeqnoTable* t) {
+  uint64_t missed = 0;
+  const bool broken = hadra::plat::mts::peer_health(&missed);
+  __atomic_store_n(&t->out_of_sync, broken ? 1u : 0u, __ATOMIC_RELAXED);
+  __atomic_store_n(&t->missed, static_cast<uint32_t>(missed > UINT32_MAX ? UINT32_MAX : missed), __ATOMIC_RELAXED);
+}
+
 void set_mode(SeqnoTable* t, uint32_t bit) { __atomic_fetch_or(&t->mode, bit, __ATOMIC_RELEASE); }
 
 }  // namespace
@@ -143,6 +154,7 @@ HADRA_PLAT_API int sysmgr_seqno_sync(uint32_t index, uint64_t seqno) noexcept {
   if (index > __atomic_load_n(&t->entries, __ATOMIC_RELAXED)) return c.ret(static_cast<int>(PLAT_ERR_SYSMGR_BAD_INDEX));
   __atomic_store_n(&t->slot[index].seqno, seqno, __ATOMIC_RELEASE);
   __atomic_fetch_add(&t->slot[index].reports, 1u, __ATOMIC_RELEASE);
+  publish_stream_health(t);
   return c.ret(0);
 }
 

@@ -34,6 +34,23 @@ constexpr uint32_t kSeqnoMaxIndex = 10;  // registry indexes 1..10
 constexpr uint32_t kSeqnoModeTable = 1u;   // sysmgr_seqno_table_alloc() was called
 constexpr uint32_t kSeqnoModeStatus = 2u;  // sysmgr_seqno_status_register() was called
 
+// Values of SeqnoTable::out_of_sync in an applied table.
+constexpr uint32_t kOutOfSyncGap = 1;        // sequence numbers skipped (lost or out of order)
+constexpr uint32_t kOutOfSyncRepeat = 2;     // a number already passed came again
+constexpr uint32_t kOutOfSyncOverflow = 3;   // the receive queue was full and dropped frames
+constexpr uint32_t kOutOfSyncGsyncFailed = 4;  // the resync itself failed; the next one is due
+
+inline const char* out_of_sync_name(uint32_t v) {
+  switch (v) {
+    case 0: return "";
+    case kOutOfSyncGap: return "gap";
+    case kOutOfSyncRepeat: return "repeated or reordered message";
+    case kOutOfSyncOverflow: return "receive queue full";
+    case kOutOfSyncGsyncFailed: return "gsync failed";
+    default: return "unknown";
+  }
+}
+
 struct SeqnoSlot {
   uint64_t seqno;    // last MTS HA sequence number reported for the index
   uint32_t reports;  // number of reports since the table was (re)prepared
@@ -47,11 +64,20 @@ struct SeqnoTable {
   uint32_t pid;      // client process
   uint32_t uuid;     // client service
   uint32_t mode;     // kSeqnoMode* bits
-  uint32_t reserved[3];
+  // Whether the sync stream is in step (these were reserved, zero, in earlier writers):
+  //  - sent table (active): 1 while frames for the standby do not leave (MTS stream broken);
+  //    missed: frames that took a number and did not leave, since the process started.
+  //  - applied table (standby): a kOutOfSync* reason while the copy is out of step and a
+  //    resync is due, 0 from the gsync that brought it back; missed: changes known to be
+  //    skipped; resyncs: times it went out of step.
+  uint32_t out_of_sync;
+  uint32_t missed;
+  uint32_t resyncs;
   SeqnoSlot slot[kSeqnoMaxIndex + 1];  // slot[0] unused
 };
 
 static_assert(sizeof(SeqnoSlot) == 16 && offsetof(SeqnoSlot, reports) == 8, "seqno slot layout");
+static_assert(offsetof(SeqnoTable, out_of_sync) == 20 && offsetof(SeqnoTable, resyncs) == 28, "stream state");
 static_assert(offsetof(SeqnoTable, entries) == 6 && offsetof(SeqnoTable, mode) == 16 &&
                   offsetof(SeqnoTable, slot) == 32 && sizeof(SeqnoTable) == 32 + 16 * 11,
               "seqno table layout");

@@ -57,6 +57,14 @@ HADRA_PLAT_API int mts_test_deliver(uint32_t sap, uint32_t src_sap, int from_pee
                                     uint64_t ha_seqno, uint32_t rr_token, const void *payload,
                                     uint32_t len) PLAT_NOEXCEPT;
 
+/* The loopback refuses the next n frames for the peer with EAGAIN (a peer that does not read). */
+HADRA_PLAT_API void mts_test_peer_refuse(uint64_t n) PLAT_NOEXCEPT;
+
+/* Where the stream from sap to the peer's dst_sap stands: last number taken, broken (1 while
+ * frames do not leave), frames missed in all. 0, or -1 when there is no such stream. */
+HADRA_PLAT_API int mts_test_tx_state(uint32_t sap, uint32_t dst_sap, uint64_t *last, int *broken,
+                                     uint64_t *missed) PLAT_NOEXCEPT;
+
 /* Counters of endpoint sap; sap 0 gives the process-wide ones. */
 typedef struct mts_test_counters {
   uint64_t delivered;     /* messages put in the receive queue */
@@ -65,6 +73,9 @@ typedef struct mts_test_counters {
   uint64_t missing;       /* HA sequence numbers skipped in all */
   uint64_t bad_frames;    /* process: malformed frames refused */
   uint64_t undeliverable; /* process: frames for a SAP not bound here */
+  uint64_t overflows;     /* peer frames dropped at the receive queue's bound (MTS_RX_QUEUE_MAX) */
+  uint64_t sends_missed;  /* peer frames that took a number and did not leave */
+  uint64_t breaks;        /* times a peer stream of the endpoint broke */
 } mts_test_counters;
 /* 0, or -1 when sap has no endpoint. */
 HADRA_PLAT_API int mts_test_counters_get(uint32_t sap, mts_test_counters *out) PLAT_NOEXCEPT;

@@ -76,6 +76,31 @@ TEST_F(SdbUpdateTest, FailedPlatformWriteCompletesAndSendsNothing) {
   EXPECT_TRUE(sent().empty());
 }
 
+// A record over 65535 bytes was stored on the active and never reached the standby.
+TEST_F(SdbUpdateTest, RecordTooLongToSyncIsRefusedBeforeItIsStored) {
+  plat_test_log_capture(1);
+  const std::string big(HADRA_SYNC_MAX_LEN + 1, 'x');
+  const std::string most(HADRA_SYNC_MAX_LEN, 'y');
+  plat_trace_start();
+  EXPECT_EQ(update("k", big), 0);
+  EXPECT_EQ(update(big, "v"), 0);
+  datum k{(void*)"a", 1}, bk{(void*)big.data(), static_cast<uint32_t>(big.size())}, v{(void*)"v", 1};
+  sdb_kv list[] = {{&k, &v}, {&bk, &v}};
+  EXPECT_EQ(hadra_sdb_update_list(sdb_, list, 2), 0);
+  EXPECT_EQ(plat_trace_count("sdb_write"), 0u);
+  EXPECT_EQ(plat_trace_count("sdb_write_list"), 0u);
+  EXPECT_TRUE(records(sdb_).empty());
+  EXPECT_TRUE(sent().empty());
+  EXPECT_EQ(level2_lines(), 3u);
+  // The largest syncable record goes through whole; an unsynced SDB keeps what the store takes.
+  ASSERT_EQ(update("k", most), 1);
+  const auto synced = sent_sync();
+  ASSERT_EQ(synced.size(), 1u);
+  EXPECT_EQ(synced[0].size(), 12u + 1u + most.size());
+  sdb_->no_sync = 1;
+  EXPECT_EQ(update("n", big), 1);
+}
+
 // (Unsynced batches: batch_test.cc and msdb_test.cc.)
 TEST_F(SdbUpdateTest, UnsyncedWritersChangeTheStoreAndSendNoSyncMessage) {
   sdb_->no_sync = 1;

@@ -137,6 +137,9 @@ void configure(const std::string& base, int slot) {
   setenv("HADRA_SLOT", std::to_string(slot).c_str(), 1);
   setenv("HADRA_TRANSPORT", "zmq", 1);
   setenv("HADRA_MTS_HWM", "200", 1);
+  // Every frame must arrive: the sender may wait for the receiver here (the active's bound,
+  // and what it does to frames that cannot leave, are the stream tests' subject).
+  setenv("HADRA_MTS_PEER_SEND_TIMEOUT_MS", "5000", 1);
   setenv("HADRA_LOG", "stderr", 1);
 }
 

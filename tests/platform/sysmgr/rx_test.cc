@@ -135,6 +135,124 @@ TEST_F(ReceiveLoopTest, TooManyHeldMessagesAskForAnotherGsync) {
   EXPECT_EQ(plat_test_sysmgr_gsync_requests(), 1u);  // asked again
 }
 
+// The applied table, as the daemon reads it.
+hadra::plat::sysmgr::SeqnoTable applied_table(const std::string& root) {
+  hadra::plat::sysmgr::SeqnoTable t{};
+  const std::string path = root + "/sysmgr/applied-" + std::to_string(getpid()) + ".tbl";
+  if (FILE* f = std::fopen(path.c_str(), "rb")) {
+    EXPECT_EQ(std::fread(&t, sizeof t, 1, f), 1u);
+    std::fclose(f);
+  }
+  return t;
+}
+
+// A dropped, a duplicated and a reordered sync message (frames played to the endpoint as the
+// faulty link would hand them over): each stops the applying at once, marks the copy out of
+// sync for the daemon and asks for one gsync; gsync ready brings it back in step.
+TEST_F(ReceiveLoopTest, AMissingRepeatedOrReorderedMessageStopsApplyingUntilAGsync) {
+  namespace sm = hadra::plat::sysmgr;
+  struct Case {
+    std::vector<uint64_t> arrive;  // HA numbers in arrival order
+    std::vector<uint64_t> applied;
+    uint32_t why;
+    uint32_t missed;
+  };
+  const Case cases[] = {{{1, 2, 4, 5}, {1, 2}, sm::kOutOfSyncGap, 1},
+                        {{1, 2, 2, 3}, {1, 2}, sm::kOutOfSyncRepeat, 0},
+                        {{1, 3, 2, 4}, {1}, sm::kOutOfSyncGap, 1}};
+  hadra::test::ScopedConfig no_resend("MTS_BACKLOG_BYTES", "0");  // straight to the gsync
+  plat_test_log_capture(1);
+  uint32_t resyncs = 0;
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.why);
+    seen_.dispatched.clear();
+    // A fresh stream each time (a restarted sender): play frames through a sending endpoint.
+    const uint32_t src = 0x3600 + resyncs;
+    ASSERT_EQ(mts_bind(src), 0);
+    std::vector<std::vector<uint8_t>> frames;
+    for (int i = 0; i < 5; ++i) {
+      const uint8_t payload[4] = {1, 0, 0, 0};
+      ASSERT_EQ(mts_send(src, MTS_ADDR_PEER, kSap, kSyncOpc, payload, 4, nullptr, 0, nullptr), 0);
+      std::vector<uint8_t> f(static_cast<size_t>(mts_test_peer_read(nullptr, 0, 0)));
+      mts_test_peer_read(f.data(), f.size(), 1);
+      frames.push_back(f);
+    }
+    const unsigned asked = plat_test_sysmgr_gsync_requests();
+    for (uint64_t n : c.arrive) (void)mts_test_feed(frames[n - 1].data(), frames[n - 1].size());
+    while (next() != SYSMGR_RX_NONE) {
+    }
+    EXPECT_EQ(seen_.dispatched, c.applied);
+    EXPECT_EQ(plat_test_sysmgr_gsync_requests(), asked + 1);
+    sm::SeqnoTable t = applied_table(root());
+    EXPECT_EQ(t.out_of_sync, c.why);
+    EXPECT_EQ(t.resyncs, ++resyncs);
+
+    // Gsync ready at the active's point 5: what comes after it is applied again.
+    hadra::plat::mts::MsgInfo mi;
+    mts_msg_ref probe;
+    ASSERT_EQ(mts_send(src, MTS_ADDR_PEER, kSap, kSyncOpc, "\x01\0\0\0", 4, &probe, 0, nullptr), 0);
+    ASSERT_TRUE(hadra::plat::mts::info(&probe, &mi));
+    mts_drop(src, &probe);
+    proto::Event ready;
+    ready.kind = proto::EventKind::kGsyncReady;
+    ready.uri = "snap:/gsync-1";
+    ready.point = 5;
+    ready.epoch = mi.h.epoch;
+    from_daemon(ready);
+    EXPECT_EQ(next(), SYSMGR_RX_EVENT);
+    std::vector<uint8_t> f6(static_cast<size_t>(mts_test_peer_read(nullptr, 0, 0)));
+    mts_test_peer_read(f6.data(), f6.size(), 1);
+    ASSERT_EQ(mts_test_feed(f6.data(), f6.size()), 0);
+    EXPECT_EQ(next(), SYSMGR_RX_SYNC);
+    EXPECT_EQ(seen_.dispatched.back(), 6u);
+    EXPECT_EQ(applied_table(root()).out_of_sync, 0u);
+    seen_.calls.clear();
+    ASSERT_EQ(mts_unbind(src), 0);
+  }
+}
+
+// Moves every frame the loopback kept for the peer to its endpoint in this process.
+void forward_all() {
+  while (mts_test_peer_count() != 0) (void)mts_test_peer_forward(1);
+}
+
+// One process plays both sides: endpoint kActive sends the stream to kSap (the standby). A
+// lost frame is asked for again and comes from the active's backlog: back in step without a
+// gsync, each change applied once and in order.
+TEST_F(ReceiveLoopTest, AHoleTheActiveStillHoldsIsFilledByAResendWithoutAGsync) {
+  constexpr uint32_t kActive = 0x3700;
+  ASSERT_EQ(mts_bind(kActive), 0);
+  plat_test_log_capture(1);
+  const uint8_t payload[4] = {1, 0, 0, 0};
+  for (int i = 0; i < 5; ++i)
+    ASSERT_EQ(mts_send(kActive, MTS_ADDR_PEER, kSap, kSyncOpc, payload, 4, nullptr, 0, nullptr), 0);
+  std::vector<std::vector<uint8_t>> frames;
+  while (mts_test_peer_count() != 0) {
+    std::vector<uint8_t> f(static_cast<size_t>(mts_test_peer_read(nullptr, 0, 0)));
+    mts_test_peer_read(f.data(), f.size(), 1);
+    frames.push_back(f);
+  }
+  for (int n : {1, 2, 4}) ASSERT_EQ(mts_test_feed(frames[n - 1].data(), frames[n - 1].size()), 0);  // 3 lost
+  while (next() != SYSMGR_RX_NONE) {
+  }
+  EXPECT_EQ(seen_.dispatched, (std::vector<uint64_t>{1, 2}));
+  EXPECT_EQ(applied_table(root()).out_of_sync, hadra::plat::sysmgr::kOutOfSyncGap);
+
+  forward_all();  // the standby's request reaches the active's endpoint
+  mts_msg_ref other;
+  EXPECT_EQ(sysmgr_client_next(kActive, 0, &other), SYSMGR_RX_EVENT);
+  forward_all();  // 3, 4, 5 again and the reply that closes them
+  ASSERT_EQ(mts_send(kActive, MTS_ADDR_PEER, kSap, kSyncOpc, payload, 4, nullptr, 0, nullptr), 0);
+  forward_all();  // and a live change after them
+  while (next() != SYSMGR_RX_NONE) {
+  }
+  EXPECT_EQ(seen_.dispatched, (std::vector<uint64_t>{1, 2, 3, 4, 5, 6}));
+  EXPECT_EQ(plat_test_sysmgr_gsync_requests(), 0u);
+  const hadra::plat::sysmgr::SeqnoTable t = applied_table(root());
+  EXPECT_EQ(t.out_of_sync, 0u);
+  EXPECT_EQ(t.slot[1].reports, 6u);
+}
+
 TEST_F(ReceiveLoopTest, EventsReachTheirCallbacksAndEverythingElseGoesBack) {
   // Not for the loop: a local message of the service, and a peer message the dispatcher refuses.
   ASSERT_EQ(mts_test_deliver(kSap, 900, 0, 77, 0, 0, 0, "x", 1), 0);
