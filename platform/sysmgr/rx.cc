@@ -11,6 +11,12 @@
 // More than SYNC_HOLD_MAX messages during one gsync is reported and another gsync is
 // asked for once this one ends: the held ones beyond the bound are gone.
 //
+// Who may change a copy. A sync message is applied only on the standby and only when it came
+// from the peer supervisor (the transport vouches for that: with keys, by the peer's key) on
+// the stream of this very service (the same SAP there). Anything else is dropped and logged
+// with its source, a few lines a second with counts: a forged update sent to the active is
+// never applied there, so never forwarded either.
+//
 // The library is reached by name at run time (the platform never links against it): a
 // process that did not load it gets ENOSYS.
 #include <dlfcn.h>
@@ -22,6 +28,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstring>
+#include <string>
 
 #include "common/call.h"
 #include "hadra_platform/config.h"
@@ -29,6 +36,7 @@
 #include "hadra_platform/log.h"
 #include "hadra_platform/sysmgr_client.h"
 #include "log/log_internal.h"
+#include "mts/auth.h"
 #include "mts/core.h"
 #include "sysmgr/client.h"
 #include "sysmgr/sysmgr_internal.h"
@@ -87,6 +95,14 @@ int apply_sync(uint32_t sap, const mts_msg_ref& ref, mts_msg_ref* other) {
   if (p != nullptr && mi.h.payload_len > 0) applied_note(p[0], mi.h.ha_seqno);
   (void)mts_drop(sap, &ref);
   return SYSMGR_RX_SYNC;
+}
+
+// Null when the sync message mi may change this service's copy; else why not.
+const char* sync_refusal(uint32_t sap, const mts::MsgInfo& mi) {
+  if (!mi.from_peer) return "a sync message not from the peer supervisor";
+  if (mi.h.src_sap != sap) return "a sync message from another service's stream";
+  if (sysmgr_supstate_get() != PLAT_SUP_STANDBY) return "a sync message while this supervisor is not the standby";
+  return nullptr;
 }
 
 // During a gsync: keep the message for later. Past the bound it is dropped and remembered.
@@ -229,6 +245,13 @@ int route(uint32_t sap, const mts_msg_ref& ref, mts_msg_ref* other) {
     if (mi.h.sync_event != MTS_SYNC_EVENT_UPDATE) {
       *other = ref;
       return SYSMGR_RX_OTHER;
+    }
+    if (const char* why = sync_refusal(sap, mi)) {
+      mts::auth::log_refusal("a sync message", "node " + std::to_string(mi.h.src_node) + " SAP " +
+                                                   std::to_string(mi.h.src_sap) + " to SAP " + std::to_string(sap),
+                             why);
+      (void)mts_drop(sap, &ref);
+      return SYSMGR_RX_SYNC;
     }
     if (state().gsync.pending) {
       hold(sap, ref);
