@@ -198,12 +198,14 @@ Verdict judge(const Request& r, const Policy& p) {
       v.ok = true;
       v.user_id = "local";
     } else {
-      v.reason = "unknown key " + key;
+      v.reason = "unknown key";
+      v.detail = "key " + key;
     }
     return v;
   }
   if (r.mechanism != "NULL" || p.curve) {
-    v.reason = "no key (mechanism " + r.mechanism.substr(0, 16) + ")";
+    v.reason = "no key";
+    v.detail = "mechanism " + r.mechanism.substr(0, 16);
     return v;
   }
   // ipc: ":uid:gid:pid" from the socket's peer credentials.
@@ -214,7 +216,8 @@ Verdict judge(const Request& r, const Policy& p) {
       return v;
     }
     if (uid != p.uid && uid != 0 && !(p.gid >= 0 && static_cast<long>(gid) == p.gid)) {
-      v.reason = "user " + std::to_string(uid) + " is neither the supervisor's user nor in its group";
+      v.reason = "a user that is neither the supervisor's nor in its group";
+      v.detail = "uid " + std::to_string(uid);
       return v;
     }
   }
@@ -266,7 +269,9 @@ void log_refusal(const char* what, const std::string& from, const char* reason) 
   uint64_t total = 0;
   {
     std::lock_guard<std::mutex> lock(l.mu);
-    Limiter::Entry& e = l.by_reason[reason];
+    // Reasons are a fixed set of texts; the bound only guards against a caller that forgets.
+    Limiter::Entry& e = l.by_reason.size() < 64 || l.by_reason.count(reason) != 0 ? l.by_reason[reason]
+                                                                                   : l.by_reason["(other)"];
     ++e.total;
     if (e.in_window == 0 || now - e.window >= std::chrono::seconds(1)) {
       e.window = now;
@@ -384,7 +389,7 @@ void ZapHandler::run() {
     r.mechanism = parts[5];
     if (parts.size() > 6) r.key = parts[6];
     const Verdict v = judge(r, policy_);
-    if (!v.ok) log_refusal("a connection", r.address, v.reason.c_str());
+    if (!v.ok) log_refusal("a connection", r.address + (v.detail.empty() ? "" : " (" + v.detail + ")"), v.reason.c_str());
     send_part(rep_, "1.0", true);
     send_part(rep_, parts[1], true);
     send_part(rep_, v.ok ? "200" : "400", true);

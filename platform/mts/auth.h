@@ -59,7 +59,8 @@ struct Request {
 struct Verdict {
   bool ok = false;
   std::string user_id;  // "local", "peer" or "open"
-  std::string reason;   // why it was refused
+  std::string reason;   // why it was refused: one of a fixed set of texts
+  std::string detail;   // what it was refused for (a key, a user), shown with the source
 };
 
 Verdict judge(const Request& r, const Policy& p);

@@ -138,8 +138,13 @@ TEST_F(MtsAuthTest, OnlyThePeerKeyFeedsTheStandbyAndStrangersAreLoggedWithTheirA
   send(local, frame(1, MTS_SYNC_EVENT_UPDATE, "forged-own"));
   EXPECT_TRUE(eventually([] { return logged("claims another node"); }));
   EXPECT_TRUE(eventually([] { return logged("sent a sync message"); }));
+  // A malformed frame is logged with where it came from and why it is no frame.
+  void* peer = client(&peer_);
+  send(peer, bytes("garbage"));
+  EXPECT_TRUE(eventually([] { return logged("refused a malformed frame from 127.0.0.1"); }));
+  EXPECT_TRUE(logged("shorter than a frame header"));
   // What the peer and this supervisor's own processes send gets through, as what it is.
-  send(client(&peer_), frame(2, MTS_SYNC_EVENT_UPDATE, "from-peer"));
+  send(peer, frame(2, MTS_SYNC_EVENT_UPDATE, "from-peer"));
   send(local, frame(1, 0, "from-local"));
 
   std::vector<std::string> got;
