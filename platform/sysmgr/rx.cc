@@ -101,7 +101,7 @@ int apply_sync(uint32_t sap, const mts_msg_ref& ref, mts_msg_ref* other) {
 const char* sync_refusal(uint32_t sap, const mts::MsgInfo& mi) {
   if (!mi.from_peer) return "a sync message not from the peer supervisor";
   if (mi.h.src_sap != sap) return "a sync message from another service's stream";
-  if (sysmgr_supstate_get() != PLAT_SUP_STANDBY) return "a sync message while this supervisor is not the standby";
+  if (local_supstate() != PLAT_SUP_STANDBY) return "a sync message while this supervisor is not the standby";
   return nullptr;
 }
 
