@@ -167,6 +167,14 @@ int main(int argc, char** argv) {
   }
   if (!command.empty()) return send_command(root, command, arg, timeout_ms);
 
+  // What the daemon makes under the root (tables, locks, gsync areas) is the owner's alone, or
+  // its group's too with ROOT_GROUP, whatever umask it was started with; so is the root.
+  const char* group = plat_config_get("ROOT_GROUP", "");
+  const bool shared = group != nullptr && *group != '\0';
+  ::umask(shared ? 027 : 077);
+  struct stat rst;
+  if (::stat(root.c_str(), &rst) == 0 && rst.st_uid == ::geteuid()) (void)::chmod(root.c_str(), shared ? 0750 : 0700);
+
   sd::Options o;
   o.root = root;
   o.slot = static_cast<int>(plat_config_get_long("SLOT", 1));
