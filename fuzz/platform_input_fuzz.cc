@@ -154,6 +154,7 @@ void fuzz_auth(const uint8_t* p, size_t n) {
   auth::Policy pol;
   pol.uid = 1000;
   pol.gid = (n & 1) != 0 ? 50 : -1;
+  pol.ipc = (n & 2) != 0;
   pol.curve = keys;
   pol.own_public = pub;
   pol.peer_public = pub;

@@ -208,11 +208,15 @@ Verdict judge(const Request& r, const Policy& p) {
     v.detail = "mechanism " + r.mechanism.substr(0, 16);
     return v;
   }
-  // ipc: ":uid:gid:pid" from the socket's peer credentials.
-  if (!r.address.empty() && r.address[0] == ':') {
+  // ipc: the socket's peer credentials end the address, "<name>:uid:gid:pid".
+  if (p.ipc) {
     unsigned long uid = 0, gid = 0, pid = 0;
-    if (std::sscanf(r.address.c_str(), ":%lu:%lu:%lu", &uid, &gid, &pid) != 3) {
-      v.reason = "unreadable credentials";
+    size_t at = r.address.size();
+    for (int i = 0; i < 3 && at != std::string::npos && at > 0; ++i) at = r.address.rfind(':', at - 1);
+    char end = 0;
+    if (at == std::string::npos ||
+        std::sscanf(r.address.c_str() + at, ":%lu:%lu:%lu%c", &uid, &gid, &pid, &end) != 3) {
+      v.reason = "no readable credentials";
       return v;
     }
     if (uid != p.uid && uid != 0 && !(p.gid >= 0 && static_cast<long>(gid) == p.gid)) {

@@ -36,6 +36,7 @@ struct Policy {
   std::string peer_public;  // Z85
   uint32_t uid = 0;         // owner of the root: who else may connect over ipc
   long gid = -1;            // the configured group, -1 for none
+  bool ipc = false;         // the sockets are ipc: connections carry the peer's credentials
 };
 
 // The configuration's keys (MTS_KEY_FILE, MTS_PEER_KEY, ROOT_GROUP). False with why set
@@ -51,7 +52,7 @@ std::string new_key_file(std::string* pub);
 
 // One authentication request, as ZeroMQ hands it to the handler.
 struct Request {
-  std::string address;    // tcp: the peer's IP; ipc: ":uid:gid:pid"
+  std::string address;    // tcp: the peer's IP; ipc: "<name>:uid:gid:pid"
   std::string mechanism;  // "NULL" or "CURVE"
   std::string key;        // CURVE: the client's public key, 32 bytes
 };

@@ -339,7 +339,9 @@ int ZmqTransport::transmit(const Route& to, Frame&& f, bool nonblock) {
 // The keys and the handler, before any socket listens.
 void ZmqTransport::start_auth() {
   std::string why;
-  if (!auth::load_policy(&policy_, &why)) {
+  const bool loaded = auth::load_policy(&policy_, &why);
+  policy_.ipc = s_.local_tmpl.rfind(kIpc, 0) == 0;
+  if (!loaded) {
     log::writef(PLAT_LOG_ERR, "MTS: %s; the transport neither listens nor sends", why.c_str());
     return;
   }

@@ -216,14 +216,18 @@ TEST(MtsAuthRules, KeyFilesAndVerdicts) {
                                  "public = " + a.pub + "\npublic = " + a.pub + "\nsecret = " + a.sec + "\n"})
     EXPECT_FALSE(auth::parse_key_file(bad, &pub, &sec, &why)) << bad;
 
+  // Over ipc, the connecting process's credentials (as ZeroMQ gives them, after a name).
   auth::Policy open;
   open.uid = 1000;
   open.gid = 50;
-  EXPECT_TRUE(auth::judge({":1000:1000:1", "NULL", ""}, open).ok);
+  open.ipc = true;
+  EXPECT_TRUE(auth::judge({"localhost:1000:1000:1", "NULL", ""}, open).ok);
   EXPECT_TRUE(auth::judge({":0:0:1", "NULL", ""}, open).ok);
-  EXPECT_TRUE(auth::judge({":1001:50:1", "NULL", ""}, open).ok);  // the configured group
-  EXPECT_FALSE(auth::judge({":1001:1001:1", "NULL", ""}, open).ok);
-  EXPECT_FALSE(auth::judge({":junk", "NULL", ""}, open).ok);
+  EXPECT_TRUE(auth::judge({"localhost:1001:50:1", "NULL", ""}, open).ok);  // the configured group
+  EXPECT_FALSE(auth::judge({"localhost:1001:1001:1", "NULL", ""}, open).ok);
+  EXPECT_FALSE(auth::judge({"localhost:junk", "NULL", ""}, open).ok);
+  EXPECT_FALSE(auth::judge({"", "NULL", ""}, open).ok);
+  open.ipc = false;
   EXPECT_EQ(auth::judge({"10.0.0.2", "NULL", ""}, open).user_id, "open");
 
   // Claims: a local connection keeps to its own node and sends no sync; the peer's key must
