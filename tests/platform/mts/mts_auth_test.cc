@@ -1,7 +1,9 @@
 // Who gets through to a SAP over ZeroMQ: with keys, only this supervisor's and the peer's;
 // a frame that claims more than its connection proves is refused; a refusal is logged with
 // where it came from. Raw sockets play the strangers, over tcp on loopback.
+#include <grp.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 #include <zmq.h>
 
@@ -178,6 +180,8 @@ class MtsModesTest : public PlatformTest {
   void TearDown() override {
     unsetenv("HADRA_TRANSPORT");
     unsetenv("HADRA_MTS_LOCAL");
+    unsetenv("HADRA_ROOT_GROUP");
+    plat_test_log_capture(0);
     PlatformTest::TearDown();
     plat_config_reload();
   }
@@ -203,6 +207,46 @@ TEST_F(MtsModesTest, SocketsAndTheDirectoriesUnderTheRootAreTheOwnersAloneWhatev
   EXPECT_EQ(mode(root() + "/private/sock/sap-" + std::to_string(kSap)), 0600u);
   EXPECT_EQ(mode(root() + "/run/deep"), 0700u);
   EXPECT_EQ(mode(root() + "/run/deep/er"), 0700u);
+  mts_unbind(kSap);
+}
+
+// With the socket directory shared with a group, a process of another user whose only tie is
+// a supplementary group gets to the socket file but not past the connection check: the
+// socket's peer credentials carry its own uid and gid. Refused, and logged with its uid.
+TEST_F(MtsModesTest, AnotherUserOverIpcIsRefusedAndLoggedWithItsCredentials) {
+  if (::geteuid() != 0 || ::getgrnam("nogroup") == nullptr) GTEST_SKIP() << "needs root and the group nogroup";
+  const gid_t group = ::getgrnam("nogroup")->gr_gid;
+  setenv("HADRA_TRANSPORT", "zmq", 1);
+  setenv("HADRA_ROOT_GROUP", "nogroup", 1);
+  const std::string url = "ipc://" + root() + "/shared/sap-" + std::to_string(kSap);
+  setenv("HADRA_MTS_LOCAL", ("ipc://" + root() + "/shared/sap-{sap}").c_str(), 1);
+  plat_config_reload();
+  ASSERT_EQ(::chmod(root().c_str(), 0711), 0);  // the other user may pass through the root
+  plat_test_log_capture(1);
+  ASSERT_EQ(mts_bind(kSap), 0);
+  const pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    if (::setgroups(1, &group) != 0 || ::setgid(4321) != 0 || ::setuid(4321) != 0) _exit(2);
+    void* ctx = zmq_ctx_new();
+    void* s = zmq_socket(ctx, ZMQ_PUSH);
+    int linger = 1000;
+    zmq_setsockopt(s, ZMQ_LINGER, &linger, sizeof linger);
+    if (zmq_connect(s, url.c_str()) != 0) _exit(3);
+    const Bytes f = frame(1, 0, "other-user");
+    (void)zmq_send(s, f.data(), f.size(), 0);
+    zmq_close(s);
+    zmq_ctx_term(ctx);
+    _exit(0);
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "child status " << status;
+  EXPECT_TRUE(eventually([] { return logged("neither the supervisor's nor in its group"); }));
+  EXPECT_TRUE(logged("uid 4321"));
+  mts_msg_ref r;
+  EXPECT_EQ(mts_recv(kSap, &r, nullptr), -1);
+  EXPECT_EQ(errno, EAGAIN);
   mts_unbind(kSap);
 }
 
