@@ -17,6 +17,12 @@
 // renamed to <root>/snap/gsync-<uuid>. A failure or the deadline (GSYNC_TIMEOUT_MS) removes
 // the temporary directory and delivers gsync failed to the service with a reason naming the
 // file. A daemon that starts removes what an earlier one left half received.
+//
+// A checksum proves a file arrived as it left, not that it was sound when it left. Store
+// files of the area (SDB snapshots, PSS copies: LMDB files) are also walked for structural
+// damage before gsync ready: the library restores a snapshot it cannot read as an empty
+// database, so a listed file that is not a sound store must fail the gsync here, by name,
+// instead of leaving the standby with an empty copy that looks in sync.
 #include <fcntl.h>
 #include <stdio.h>
 #include <unistd.h>
@@ -25,6 +31,7 @@
 #include <cstring>
 #include <filesystem>
 
+#include "common/lmdb_check.h"
 #include "daemon.h"
 #include "hadra_platform/errors.h"
 #include "hadra_platform/log.h"
@@ -44,6 +51,34 @@ std::string area_dir(const std::string& root, uint32_t uuid) {
   char text[64];
   std::snprintf(text, sizeof text, "snap/gsync-%x", uuid);
   return files::root_path(root, text);
+}
+
+// Null when the arrived file name at path may be restored from; else what is wrong with it. An
+// SDB snapshot (".snap") must be an LMDB file; any LMDB file must be sound.
+const char* store_fault(const std::string& name, const std::string& path) {
+  switch (hadra::plat::lmdb_file_check(path)) {
+    case hadra::plat::LmdbFile::kSound:
+      return nullptr;
+    case hadra::plat::LmdbFile::kDamaged:
+      return "a damaged store file (its pages do not hold together)";
+    case hadra::plat::LmdbFile::kForeign:
+      return name.ends_with(".snap") ? "not a store file (an SDB snapshot must be one)" : nullptr;
+  }
+  return nullptr;
+}
+
+// Tests only (FAULT_SHIP=zeros): 4 KiB of zeros into the first SDB snapshot of the area before
+// its checksum is taken, as a disk that lost a block would leave it.
+void zero_first_snapshot(const std::string& dir, const std::vector<std::string>& names) {
+  for (const std::string& name : names) {
+    if (!name.ends_with(".snap")) continue;
+    const int fd = ::open((fs::path(dir) / name).c_str(), O_WRONLY | O_CLOEXEC);
+    if (fd < 0) return;
+    static const std::vector<uint8_t> zeros(4096, 0);
+    (void)!::pwrite(fd, zeros.data(), zeros.size(), 0);
+    ::close(fd);
+    return;
+  }
 }
 
 bool write_all(int fd, const uint8_t* p, size_t n) {
@@ -178,6 +213,8 @@ void Daemon::gsync_on_manifest(const proto::Manifest& m) {
                     static_cast<unsigned long long>(hash), static_cast<unsigned long long>(e.xxh3));
       return gsync_fail_incoming(m.xfer, EBADMSG, "file " + e.name + text);
     }
+    if (const char* fault = store_fault(e.name, path))
+      return gsync_fail_incoming(m.xfer, EBADMSG, "file " + e.name + ": " + fault);
   }
   // Whole and verified: on disk, then under its final name in one rename.
   const std::string final_dir = area_dir(o_.root, in.uuid);
@@ -283,7 +320,9 @@ bool Daemon::prepare_shipment(Outgoing& o, const proto::Answer& a, std::string* 
   m.point = a.point;
   m.epoch = a.epoch;
   for (uint32_t i = 0; i <= proto::kMaxIndex; ++i) m.at_point[i] = a.at_point[i];
-  for (const std::string& name : files::area_files(dir)) {
+  const std::vector<std::string> names = files::area_files(dir);
+  if (o_.ship_fault == "zeros") zero_first_snapshot(dir, names);
+  for (const std::string& name : names) {
     if (m.files.size() == proto::kMaxManifestFiles) return *why = "the area holds too many files", false;
     proto::ManifestEntry e{name, 0, 0};
     if (!files::hash_file((fs::path(dir) / name).string(), &e.xxh3, &e.size))

@@ -3,7 +3,9 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
+#include <zmq.h>
 
 #include <CLI/CLI.hpp>
 #include <cerrno>
@@ -89,6 +91,40 @@ int send_command(const std::string& root, const std::string& name, const std::st
   return rc;
 }
 
+// Writes a new CURVE key pair to path (which must not exist), readable by this user only, and
+// prints its public key: the line the peer's MTS_PEER_KEY takes. Exit status 0, or 1.
+int keygen(const std::string& path) {
+  if (zmq_has("curve") == 0) {
+    std::fprintf(stderr, "hadra-sysmgrd: this ZeroMQ library has no CURVE support\n");
+    return 1;
+  }
+  char pub[41];
+  char sec[41];
+  if (zmq_curve_keypair(pub, sec) != 0) {
+    std::fprintf(stderr, "hadra-sysmgrd: no key pair: %s\n", zmq_strerror(zmq_errno()));
+    return 1;
+  }
+  const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+  if (fd < 0) {
+    std::fprintf(stderr, "hadra-sysmgrd: key file %s: %s\n", path.c_str(), std::strerror(errno));
+    return 1;
+  }
+  const std::string text = std::string("# hadra supervisor key pair: readable by the supervisor's user only\npublic = ") +
+                           pub + "\nsecret = " + sec + "\n";
+  // Whatever the umask: the secret is the owner's alone.
+  const bool ok = ::fchmod(fd, 0600) == 0 && ::write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size()) &&
+                  ::fsync(fd) == 0;
+  const int err = errno;
+  ::close(fd);
+  if (!ok) {
+    ::unlink(path.c_str());
+    std::fprintf(stderr, "hadra-sysmgrd: key file %s: %s\n", path.c_str(), std::strerror(err));
+    return 1;
+  }
+  std::printf("%s\n", pub);
+  return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -99,13 +135,18 @@ int main(int argc, char** argv) {
       "  hadra-sysmgrd --root /var/lib/hadra/sup1 &\n"
       "  hadra-sysmgrd --root /var/lib/hadra/sup1 --command status"};
   std::string root, command, arg;
+  std::string keyfile;
   int timeout_ms = 5000;
   app.add_option("--root", root, "supervisor root directory (configuration key ROOT)");
   app.add_option("--command", command, "send a command to the running daemon and print its JSON answer")
       ->check(CLI::IsMember({"status", "switchover", "takeover", "gsync", "config-save"}));
   app.add_option("--arg", arg, "argument of the command (gsync: a service uuid; default all)");
   app.add_option("--timeout", timeout_ms, "longest wait for a command's answer, ms")->check(CLI::Range(1, 600000));
+  app.add_option("--keygen", keyfile,
+                 "write a new key pair for the link between supervisors to this file (mode 0600), print its "
+                 "public key, and exit (configuration keys MTS_KEY_FILE and, on the peer, MTS_PEER_KEY)");
   CLI11_PARSE(app, argc, argv);
+  if (!keyfile.empty()) return keygen(keyfile);
 
   if (!root.empty()) {
     std::error_code ec;
@@ -125,6 +166,14 @@ int main(int argc, char** argv) {
     return 2;
   }
   if (!command.empty()) return send_command(root, command, arg, timeout_ms);
+
+  // What the daemon makes under the root (tables, locks, gsync areas) is the owner's alone, or
+  // its group's too with ROOT_GROUP, whatever umask it was started with; so is the root.
+  const char* group = plat_config_get("ROOT_GROUP", "");
+  const bool shared = group != nullptr && *group != '\0';
+  ::umask(shared ? 027 : 077);
+  struct stat rst;
+  if (::stat(root.c_str(), &rst) == 0 && rst.st_uid == ::geteuid()) (void)::chmod(root.c_str(), shared ? 0750 : 0700);
 
   sd::Options o;
   o.root = root;

@@ -7,6 +7,8 @@
 //      buffer (1 to 256 bytes). What decodes must encode and decode again to the same
 //   2  an SDB update-notification context
 //   3  the platform configuration file of the supervisor root
+//   4  a supervisor key file, then the same bytes as a connection to check (address,
+//      mechanism and key, split at NUL bytes) and as a frame whose fault is explained
 //
 // Every input is handed over in a buffer of exactly its size, so AddressSanitizer sees any
 // read past it. A parser must accept or refuse, and never crash, leak or touch other memory.
@@ -22,6 +24,7 @@
 #include "hadra_platform/mts.h"
 #include "hadra_platform/sdb.h"
 #include "hadra_platform_testing.h"
+#include "platform/mts/auth.h"
 
 namespace {
 
@@ -131,7 +134,36 @@ void fuzz_config(const uint8_t* p, size_t n) {
   plat_config_reload();
 }
 
-constexpr void (*kParsers[])(const uint8_t*, size_t) = {fuzz_frame, fuzz_tlv, fuzz_context, fuzz_config};
+// ---- 4: key file, connection check ------------------------------------------------------
+
+void fuzz_auth(const uint8_t* p, size_t n) {
+  namespace auth = hadra::plat::mts::auth;
+  const std::string text(reinterpret_cast<const char*>(p), n);
+  std::string pub, sec, why;
+  const bool keys = auth::parse_key_file(text, &pub, &sec, &why);
+  if (keys && (pub.size() != auth::kZ85KeyLen || sec.size() != auth::kZ85KeyLen)) fail("keys: a key of the wrong size");
+  if (!keys && why.empty()) fail("keys: refused without a reason");
+  auth::Request r;
+  const size_t a = text.find('\0');
+  r.address = text.substr(0, a);
+  if (a != std::string::npos) {
+    const size_t m = text.find('\0', a + 1);
+    r.mechanism = text.substr(a + 1, m == std::string::npos ? std::string::npos : m - a - 1);
+    if (m != std::string::npos) r.key = text.substr(m + 1);
+  }
+  auth::Policy pol;
+  pol.uid = 1000;
+  pol.gid = (n & 1) != 0 ? 50 : -1;
+  pol.ipc = (n & 2) != 0;
+  pol.curve = keys;
+  pol.own_public = pub;
+  pol.peer_public = pub;
+  const auth::Verdict v = auth::judge(r, pol);
+  if (v.ok == v.user_id.empty() || (!v.ok && v.reason.empty())) fail("auth: a verdict without its user or reason");
+  if (auth::frame_fault(n != 0 ? p : nullptr, n, MTS_PAYLOAD_MAX) == nullptr) fail("auth: a fault without a reason");
+}
+
+constexpr void (*kParsers[])(const uint8_t*, size_t) = {fuzz_frame, fuzz_tlv, fuzz_context, fuzz_config, fuzz_auth};
 constexpr size_t kParserCount = sizeof kParsers / sizeof kParsers[0];
 
 // ---- seeds ------------------------------------------------------------------------------
@@ -182,6 +214,10 @@ void make_seeds(const std::string& dir) {
   write_seed(dir, "config", 3,
              "# supervisor settings\nTRANSPORT = zmq\nPORT_BASE = 0x4000\nSDB_MAP_SIZE=1048576\n"
              "SLOT = 2\n  = no key\nno value =\njunk line\r\nSDB_SYNC = 1 # not a comment\n");
+  write_seed(dir, "key-file", 4,
+             "# keys\npublic = rq:rM>}U?@Lns47E1%kR.o@n%FcmmsL/@{H8]yf7\nsecret = JTKVSB%%)wK0E.X)V>+}o?pNmC{O&4W4b!Ni{Lh6\n");
+  write_seed(dir, "connection-ipc", 4, std::string(":1001:50:77\0NULL\0", 17));
+  write_seed(dir, "connection-curve", 4, std::string("10.0.0.2\0CURVE\0", 15) + std::string(32, 'k'));
 }
 
 }  // namespace

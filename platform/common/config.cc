@@ -2,6 +2,7 @@
 // the testing interface's reset and root/clock setters.
 #include "hadra_platform/config.h"
 
+#include <grp.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -67,6 +68,16 @@ const char* lookup_early(Config& c, const std::string& key) {
   return it == c.file.end() ? nullptr : it->second.c_str();
 }
 
+// The directories made here (the root and what lies under it) are the owner's alone, or its
+// group's too when ROOT_GROUP names one: the root holds the stores, the locks and the sockets
+// that let a process change them. Set explicitly, so the umask plays no part.
+void restrict_new_dir(const std::string& dir) {
+  const char* group = std::getenv("HADRA_ROOT_GROUP");
+  struct group* gr = group != nullptr && *group != '\0' ? ::getgrnam(group) : nullptr;
+  if (::chmod(dir.c_str(), gr != nullptr ? 0750 : 0700) == 0 && gr != nullptr)
+    (void)!::chown(dir.c_str(), static_cast<uid_t>(-1), gr->gr_gid);
+}
+
 int mkdirs_for(const std::string& dir) {
   std::string cur;
   size_t pos = 0;
@@ -74,7 +85,10 @@ int mkdirs_for(const std::string& dir) {
     pos = dir.find('/', pos + 1);
     cur = dir.substr(0, pos);
     if (cur.empty()) continue;
-    if (::mkdir(cur.c_str(), 0755) != 0 && errno != EEXIST) return -1;
+    if (::mkdir(cur.c_str(), 0700) == 0)
+      restrict_new_dir(cur);
+    else if (errno != EEXIST)
+      return -1;
   }
   return 0;
 }

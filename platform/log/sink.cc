@@ -18,6 +18,7 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
@@ -55,6 +56,7 @@ struct Sink {
   char ident[64] = {};
   bool ident_set = false;
   bool capture = false;
+  bool file_failing = false;  // the file refused the last line: lines go to stderr
   std::deque<Captured> lines;
 };
 
@@ -78,6 +80,7 @@ void close_locked(Sink& s) {
   s.fd = -1;
   s.kind = Kind::kUnset;
   s.path[0] = '\0';
+  s.file_failing = false;
 }
 
 // Open path for appending; on failure say so once on stderr and fall back to it.
@@ -144,14 +147,43 @@ size_t format_prefix(char* out, size_t size, int level, const char* ident) {
   return n < 0 ? 0 : static_cast<size_t>(n) < size ? static_cast<size_t>(n) : size - 1;
 }
 
-void write_all(int fd, const char* p, size_t n) {
+// False with errno when fd took less than the whole line.
+bool write_all(int fd, const char* p, size_t n) {
   while (n > 0) {
     ssize_t w = ::write(fd, p, n);
     if (w < 0 && errno == EINTR) continue;
-    if (w <= 0) return;  // nowhere else to say it
+    if (w < 0) return false;
+    if (w == 0) {
+      errno = EIO;
+      return false;
+    }
     p += w;
     n -= static_cast<size_t>(w);
   }
+  return true;
+}
+
+// A log file that cannot take a line (a full disk, an I/O error) must not swallow it: the
+// line goes to stderr instead, after one line that says why; once the file takes lines again
+// a line says so there.
+void write_file_line(Sink& s, const char* line, size_t n) {
+  if (write_all(s.fd, line, n)) {
+    if (s.file_failing) {
+      s.file_failing = false;
+      static const char kBack[] = "platform log: lines went to stderr while this file could not be written\n";
+      (void)write_all(s.fd, kBack, sizeof kBack - 1);
+    }
+    return;
+  }
+  const int err = errno;
+  if (!s.file_failing) {
+    s.file_failing = true;
+    char note[PATH_MAX + 128];
+    const int k = std::snprintf(note, sizeof note, "platform log: %s cannot be written (%s); lines go to stderr\n",
+                                s.path[0] != '\0' ? s.path : "the log file", std::strerror(err));
+    if (k > 0) (void)write_all(STDERR_FILENO, note, std::min(static_cast<size_t>(k), sizeof note - 1));
+  }
+  (void)write_all(STDERR_FILENO, line, n);
 }
 
 void emit_locked(Sink& s, int level, const char* text, size_t len) {
@@ -166,7 +198,10 @@ void emit_locked(Sink& s, int level, const char* text, size_t len) {
   std::memcpy(line + n, text, len);
   n += len;
   line[n++] = '\n';
-  write_all(k == Kind::kStderr ? STDERR_FILENO : s.fd, line, n);
+  if (k == Kind::kStderr)
+    (void)write_all(STDERR_FILENO, line, n);
+  else
+    write_file_line(s, line, n);
 }
 
 void reset() {

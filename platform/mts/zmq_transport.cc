@@ -12,11 +12,19 @@
 // it when the frame has gone. A PUSH socket queues frames while its peer is not (yet)
 // listening, up to MTS_HWM; a send that finds no room waits up to MTS_SEND_TIMEOUT_MS and then
 // fails with EAGAIN. Frames still queued when the process exits are lost.
+//
+// Authentication (mts/auth.h). Every listening socket names an authentication domain, so
+// that the context's handler sees each connection: with keys configured the sockets use
+// CURVE and only this supervisor's and the peer's keys get in; every frame then carries the
+// handler's verdict, and one whose claims do not fit it is refused and logged with its
+// source. The socket directory and the socket files are the owner's alone (or its group's).
 #include <sys/eventfd.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <zmq.h>
 
 #include <cerrno>
+#include <cstring>
 #include <condition_variable>
 #include <filesystem>
 #include <map>
@@ -24,7 +32,10 @@
 #include <thread>
 #include <vector>
 
+#include "hadra_platform/log.h"
 #include "hadra_platform/mts.h"
+#include "log/log_internal.h"
+#include "mts/auth.h"
 #include "mts/core.h"
 #include "mts/transport.h"
 
@@ -49,18 +60,37 @@ void set_int(void* sock, int opt, long value) {
   zmq_setsockopt(sock, opt, &v, sizeof v);
 }
 
-// Directory of an ipc:// socket path, created so that bind can make the socket file.
-void make_ipc_dir(const std::string& url) {
-  static const std::string kIpc = "ipc://";
+const std::string kIpc = "ipc://";
+
+// Directory of an ipc:// socket path, created so that bind can make the socket file, and
+// closed to everyone but the owner (and the configured group): whoever can reach a socket
+// file can connect to it. Modes are set explicitly, whatever the umask.
+void make_ipc_dir(const std::string& url, const auth::Policy& p) {
   if (url.compare(0, kIpc.size(), kIpc) != 0) return;
   std::filesystem::path dir = std::filesystem::path(url.substr(kIpc.size())).parent_path();
   std::error_code ec;
-  if (!dir.empty()) std::filesystem::create_directories(dir, ec);
+  if (dir.empty()) return;
+  const bool made = std::filesystem::create_directories(dir, ec);
+  struct stat st;
+  if ((made || (::stat(dir.c_str(), &st) == 0 && st.st_uid == ::geteuid())) &&
+      ::chmod(dir.c_str(), p.gid >= 0 ? 0750 : 0700) == 0 && p.gid >= 0)
+    (void)!::chown(dir.c_str(), static_cast<uid_t>(-1), static_cast<gid_t>(p.gid));
 }
+
+void restrict_ipc_file(const std::string& url, const auth::Policy& p) {
+  if (url.compare(0, kIpc.size(), kIpc) != 0) return;
+  const std::string path = url.substr(kIpc.size());
+  if (::chmod(path.c_str(), p.gid >= 0 ? 0660 : 0600) == 0 && p.gid >= 0)
+    (void)!::chown(path.c_str(), static_cast<uid_t>(-1), static_cast<gid_t>(p.gid));
+}
+
+void set_key(void* sock, int opt, const std::string& z85) { zmq_setsockopt(sock, opt, z85.c_str(), z85.size() + 1); }
 
 class ZmqTransport final : public Transport {
  public:
-  explicit ZmqTransport(const Settings& s) : s_(s), ctx_(zmq_ctx_new()), wake_fd_(eventfd(0, EFD_CLOEXEC)) {}
+  explicit ZmqTransport(const Settings& s) : s_(s), ctx_(zmq_ctx_new()), wake_fd_(eventfd(0, EFD_CLOEXEC)) {
+    start_auth();
+  }
   ~ZmqTransport() override;
   const char* name() const override { return "zmq"; }
   int open_endpoint(uint32_t sap) override;
@@ -85,8 +115,13 @@ class ZmqTransport final : public Transport {
   void drain(void* sock);
   void* tx_socket(const Route& to);
   long send_bound(const Route& to) const;
+  void start_auth();
+  bool admit(zmq_msg_t* m);
 
   Settings s_;
+  auth::Policy policy_;
+  bool auth_ok_ = false;  // false: the keys are unusable; nothing is sent or received
+  auth::ZapHandler zap_;
   void* ctx_;
   int wake_fd_;
   std::thread io_;
@@ -115,6 +150,7 @@ ZmqTransport::~ZmqTransport() {
     set_int(sock, ZMQ_LINGER, linger_ms_);
     zmq_close(sock);
   }
+  zap_.stop();
   if (ctx_ != nullptr)
     while (zmq_ctx_term(ctx_) != 0 && zmq_errno() == EINTR) {
     }
@@ -138,11 +174,17 @@ void ZmqTransport::post(const Cmd& c) {
 
 int ZmqTransport::open_endpoint(uint32_t sap) {
   if (ctx_ == nullptr || wake_fd_ < 0) return fail_with(ENOTCONN);
+  if (!auth_ok_) return fail_with(EACCES);
   std::string url = expand_address(s_.local_tmpl, sap, s_.port_base);
   if (url.empty()) return fail_with(EADDRNOTAVAIL);
-  make_ipc_dir(url);
+  make_ipc_dir(url, policy_);
   void* sock = zmq_socket(ctx_, ZMQ_PULL);
   if (sock == nullptr) return fail_with(zmq_errno());
+  zmq_setsockopt(sock, ZMQ_ZAP_DOMAIN, "hadra", 5);
+  if (policy_.curve) {
+    set_int(sock, ZMQ_CURVE_SERVER, 1);
+    set_key(sock, ZMQ_CURVE_SECRETKEY, policy_.own_secret);
+  }
   set_int(sock, ZMQ_RCVHWM, s_.hwm);
   set_int(sock, ZMQ_LINGER, 0);
   int64_t max = static_cast<int64_t>(kWireHdrSize + MTS_PAYLOAD_MAX);
@@ -152,6 +194,7 @@ int ZmqTransport::open_endpoint(uint32_t sap) {
     zmq_close(sock);
     return fail_with(err);
   }
+  restrict_ipc_file(url, policy_);
   {
     std::lock_guard<std::mutex> lock(mu_);
     if (!io_.joinable()) io_ = std::thread([this] { io_loop(); });
@@ -200,6 +243,10 @@ void ZmqTransport::drain(void* sock) {
       release_msg(m);
       return;
     }
+    if (!admit(m)) {
+      release_msg(m);
+      continue;
+    }
     Frame f(static_cast<uint8_t*>(zmq_msg_data(m)), zmq_msg_size(m), m, &release_msg);
     deliver_frame(std::move(f), false);  // refusals are counted by the core
   }
@@ -243,6 +290,11 @@ void* ZmqTransport::tx_socket(const Route& to) {
     errno = zmq_errno();
     return nullptr;
   }
+  if (policy_.curve) {
+    set_key(sock, ZMQ_CURVE_SERVERKEY, to.peer ? policy_.peer_public : policy_.own_public);
+    set_key(sock, ZMQ_CURVE_PUBLICKEY, policy_.own_public);
+    set_key(sock, ZMQ_CURVE_SECRETKEY, policy_.own_secret);
+  }
   set_int(sock, ZMQ_SNDHWM, s_.hwm);
   set_int(sock, ZMQ_LINGER, 0);
   set_int(sock, ZMQ_SNDTIMEO, send_bound(to));
@@ -260,6 +312,10 @@ int ZmqTransport::transmit(const Route& to, Frame&& f, bool nonblock) {
   if (ctx_ == nullptr) {
     f.reset();
     return fail_with(ENOTCONN);
+  }
+  if (!auth_ok_) {
+    f.reset();
+    return fail_with(EACCES);
   }
   std::lock_guard<std::mutex> lock(tx_mu_);
   void* sock = tx_socket(to);
@@ -283,6 +339,47 @@ int ZmqTransport::transmit(const Route& to, Frame&& f, bool nonblock) {
     return fail_with(err);
   }
   return 0;
+}
+
+// The keys and the handler, before any socket listens.
+void ZmqTransport::start_auth() {
+  std::string why;
+  const bool loaded = auth::load_policy(&policy_, &why);
+  policy_.ipc = s_.local_tmpl.rfind(kIpc, 0) == 0;
+  if (!loaded) {
+    log::writef(PLAT_LOG_ERR, "MTS: %s; the transport neither listens nor sends", why.c_str());
+    return;
+  }
+  if (ctx_ != nullptr && zap_.start(ctx_, policy_) != 0) {
+    log::writef(PLAT_LOG_ERR, "MTS: the connection check could not start: %s; the transport neither listens nor sends",
+                std::strerror(errno));
+    return;
+  }
+  auth_ok_ = true;
+  if (!policy_.curve && s_.peer_tmpl.rfind("tcp://", 0) == 0)
+    log::writef(PLAT_LOG_WARNING, "MTS: the link to the peer (%s) is neither authenticated nor encrypted: set "
+                "MTS_KEY_FILE and MTS_PEER_KEY", s_.peer_tmpl.c_str());
+}
+
+// On the I/O thread: whether a received frame may go to the core. A malformed one still
+// does (the core counts it) after it is logged with its source; one whose claims do not fit
+// the connection it came on is refused here.
+bool ZmqTransport::admit(zmq_msg_t* m) {
+  const char* addr = zmq_msg_gets(m, "Peer-Address");
+  const std::string from = addr != nullptr ? addr : "";
+  const auto* p = static_cast<const uint8_t*>(zmq_msg_data(m));
+  const size_t size = zmq_msg_size(m);
+  WireHdr h;
+  if (!decode(p, size, MTS_PAYLOAD_MAX, &h)) {
+    auth::log_refusal("a malformed frame", from, auth::frame_fault(p, size, MTS_PAYLOAD_MAX));
+    return true;
+  }
+  const char* why = auth::refuse_claim(h, auth::source_of(zmq_msg_gets(m, "User-Id")), s_.slot);
+  if (why == nullptr) return true;
+  auth::log_refusal("a frame", from + " (node " + std::to_string(h.src_node) + " SAP " + std::to_string(h.src_sap) +
+                                   " to SAP " + std::to_string(h.dst_sap) + ")",
+                    why);
+  return false;
 }
 
 }  // namespace

@@ -107,6 +107,8 @@ void set_local_supstate(int state) noexcept {
   update([&](View& v) { v.supstate = state; });
 }
 
+int local_supstate() noexcept { return loaded().supstate; }
+
 }  // namespace hadra::plat::sysmgr
 
 extern "C" {

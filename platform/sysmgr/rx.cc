@@ -19,6 +19,11 @@
 // were missed, the applied table shows it to the daemon, nothing more is applied, and a gsync
 // is asked for. Gsync ready brings it back in step at the snapshot's point; a failed gsync
 // leaves it out of sync and the next message asks again.
+// Who may change a copy. A sync message is applied only on the standby and only when it came
+// from the peer supervisor (the transport vouches for that: with keys, by the peer's key) on
+// the stream of this very service (the same SAP there). Anything else is dropped and logged
+// with its source, a few lines a second with counts: a forged update sent to the active is
+// never applied there, so never forwarded either.
 //
 // The library is reached by name at run time (the platform never links against it): a
 // process that did not load it gets ENOSYS.
@@ -31,6 +36,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstring>
+#include <string>
 
 #include "common/call.h"
 #include "hadra_platform/config.h"
@@ -38,6 +44,7 @@
 #include "hadra_platform/log.h"
 #include "hadra_platform/sysmgr_client.h"
 #include "log/log_internal.h"
+#include "mts/auth.h"
 #include "mts/core.h"
 #include "sysmgr/client.h"
 #include "sysmgr/seqno_table.h"
@@ -261,6 +268,12 @@ void back_in_step(uint32_t epoch, uint64_t point) {
     log::writef(PLAT_LOG_NOTICE, "sysmgr: standby back in sync by gsync at HA number %llu",
                 static_cast<unsigned long long>(point));
   st = Step{true, epoch, point, 0, false};
+// Null when the sync message mi may change this service's copy; else why not.
+const char* sync_refusal(uint32_t sap, const mts::MsgInfo& mi) {
+  if (!mi.from_peer) return "a sync message not from the peer supervisor";
+  if (mi.h.src_sap != sap) return "a sync message from another service's stream";
+  if (local_supstate() != PLAT_SUP_STANDBY) return "a sync message while this supervisor is not the standby";
+  return nullptr;
 }
 
 // During a gsync: keep the message for later. Past the bound it is dropped and remembered.
@@ -421,6 +434,13 @@ int route(uint32_t sap, const mts_msg_ref& ref, mts_msg_ref* other) {
     if (mi.h.sync_event != MTS_SYNC_EVENT_UPDATE) {
       *other = ref;
       return SYSMGR_RX_OTHER;
+    }
+    if (const char* why = sync_refusal(sap, mi)) {
+      mts::auth::log_refusal("a sync message", "node " + std::to_string(mi.h.src_node) + " SAP " +
+                                                   std::to_string(mi.h.src_sap) + " to SAP " + std::to_string(sap),
+                             why);
+      (void)mts_drop(sap, &ref);
+      return SYSMGR_RX_SYNC;
     }
     if (state().gsync.pending) {
       hold(sap, ref);

@@ -14,6 +14,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <climits>
 #include <cstdint>
 #include <cstdio>
@@ -50,6 +51,34 @@ State& st() {
   return *s;
 }
 
+// The table's blocks, on disk before the file is mapped: a mapped page the disk cannot hold
+// kills the process with SIGBUS when it is first written (a full disk at the first sync
+// send). posix_fallocate; where the file system cannot, zeros written out. A table that gets
+// no blocks stays in memory (the fallback table), with a line that says why.
+bool allocate(int fd, const char* path) {
+  int rc = ::posix_fallocate(fd, 0, sizeof(SeqnoTable));
+  if (rc == EOPNOTSUPP || rc == EINVAL) {
+    static const SeqnoTable zeros{};
+    const auto* p = reinterpret_cast<const char*>(&zeros);
+    size_t left = sizeof zeros;
+    rc = 0;
+    while (left > 0) {
+      const ssize_t w = ::pwrite(fd, p + (sizeof zeros - left), left, static_cast<off_t>(sizeof zeros - left));
+      if (w < 0 && errno == EINTR) continue;
+      if (w <= 0) {
+        rc = w < 0 ? errno : EIO;
+        break;
+      }
+      left -= static_cast<size_t>(w);
+    }
+    if (rc == 0 && ::fsync(fd) != 0) rc = errno;
+  }
+  if (rc == 0) return true;
+  hadra::plat::log::writef(PLAT_LOG_ERR, "sysmgr: sequence-number table %s: %s; the table is kept in memory only",
+                           path, rc == ENOSPC ? "the disk is full" : std::strerror(rc));
+  return false;
+}
+
 SeqnoTable* map_locked(State& s) {
   char uri[64];
   std::snprintf(uri, sizeof uri, "sysmgr:/seqno-%d.tbl", static_cast<int>(::getpid()));
@@ -57,7 +86,7 @@ SeqnoTable* map_locked(State& s) {
   int fd = ::open(s.path, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
   if (fd < 0) return nullptr;
   void* m = MAP_FAILED;
-  if (::ftruncate(fd, sizeof(SeqnoTable)) == 0)
+  if (allocate(fd, s.path))
     m = ::mmap(nullptr, sizeof(SeqnoTable), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
   if (m == MAP_FAILED) {
     ::close(fd);

@@ -15,6 +15,8 @@ uint32_t local_uuid() noexcept;
 
 // Replace the supervisor state this process sees (the daemon's role, a switchover).
 void set_local_supstate(int state) noexcept;
+// This supervisor's state as sysmgr_supstate_get() gives it, without a trace record.
+int local_supstate() noexcept;
 
 // This process's own sequence-number reports per registry index 1..10 (index 0 unused; all
 // zero before the first report).

@@ -9,7 +9,10 @@
 // the way refused; the active's service killed in the middle of a gsync; a planned
 // switchover; the configuration write all or nothing.
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <sys/mman.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -369,9 +372,27 @@ class NetnsPair {
 TEST_F(DaemonPair, TwoHostsOverTcpInTheirOwnNetworkNamespaces) {
   NetnsPair hosts;
   if (!hosts.ok()) GTEST_SKIP() << "two-hosts variant skipped: " << hosts.why();
+  // The link between the hosts is authenticated and encrypted: each supervisor has a key pair
+  // made by the daemon, and knows the other's public key.
+  std::string pub[3];
+  for (int s = 1; s <= 2; ++s) {
+    const std::string file = base_.path() + "/sup" + std::to_string(s) + ".key";
+    FILE* p = ::popen((pk::sysmgrd_path() + " --keygen " + file).c_str(), "r");
+    ASSERT_NE(p, nullptr);
+    char line[128] = {};
+    const bool got = std::fgets(line, sizeof line, p) != nullptr;
+    ASSERT_EQ(::pclose(p), 0);
+    ASSERT_TRUE(got);
+    pub[s] = std::string(line).substr(0, 40);
+    struct stat st {};
+    ASSERT_EQ(::stat(file.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0600u);
+  }
   for (int s = 1; s <= 2; ++s) {
     net_[s] = {{"MTS_LOCAL", "tcp://" + hosts.address(s) + ":{port}"},
-               {"MTS_PEER", "tcp://" + hosts.address(3 - s) + ":{port}"}};
+               {"MTS_PEER", "tcp://" + hosts.address(3 - s) + ":{port}"},
+               {"MTS_KEY_FILE", base_.path() + "/sup" + std::to_string(s) + ".key"},
+               {"MTS_PEER_KEY", pub[3 - s]}};
     pk::use_netns(s, hosts.ns(s), net_[s]);
   }
   gsync_live_takeover(100);
@@ -398,6 +419,49 @@ void DaemonPair::shipment_fails(const char* fault, const char* reason) {
 }
 
 TEST_F(DaemonPair, AShipmentDamagedOnTheWayIsRefusedAndLeavesNoArea) { shipment_fails("corrupt", "checksum"); }
+
+// Damaged before its checksum was taken (4 KiB of zeros in the SDB snapshot): the checksum
+// matches, the store check does not, and the standby never takes the empty copy for its state.
+TEST_F(DaemonPair, ASnapshotDamagedAtItsSourceIsRefusedByName) { shipment_fails("zeros", "not a store file"); }
+
+// A standby whose disk is full: the gsync fails with the cause and the file, the standby stays
+// out of sync; once there is room again a new gsync converges. The standby's snapshot area is
+// a 1 MiB tmpfs in a private mount namespace (skipped where that cannot be made).
+TEST_F(DaemonPair, AStandbyWithAFullDiskStaysOutOfSyncThenConverges) {
+  const std::string snap = pk::root_of(base_.path(), 2) + "/snap";
+  if (::unshare(CLONE_NEWNS) != 0 || ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
+    GTEST_SKIP() << "no private mount namespace here (needs root)";
+  fs::create_directories(snap);
+  if (::mount("tmpfs", snap.c_str(), "tmpfs", 0, "size=1m") != 0) GTEST_SKIP() << "no tmpfs here";
+  struct Unmount {
+    std::string dir;
+    ~Unmount() { ::umount2(dir.c_str(), MNT_DETACH); }
+  } unmount{snap};
+  {
+    std::ofstream fill(snap + "/fill", std::ios::binary);
+    const std::string block(4096, 'f');
+    while (fill.write(block.data(), static_cast<std::streamsize>(block.size())) && fill.flush()) {
+    }
+  }
+  start_daemon(1, "active");
+  start_daemon(2, "standby", {{"GSYNC_TIMEOUT_MS", "5000"}});
+  start_service(1, "active", {50});
+  ASSERT_TRUE(wait_up(1));
+  start_service(2, "standby", {});
+  ASSERT_TRUE(wait_up(2));
+  json st, out;
+  ASSERT_TRUE(pk::wait_status(base_.path(), 2, [](const json& j) { return j["gsync"]["failed"] >= 1; }, kWaitMs, &st));
+  const std::string error = st["gsync"]["last_error"];
+  EXPECT_NE(error.find("No space left on device"), std::string::npos) << error;
+  EXPECT_EQ(st["gsync"]["done"], 0);
+  EXPECT_FALSE(all_in_state(2, HADRA_HA_STANDBY));
+  // Room again: the next gsync brings the standby in.
+  fs::remove(snap + "/fill");
+  ASSERT_EQ(pk::daemon_command(base_.path(), 2, "gsync", &out), 0) << out.dump();
+  ASSERT_TRUE(pk::wait_status(base_.path(), 2, [](const json& j) { return j["gsync"]["done"] >= 1; }, kWaitMs, &st))
+      << st.dump();
+  EXPECT_TRUE(wait_state(2, HADRA_HA_STANDBY));
+}
 
 TEST_F(DaemonPair, AShipmentWhoseManifestNeverComesTimesOut) { shipment_fails("stall", "manifest never arrived"); }
 

@@ -25,6 +25,16 @@
  *   PSS_SYNC, SDB_SYNC   1: sync for that store kind whatever DURABILITY says
  *   STORE_WRITEMAP 0: open stores without LMDB's writable map (slower commits; see
  *                 platform/common/lmdb_store.h); default 1
+ *   ROOT_GROUP    a group that shares the root: directories the platform makes under the
+ *                 root are 0750 and sockets 0660 with that group (default none: 0700 and 0600,
+ *                 set explicitly whatever the umask). For the directories, read from the
+ *                 environment only (the configuration file lives under the root).
+ *   MTS_KEY_FILE  this supervisor's key pair for the transport ("public = <z85>" and
+ *                 "secret = <z85>" lines; made by `hadra-sysmgrd --keygen <file>`, mode 0600);
+ *                 default none. When set, every socket of the ZeroMQ transport uses CURVE and
+ *                 admits only this key and the peer's; every process of the supervisor reads it.
+ *   MTS_PEER_KEY  the peer supervisor's public key (40 Z85 characters), or the path of a file
+ *                 with a "public = " line; required with MTS_KEY_FILE. See docs/security.md.
  * Services keep their own keys next to their contracts (mts.h, pss.h, sdb.h).
  *
  * Areas under the root: run/ and startup/ (configurations), snap/ (gsync snapshots), log/

@@ -56,7 +56,7 @@ HADRA_PLAT_API int sysmgr_client_detach(void) PLAT_NOEXCEPT;
 
 /* Results of sysmgr_client_next. */
 #define SYSMGR_RX_NONE 0  /* nothing arrived within the timeout */
-#define SYSMGR_RX_SYNC 1  /* a sync message was applied, held for a gsync, or already covered */
+#define SYSMGR_RX_SYNC 1  /* a sync message was applied, held for a gsync, already covered, or refused (logged) */
 #define SYSMGR_RX_EVENT 2 /* a system-manager message was handled */
 #define SYSMGR_RX_OTHER 3 /* *other names a message for the caller, who must mts_drop it */
 

@@ -62,6 +62,20 @@ TEST_F(LogTest, DefaultSinkIsTheFileUnderTheRoot) {
   EXPECT_EQ(l.text, "hello 42\n");
 }
 
+// A log file on a full disk (here /dev/full, which refuses every write with ENOSPC) must not
+// swallow the lines: they go to stderr, after one line naming the file and the cause.
+TEST_F(LogTest, ALogFileThatCannotBeWrittenFallsBackToStderr) {
+  use_sink("file:/dev/full");
+  testing::internal::CaptureStderr();
+  plat_syslog(PLAT_LOG_ERR, "first on a full disk");
+  plat_syslog(PLAT_LOG_ERR, "second on a full disk");
+  const std::string err = testing::internal::GetCapturedStderr();
+  EXPECT_NE(err.find("/dev/full cannot be written (No space left on device)"), std::string::npos) << err;
+  EXPECT_NE(err.find("first on a full disk"), std::string::npos) << err;
+  EXPECT_NE(err.find("second on a full disk"), std::string::npos) << err;
+  EXPECT_EQ(err.find("cannot be written"), err.rfind("cannot be written")) << "said once: " << err;
+}
+
 TEST_F(LogTest, SinkIsChosenByConfiguration) {
   std::string file = root() + "/custom.log";
   use_sink(("file:" + file).c_str());

@@ -61,6 +61,7 @@ class ReceiveLoopTest : public hadra::test::PlatformTest {
     cl::set_library(&kFake);
     ASSERT_EQ(mts_bind(kSap), 0);
     ASSERT_EQ(sysmgr_client_attach(kSap, "unit"), 0);  // the in-process system manager
+    plat_test_sysmgr_set_supstate(PLAT_SUP_STANDBY);    // sync messages are for a standby
   }
   void TearDown() override {
     cl::set_library(nullptr);
@@ -285,6 +286,35 @@ TEST_F(ReceiveLoopTest, EventsReachTheirCallbacksAndEverythingElseGoesBack) {
   EXPECT_EQ(seen_.calls, (std::vector<std::string>{"snapshot snap:/gsync-2", "cfg stage:/cfg-1", "marker", "done",
                                                    "switchover 1"}));
   EXPECT_EQ(next(), SYSMGR_RX_NONE);
+}
+
+TEST_F(ReceiveLoopTest, OnlyThePeersStreamChangesACopyAndOnlyOnAStandby) {
+  plat_test_log_capture(1);
+  const uint8_t payload[4] = {1, 0, 0, 0};
+  // A process of this supervisor, and another service's stream on the peer.
+  ASSERT_EQ(mts_test_deliver(kSap, kSap, 0, kSyncOpc, MTS_SYNC_EVENT_UPDATE, 0, 0, payload, sizeof payload), 0);
+  ASSERT_EQ(mts_test_deliver(kSap, kSap + 1, 1, kSyncOpc, MTS_SYNC_EVENT_UPDATE, 0, 0, payload, sizeof payload), 0);
+  // A forged update sent to the active: refused there, so never forwarded either.
+  for (int i = 0; i < 2; ++i) EXPECT_EQ(next(), SYSMGR_RX_SYNC);
+  plat_test_sysmgr_set_supstate(PLAT_SUP_ACTIVE);
+  from_peer(1);
+  EXPECT_EQ(next(), SYSMGR_RX_SYNC);
+  EXPECT_TRUE(seen_.dispatched.empty());
+  EXPECT_EQ(mts_test_held(kSap), 0u);
+  std::string all;
+  char line[512];
+  int level = 0;
+  for (size_t i = 0; i < plat_test_log_count(); ++i)
+    if (plat_test_log_get(i, &level, line, sizeof line) == 0) all += std::string(line) + "\n";
+  EXPECT_NE(all.find("not from the peer supervisor"), std::string::npos) << all;
+  EXPECT_NE(all.find("another service's stream"), std::string::npos) << all;
+  EXPECT_NE(all.find("not the standby"), std::string::npos) << all;
+  // On the standby again, the peer's own stream is applied.
+  plat_test_sysmgr_set_supstate(PLAT_SUP_STANDBY);
+  from_peer(2);
+  EXPECT_EQ(next(), SYSMGR_RX_SYNC);
+  EXPECT_EQ(seen_.dispatched, std::vector<uint64_t>{2});
+  plat_test_log_capture(0);
 }
 
 }  // namespace
