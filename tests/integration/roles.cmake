@@ -1,5 +1,8 @@
-# Role sources and fencing: the lease on one host (docs/roles.md).
+# Role sources and fencing (docs/roles.md): the lease on one host, keepalived on two hosts in
+# network namespaces, and the Pacemaker resource agent.
 hadra_e2e_test(roles_lease_test roles_lease_test.cc)
+hadra_e2e_test(roles_keepalived_test roles_keepalived_test.cc)
+target_compile_definitions(roles_keepalived_test PRIVATE HADRA_SOURCE_DIR="${PROJECT_SOURCE_DIR}")
 
 # The Pacemaker resource agent passes ocf-tester and returns a promotable clone's codes.
 add_test(NAME roles_ocf_agent_test
