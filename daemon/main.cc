@@ -96,7 +96,8 @@ int send_command(const std::string& root, const std::string& name, const std::st
 // keepalived's notify script and of the resource agent), then waits until the daemon's state
 // file shows that role. Written even when no daemon runs: one that starts later follows it.
 int set_role(const std::string& root, const std::string& role, int timeout_ms) {
-  const std::string source = plat_config_get("ROLE_SOURCE", "lease");
+  const std::string source =
+      plat_config_get("ROLE_SOURCE", std::string(plat_config_get("MTS_PEER", "")).starts_with("tcp:") ? "manual" : "lease");
   if (source == "lease") {
     std::fprintf(stderr, "hadra-sysmgrd: ROLE_SOURCE is lease on %s: the lease decides the role\n", root.c_str());
     return 1;
@@ -184,7 +185,10 @@ int main(int argc, char** argv) {
   o.switchover_timeout_ms = static_cast<int>(plat_config_get_long("SWITCHOVER_TIMEOUT_MS", 20000));
   o.cfg_timeout_ms = static_cast<int>(plat_config_get_long("CFG_TIMEOUT_MS", 10000));
   o.ship_fault = plat_config_get("FAULT_SHIP", "");
-  o.role_source = plat_config_get("ROLE_SOURCE", "lease");
+  // A lease decides only between daemons that reach the same file: the default on one host
+  // (the peer over ipc). Across hosts nothing elects itself unless told which source to follow.
+  const std::string peer = plat_config_get("MTS_PEER", "");
+  o.role_source = plat_config_get("ROLE_SOURCE", peer.starts_with("tcp:") ? "manual" : "lease");
   if (o.role_source != "lease" && o.role_source != "keepalived" && o.role_source != "pacemaker" &&
       o.role_source != "manual") {
     std::fprintf(stderr, "hadra-sysmgrd: ROLE_SOURCE %s: give lease, keepalived, pacemaker or manual\n",
