@@ -31,10 +31,10 @@
 #include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
-#include <sstream>
 #include <thread>
 
 #include "daemon.h"
+#include "role_parse.h"
 #include "hadra_platform/log.h"
 
 namespace hadra::sysmgrd {
@@ -94,9 +94,9 @@ std::vector<pid_t> hello_pids(const std::string& root) {
 
 std::string read_request(const std::string& path) {
   std::ifstream in(path);
-  std::string word;
-  in >> word;
-  return word;
+  char buf[64] = {};
+  in.read(buf, sizeof buf);
+  return role_parse::parse_request(std::string_view(buf, static_cast<size_t>(in.gcount())));
 }
 
 }  // namespace
@@ -126,11 +126,11 @@ bool Daemon::lease_try(std::string* why) {
   // The previous holder's record: "<pid> <root>". One that died leaves its services behind.
   char buf[4200] = {};
   const ssize_t n = ::pread(lease_fd_, buf, sizeof buf - 1, 0);
-  std::istringstream prev(std::string(buf, n > 0 ? static_cast<size_t>(n) : 0));
-  long old_pid = 0;
-  std::string old_root;
-  prev >> old_pid >> old_root;
-  if (!old_root.empty() && old_root != o_.root && old_pid > 0 && process_gone(static_cast<pid_t>(old_pid))) {
+  role_parse::LeaseRecord prev;
+  const bool known = role_parse::parse_lease(std::string_view(buf, n > 0 ? static_cast<size_t>(n) : 0), &prev);
+  const long old_pid = prev.pid;
+  const std::string& old_root = prev.root;
+  if (known && old_root != o_.root && process_gone(static_cast<pid_t>(old_pid))) {
     const std::vector<pid_t> pids = hello_pids(old_root);
     if (!pids.empty()) {
       plat_syslog(PLAT_LOG_WARNING, "sysmgrd: the lease's last holder (pid %ld, root %s) died; stopping its %zu "
@@ -146,7 +146,7 @@ bool Daemon::lease_try(std::string* why) {
       fenced_ += pids.size();
     }
   }
-  const std::string me = std::to_string(::getpid()) + " " + o_.root + "\n";
+  const std::string me = role_parse::format_lease(::getpid(), o_.root);
   if (::ftruncate(lease_fd_, 0) != 0 || ::pwrite(lease_fd_, me.data(), me.size(), 0) < 0)
     plat_syslog(PLAT_LOG_WARNING, "sysmgrd: cannot write the holder into %s: %s", o_.lease_file.c_str(),
                 std::strerror(errno));
