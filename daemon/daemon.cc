@@ -150,6 +150,7 @@ bool Daemon::start(std::string* why) {
   load_state();
   clean_leftovers();
   rediscover_clients();
+  if (!role_start(why)) return false;
   if (mts_bind(SYSMGR_SAP) != 0) return *why = "binding SAP " + std::to_string(SYSMGR_SAP) + ": " + std::strerror(errno), false;
   // Blocked in every thread (main blocks them before the transport's threads start): the
   // loop takes them from a descriptor.
@@ -357,6 +358,7 @@ void Daemon::rediscover_clients() {
 }
 
 void Daemon::check_clients() {
+  std::vector<uint32_t> died;
   for (auto it = clients_.begin(); it != clients_.end();) {
     if (it->second.pid == 0 || pid_alive(it->second.pid)) {
       ++it;
@@ -370,7 +372,9 @@ void Daemon::check_clients() {
     gsync_client_gone(uuid);
     switchover_finish_client(uuid, "died");
     it = clients_.erase(it);
+    died.push_back(uuid);
   }
+  for (uint32_t uuid : died) role_on_client_crash(uuid);
 }
 
 // ---- The peer --------------------------------------------------------------------------------
@@ -490,6 +494,7 @@ void Daemon::tick() {
     next_check_ns_ = now + kCheckMs * 1000000ull;
   }
   if (now >= next_hello_ns_) send_peer_hello();
+  role_tick(now);
   gsync_tick(now);
   switchover_tick(now);
   cfg_tick(now);
@@ -600,6 +605,7 @@ std::string Daemon::status_json() const {
     facts.push_back({{"uuid", uuid}, {"handshake_seen", f.handshake_seen}, {"swover_first_start", f.swover_first},
                      {"last_stop", f.last_stop}});
   j["restart_facts"] = facts;
+  role_status(&j);
   return j.dump();
 }
 

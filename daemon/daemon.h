@@ -45,6 +45,12 @@ struct Options {
   // FAULT_SHIP, for tests of the standby's checks: "corrupt" changes a byte of the first file
   // after its checksum was taken; "stall" never sends the manifest. Empty: none.
   std::string ship_fault;
+  // Role source (role.cc, docs/roles.md): ROLE_SOURCE lease | keepalived | pacemaker | manual.
+  std::string role_source = "lease";
+  std::string lease_file;       // LEASE_FILE: default <parent of root>/hadra-pair.lease
+  int lease_poll_ms = 100;      // LEASE_POLL_MS: how often a standby tries the lease
+  int fence_ms = 1000;          // FENCE_MS: SIGTERM to SIGKILL for services told to stop
+  bool failover_on_crash = true;  // CLIENT_CRASH = failover | stay (lease only)
 };
 
 struct Client {
@@ -169,9 +175,22 @@ class Daemon {
   void resync_tick(uint64_t now);
   nlohmann::json stream_json(uint32_t pid) const;
   std::string table_path(const char* kind, uint32_t pid) const;
+  // role.cc
+  bool role_start(std::string* why);
+  void role_tick(uint64_t now);
+  bool role_may_take(bool planned, std::string* why);
+  void role_step_down(const std::string& reason);
+  void role_on_client_crash(uint32_t uuid);
+  bool role_refuses_planned(std::string* why) const;
+  void fence_clients(const std::string& reason);
+  bool lease_try(std::string* why);
+  void lease_release();
+  void role_status(nlohmann::json* j) const;
 
   // switchover.cc
-  int takeover(bool planned, std::string* why);
+  // by_source: the role source made this supervisor active; the peer's last hello does not
+  // hold the takeover back (the source already decided).
+  int takeover(bool planned, std::string* why, bool by_source = false);
   int planned_switchover(std::string* why);
   void switchover_on_answer(const Client& c, const proto::Answer& a);
   void switchover_tick(uint64_t now);
@@ -204,6 +223,14 @@ class Daemon {
   uint64_t gsyncs_done_ = 0, gsyncs_failed_ = 0, switchovers_ = 0;
   std::string last_gsync_error_;
   std::map<uint32_t, ResyncWatch> resync_;  // by uuid
+  // role.cc
+  int lease_fd_ = -1;
+  bool lease_held_ = false;
+  uint64_t next_role_ns_ = 0;
+  uint64_t lease_holdoff_ns_ = 0;   // after giving the lease away: let the peer take it first
+  std::string role_request_;        // last request read from <root>/sysmgr/role-request
+  uint64_t fenced_ = 0;              // services stopped because this supervisor lost the role
+  std::string last_role_change_;
 };
 
 // Small file helpers (files.cc).

@@ -12,7 +12,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <chrono>
 #include <filesystem>
+#include <fstream>
+#include <thread>
 #include <nlohmann/json.hpp>
 
 #include "daemon.h"
@@ -125,6 +128,48 @@ int keygen(const std::string& path) {
   return 0;
 }
 
+// Asks the daemon of root for a role through its role request file (the interface of
+// keepalived's notify script and of the resource agent), then waits until the daemon's state
+// file shows that role. Written even when no daemon runs: one that starts later follows it.
+int set_role(const std::string& root, const std::string& role, int timeout_ms) {
+  const std::string source =
+      plat_config_get("ROLE_SOURCE", std::string(plat_config_get("MTS_PEER", "")).starts_with("tcp:") ? "manual" : "lease");
+  if (source == "lease") {
+    std::fprintf(stderr, "hadra-sysmgrd: ROLE_SOURCE is lease on %s: the lease decides the role\n", root.c_str());
+    return 1;
+  }
+  std::string why;
+  std::error_code ec;
+  std::filesystem::create_directories(sd::files::root_path(root, "sysmgr"), ec);
+  if (!sd::files::write_atomic(sd::files::root_path(root, "sysmgr/role-request"), role + "\n", &why)) {
+    std::fprintf(stderr, "hadra-sysmgrd: cannot ask for role %s: %s\n", role.c_str(), why.c_str());
+    return 1;
+  }
+  if (!daemon_running(root)) {
+    std::fprintf(stderr, "hadra-sysmgrd: role %s asked; no daemon runs on root %s yet\n", role.c_str(), root.c_str());
+    return 3;
+  }
+  const int want = role == "active" ? 1 : 2;
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
+  for (;;) {
+    std::ifstream in(sd::files::root_path(root, "sysmgr/state"));
+    const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    proto::StateFile sf;
+    if (proto::parse_state(text, &sf) && sf.role == want) return 0;
+    if (!daemon_running(root)) {
+      std::fprintf(stderr, "hadra-sysmgrd: the daemon on root %s stopped before taking role %s\n", root.c_str(),
+                   role.c_str());
+      return 3;
+    }
+    if (std::chrono::steady_clock::now() >= deadline) {
+      std::fprintf(stderr, "hadra-sysmgrd: the daemon on root %s did not take role %s within %d ms\n", root.c_str(),
+                   role.c_str(), timeout_ms);
+      return 1;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -134,12 +179,15 @@ int main(int argc, char** argv) {
       "environment, <root>/platform.conf, defaults). Example:\n"
       "  hadra-sysmgrd --root /var/lib/hadra/sup1 &\n"
       "  hadra-sysmgrd --root /var/lib/hadra/sup1 --command status"};
-  std::string root, command, arg;
+  std::string root, command, arg, role;
   std::string keyfile;
   int timeout_ms = 5000;
   app.add_option("--root", root, "supervisor root directory (configuration key ROOT)");
   app.add_option("--command", command, "send a command to the running daemon and print its JSON answer")
       ->check(CLI::IsMember({"status", "switchover", "takeover", "gsync", "config-save"}));
+  app.add_option("--set-role", role, "ask the daemon for a role (ROLE_SOURCE keepalived, pacemaker or manual); "
+                 "fault counts as standby")
+      ->check(CLI::IsMember({"active", "standby", "fault"}));
   app.add_option("--arg", arg, "argument of the command (gsync: a service uuid; default all)");
   app.add_option("--timeout", timeout_ms, "longest wait for a command's answer, ms")->check(CLI::Range(1, 600000));
   app.add_option("--keygen", keyfile,
@@ -166,6 +214,7 @@ int main(int argc, char** argv) {
     return 2;
   }
   if (!command.empty()) return send_command(root, command, arg, timeout_ms);
+  if (!role.empty()) return set_role(root, role, timeout_ms);
 
   // What the daemon makes under the root (tables, locks, gsync areas) is the owner's alone, or
   // its group's too with ROOT_GROUP, whatever umask it was started with; so is the root.
@@ -185,6 +234,31 @@ int main(int argc, char** argv) {
   o.switchover_timeout_ms = static_cast<int>(plat_config_get_long("SWITCHOVER_TIMEOUT_MS", 20000));
   o.cfg_timeout_ms = static_cast<int>(plat_config_get_long("CFG_TIMEOUT_MS", 10000));
   o.ship_fault = plat_config_get("FAULT_SHIP", "");
+  // A lease decides only between daemons that reach the same file: the default on one host
+  // (the peer over ipc). Across hosts nothing elects itself unless told which source to follow.
+  const std::string peer = plat_config_get("MTS_PEER", "");
+  o.role_source = plat_config_get("ROLE_SOURCE", peer.starts_with("tcp:") ? "manual" : "lease");
+  if (o.role_source != "lease" && o.role_source != "keepalived" && o.role_source != "pacemaker" &&
+      o.role_source != "manual") {
+    std::fprintf(stderr, "hadra-sysmgrd: ROLE_SOURCE %s: give lease, keepalived, pacemaker or manual\n",
+                 o.role_source.c_str());
+    return 2;
+  }
+  // Both daemons of a pair on one host reach their roots' common parent.
+  o.lease_file = plat_config_get("LEASE_FILE", "");
+  if (o.lease_file.empty()) o.lease_file = std::filesystem::path(root).parent_path().string() + "/hadra-pair.lease";
+  o.lease_poll_ms = static_cast<int>(plat_config_get_long("LEASE_POLL_MS", 100));
+  o.fence_ms = static_cast<int>(plat_config_get_long("FENCE_MS", 1000));
+  const std::string crash = plat_config_get("CLIENT_CRASH", "failover");
+  if (crash != "failover" && crash != "stay") {
+    std::fprintf(stderr, "hadra-sysmgrd: CLIENT_CRASH %s: give failover or stay\n", crash.c_str());
+    return 2;
+  }
+  o.failover_on_crash = crash == "failover";
+  if (o.lease_poll_ms < 1 || o.fence_ms < 0) {
+    std::fprintf(stderr, "hadra-sysmgrd: LEASE_POLL_MS must be at least 1 and FENCE_MS not negative\n");
+    return 2;
+  }
   if (o.slot != 1 && o.slot != 2) {
     std::fprintf(stderr, "hadra-sysmgrd: SLOT %d: give 1 or 2\n", o.slot);
     return 2;

@@ -9,9 +9,10 @@
 // and database, the numbers the old active last reported with what this supervisor
 // applied, and writes the loss report (log and status).
 //
-// A planned switchover is asked of the active: it takes the standby role and tells its peer
-// to take over. A takeover by command is refused while the peer is up and active, so the
-// pair never has two actives by command.
+// A planned switchover is asked of the active: it stops its own services (they come back as
+// standbys), takes the standby role, gives the lease up and tells its peer to take over. A
+// takeover by command is refused while the peer is up and active, so the pair never has two
+// actives by command; with a lease it also needs the lease (role.cc).
 //
 // Configuration write: every service copies its configuration files into a staging area;
 // only when all of them succeeded is the staging area synced and exchanged with the startup
@@ -82,12 +83,14 @@ void Daemon::loss_report() {
                 static_cast<unsigned long long>(total));
 }
 
-int Daemon::takeover(bool planned, std::string* why) {
+int Daemon::takeover(bool planned, std::string* why, bool by_source) {
   if (role_ == 1) return *why = "this supervisor is already active", EALREADY;
   if (swo_.running) return *why = "a switchover is already running", EBUSY;
-  if (!planned && peer_up() && peer_->role == 1)
+  if (!planned && !by_source && role_refuses_planned(why)) return EPERM;
+  if (!by_source && !planned && peer_up() && peer_->role == 1)
     return *why = "the peer (slot " + std::to_string(peer_->slot) + ") is up and active; use a planned switchover",
            EBUSY;
+  if (!role_may_take(planned, why)) return EBUSY;
   plat_syslog(PLAT_LOG_NOTICE, "sysmgrd: %s: slot %d becomes active", planned ? "planned switchover" : "takeover",
               o_.slot);
   for (auto it = incoming_.begin(); it != incoming_.end();) gsync_fail_incoming((it++)->first, ECANCELED, "switchover");
@@ -121,14 +124,21 @@ int Daemon::takeover(bool planned, std::string* why) {
 }
 
 int Daemon::planned_switchover(std::string* why) {
+  if (role_refuses_planned(why)) return EPERM;
   if (role_ != 1)
     return *why = "a planned switchover is asked of the active supervisor" +
                   (peer_ ? " (slot " + std::to_string(peer_->slot) + ")" : std::string()),
            EPERM;
   if (!peer_up() || peer_->role != 2) return *why = "no standby peer is up", EHOSTUNREACH;
-  set_role(2);  // the peer hears the new role, with the last numbers, before the request
+  // This supervisor's services stop writing before the peer's become active: the pair never
+  // has two writers. The peer hears the last numbers, as the active's, before the request.
+  fence_clients("planned switchover");
+  send_peer_hello();
+  set_role(2);
+  lease_release();
   if (!send_peer(proto::kTakeOver, encode(proto::TakeOver{next_xfer_++}))) {
-    set_role(1);
+    std::string busy;
+    if (o_.role_source != "lease" || lease_try(&busy)) set_role(1);
     return *why = "the request could not be sent to the peer", EHOSTUNREACH;
   }
   plat_syslog(PLAT_LOG_NOTICE, "sysmgrd: planned switchover: slot %d stepped down, the peer takes over", o_.slot);

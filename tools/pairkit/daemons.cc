@@ -35,6 +35,8 @@ pid_t exec_daemon(const std::string& base, int slot, const std::vector<std::stri
   setenv("HADRA_ROOT", root_of(base, slot).c_str(), 1);
   setenv("HADRA_SLOT", std::to_string(slot).c_str(), 1);
   setenv("HADRA_TRANSPORT", "zmq", 1);
+  // The kit drives roles by command unless a run asks for a role source.
+  setenv("HADRA_ROLE_SOURCE", "manual", 1);
   for (const auto& [k, v] : g_settings[slot]) setenv(("HADRA_" + k).c_str(), v.c_str(), 1);
   for (const auto& [k, v] : env) setenv(("HADRA_" + k).c_str(), v.c_str(), 1);
   if (out_fd >= 0) {
