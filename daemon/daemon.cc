@@ -215,7 +215,7 @@ void Daemon::on_message(const mts_msg_ref& ref) {
     on_peer_message(opcode, p, n);
   } else if (opcode == proto::kCommand) {
     on_command(ref, p, n);
-    keep = cfg_.command.has_value() && cfg_.command->gen == ref.gen;
+    keep = (cfg_.command.has_value() && cfg_.command->gen == ref.gen) || verify_keeps(ref);
   } else if (opcode == SYSMGR_OPC_HS_QUERY) {
     on_hs_query(ref, p, n);
   } else {
@@ -467,6 +467,7 @@ void Daemon::on_peer_message(uint32_t opcode, const void* p, uint32_t n) {
       return;
     }
     default:
+      if (verify_on_peer(opcode, p, n)) return;
       plat_syslog(PLAT_LOG_ERR, "sysmgrd: unexpected opcode 0x%x (%u bytes) from the peer; dropped", opcode, n);
   }
 }
@@ -493,6 +494,7 @@ void Daemon::tick() {
   gsync_tick(now);
   switchover_tick(now);
   cfg_tick(now);
+  verify_tick(now);
 }
 
 // ---- Commands --------------------------------------------------------------------------------
@@ -537,6 +539,10 @@ void Daemon::on_command(const mts_msg_ref& ref, const void* p, uint32_t n) {
     case proto::Cmd::kConfigSave:
       rc = cfg_save(ref, &why);
       if (rc == 0) return;  // answered when every service has written
+      break;
+    case proto::Cmd::kVerify:
+      rc = verify_start(ref, c.arg, &why);
+      if (rc == 0) return;  // answered when the comparison ends
       break;
   }
   nlohmann::json j = nlohmann::json::parse(status_json());
@@ -598,6 +604,7 @@ std::string Daemon::status_json() const {
     facts.push_back({{"uuid", uuid}, {"handshake_seen", f.handshake_seen}, {"swover_first_start", f.swover_first},
                      {"last_stop", f.last_stop}});
   j["restart_facts"] = facts;
+  status_more(&j);
   return j.dump();
 }
 

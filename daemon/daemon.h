@@ -19,10 +19,13 @@
 
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <optional>
 #include <set>
 #include <string>
 #include <vector>
+
+#include <nlohmann/json_fwd.hpp>
 
 #include "hadra_platform/mts.h"
 #include "sysmgr/proto.h"
@@ -102,6 +105,8 @@ struct CfgWrite {
   std::optional<mts_msg_ref> command;  // the command to answer when done
 };
 
+struct VerifyJob;  // verify.cc
+
 class Daemon {
  public:
   explicit Daemon(Options o);
@@ -166,6 +171,18 @@ class Daemon {
   void cfg_tick(uint64_t now);
   void cfg_finish();
 
+  // status_more.cc: what status adds for the operator's tool
+  void status_more(nlohmann::json* j) const;
+
+  // verify.cc
+  int verify_start(const mts_msg_ref& ref, const std::string& arg, std::string* why);
+  bool verify_keeps(const mts_msg_ref& ref) const;
+  bool verify_on_peer(uint32_t opcode, const void* p, uint32_t n);
+  void verify_advance();
+  void verify_finish(const std::string& failure);
+  void verify_tick(uint64_t now);
+  bool verify_apply_repair(const proto::Repair& r, std::string* why);
+
   Options o_;
   int lock_fd_ = -1;
   int signal_fd_ = -1;
@@ -187,6 +204,7 @@ class Daemon {
   bool loss_known_ = false;
   uint64_t gsyncs_done_ = 0, gsyncs_failed_ = 0, switchovers_ = 0;
   std::string last_gsync_error_;
+  std::shared_ptr<VerifyJob> verify_;
 };
 
 // Small file helpers (files.cc).
