@@ -495,6 +495,7 @@ void Daemon::tick() {
   switchover_tick(now);
   cfg_tick(now);
   verify_tick(now);
+  metrics_tick(now);
 }
 
 // ---- Commands --------------------------------------------------------------------------------

@@ -105,7 +105,8 @@ struct CfgWrite {
   std::optional<mts_msg_ref> command;  // the command to answer when done
 };
 
-struct VerifyJob;  // verify.cc
+struct VerifyJob;      // verify.cc
+struct MetricsServer;  // metrics.cc
 
 class Daemon {
  public:
@@ -174,6 +175,10 @@ class Daemon {
   // status_more.cc: what status adds for the operator's tool
   void status_more(nlohmann::json* j) const;
 
+  // metrics.cc
+  void metrics_tick(uint64_t now);
+  std::string metrics_text() const;
+
   // verify.cc
   int verify_start(const mts_msg_ref& ref, const std::string& arg, std::string* why);
   bool verify_keeps(const mts_msg_ref& ref) const;
@@ -205,6 +210,7 @@ class Daemon {
   uint64_t gsyncs_done_ = 0, gsyncs_failed_ = 0, switchovers_ = 0;
   std::string last_gsync_error_;
   std::shared_ptr<VerifyJob> verify_;
+  std::shared_ptr<MetricsServer> metrics_;
 };
 
 // Small file helpers (files.cc).

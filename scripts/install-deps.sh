@@ -12,6 +12,7 @@ packages=(
   doxygen dpkg-dev file lintian
   libsystemd-dev libxxhash-dev nlohmann-json3-dev libcli11-dev
   iproute2
+  libfmt-dev libmicrohttpd-dev
 )
 
 missing=()

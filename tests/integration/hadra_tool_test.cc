@@ -5,7 +5,10 @@
 // copies, verify finding exactly the records changed behind the library's back on the
 // standby and repairing exactly those, dump, gsync, switchover; then bad input.
 #include <gtest/gtest.h>
+#include <arpa/inet.h>
 #include <lmdb.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -16,6 +19,8 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <map>
+#include <regex>
 #include <set>
 #include <sstream>
 #include <string>
@@ -102,6 +107,59 @@ int run_service(pk::Signal* slow_writes, pk::Signal* stop) {
   return 0;
 }
 
+// A free loopback port for the metrics (the kernel's pick; given back at once).
+int free_port() {
+  const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in sa{};
+  sa.sin_family = AF_INET;
+  sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t len = sizeof sa;
+  int port = 0;
+  if (::bind(fd, reinterpret_cast<sockaddr*>(&sa), sizeof sa) == 0 &&
+      ::getsockname(fd, reinterpret_cast<sockaddr*>(&sa), &len) == 0)
+    port = ntohs(sa.sin_port);
+  ::close(fd);
+  return port;
+}
+
+// GET path from 127.0.0.1:port; the whole answer, headers included ("" when it failed).
+std::string http_get(int port, const std::string& path) {
+  const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+  timeval tv{5, 0};
+  setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+  sockaddr_in sa{};
+  sa.sin_family = AF_INET;
+  sa.sin_port = htons(static_cast<uint16_t>(port));
+  sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  std::string out;
+  if (::connect(fd, reinterpret_cast<sockaddr*>(&sa), sizeof sa) == 0) {
+    const std::string req = "GET " + path + " HTTP/1.0\r\nHost: localhost\r\n\r\n";
+    if (::send(fd, req.data(), req.size(), 0) == static_cast<ssize_t>(req.size())) {
+      char buf[4096];
+      ssize_t n;
+      while ((n = ::recv(fd, buf, sizeof buf, 0)) > 0) out.append(buf, static_cast<size_t>(n));
+    }
+  }
+  ::close(fd);
+  return out;
+}
+
+// The samples of a Prometheus text answer: "name{labels}" -> value. Every line must be a
+// comment or a well-formed sample; a malformed one fails the test.
+std::map<std::string, double> parse_metrics(const std::string& body) {
+  static const std::regex sample(R"(([a-zA-Z_:][a-zA-Z0-9_:]*(\{[^}]*\})?) (-?[0-9.eE+-]+))");
+  std::map<std::string, double> out;
+  std::istringstream in(body);
+  std::string line;
+  while (std::getline(in, line)) {
+    if (line.empty() || line[0] == '#') continue;
+    std::smatch m;
+    EXPECT_TRUE(std::regex_match(line, m, sample)) << line;
+    if (!m.empty()) out[m[1]] = std::stod(m[3]);
+  }
+  return out;
+}
+
 struct ToolRun {
   int exit = -1;
   std::string out, err;
@@ -153,7 +211,9 @@ class HadraTool : public ::testing::Test {
 
   void start_pair() {
     std::string why;
-    daemons_[1] = pk::start_daemon(base_.path(), 1, "active", {}, 10000, &why);
+    metrics_port_ = free_port();
+    daemons_[1] = pk::start_daemon(base_.path(), 1, "active", {{"METRICS_PORT", std::to_string(metrics_port_)}}, 10000,
+                                   &why);
     ASSERT_GT(daemons_[1], 0) << why;
     daemons_[2] = pk::start_daemon(base_.path(), 2, "standby", {}, 10000, &why);
     ASSERT_GT(daemons_[2], 0) << why;
@@ -196,6 +256,7 @@ class HadraTool : public ::testing::Test {
   }
 
   pk::BaseDir base_{"/tmp/hadra-tool-XXXXXX"};
+  int metrics_port_ = 0;
   pk::Signal writes_, stop_[3];
   pid_t daemons_[3] = {-1, -1, -1};
   pid_t services_[3] = {-1, -1, -1};
@@ -275,6 +336,25 @@ TEST_F(HadraTool, EverySubcommandAgainstALivePair) {
   EXPECT_EQ(v["differences"], 0) << v.dump();
   // Narrowed down: far fewer bytes than the stores hold.
   EXPECT_LT(v["bytes_received"].get<uint64_t>(), 20000u) << v.dump();
+
+  // Metrics, scraped over HTTP and parsed: the role, the link, per database the numbers.
+  std::map<std::string, double> m;
+  ASSERT_TRUE(wait_for([&] {
+    const std::string answer = http_get(metrics_port_, "/metrics");
+    const size_t body = answer.find("\r\n\r\n");
+    if (answer.rfind("HTTP/1.", 0) != 0 || body == std::string::npos) return false;
+    EXPECT_NE(answer.find("text/plain; version=0.0.4"), std::string::npos) << answer.substr(0, body);
+    m = parse_metrics(answer.substr(body + 4));
+    return m.count("hadra_peer_up{slot=\"1\"}") == 1;
+  }));
+  EXPECT_EQ(m["hadra_supervisor_role{slot=\"1\",role=\"active\"}"], 1);
+  EXPECT_EQ(m["hadra_peer_up{slot=\"1\"}"], 1);
+  const std::string db1 = "{slot=\"1\",service=\"tool-service\",db=\"1\"}";
+  EXPECT_EQ(m["hadra_db_sent_messages_total" + db1], kRecords + 100) << db1;
+  EXPECT_EQ(m["hadra_db_lag_messages" + db1], 0);
+  EXPECT_EQ(m["hadra_db_out_of_sync" + db1], 0);
+  EXPECT_EQ(m.count("hadra_gsyncs_total{slot=\"1\",result=\"done\"}"), 1u);
+  EXPECT_NE(http_get(metrics_port_, "/other").find("404"), std::string::npos);
 
   // dump: the records of one store, as text and JSON.
   const json d = tool_json(2, "dump " + stores[0]);
