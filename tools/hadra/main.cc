@@ -101,7 +101,8 @@ int cmd_verify(const Common& c, const std::string& service, const std::string& d
   longer.timeout_ms = c.timeout_ms + 2000;
   if (::isatty(STDERR_FILENO) != 0 && !c.json) std::fprintf(stderr, "verifying...\r");
   tool::Answer a = tool::send_command(c.root, proto::Cmd::kVerify, arg.dump(), longer.timeout_ms);
-  if (a.exit == 3 || !a.body.is_object()) return fail(a.error, a.exit == 0 ? 1 : a.exit);
+  // Refused before it began (no peer, a bad name): the reason alone.
+  if (a.exit == 3 || !a.body.is_object() || !a.body.contains("stores")) return fail(a.error, a.exit == 0 ? 1 : a.exit);
   if (c.json)
     std::printf("%s\n", a.body.dump(2).c_str());
   else
@@ -162,7 +163,25 @@ int main(int argc, char** argv) {
   dump->add_option("URI", uri, "the store's URI, <area>:/<path>")->required();
   dump->add_flag("--json", c.json, "records as JSON (keys and values as text or 0x-hex)");
 
-  CLI11_PARSE(app, argc, argv);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& e) {
+    if (e.get_exit_code() == 0) return app.exit(e);  // --help
+    // One line naming what was wrong: an unknown subcommand by its name.
+    for (int i = 1; i < argc; ++i) {
+      const std::string a = argv[i];
+      if (a == "--root" || a == "--timeout") {
+        ++i;
+        continue;
+      }
+      if (a.starts_with("-")) continue;
+      bool known = false;
+      for (const CLI::App* sub : app.get_subcommands({})) known = known || sub->get_name() == a;
+      if (!known) return fail("unknown subcommand " + a + " (see hadra --help)", 2);
+      break;
+    }
+    return fail(std::string(e.what()) + " (see hadra --help)", 2);
+  }
 
   if (!c.root.empty()) {
     std::error_code ec;

@@ -65,8 +65,9 @@ std::string status_table(const json& st, bool colour) {
       const Counts here = mine.at(id);
       const auto other = theirs.find(id);
       Counts sent = here, applied = here;
-      if (other != theirs.end()) (active ? applied : sent) = other->second;
-      const bool known = other != theirs.end() && up;
+      // A peer that reports nothing for a database has sent or applied nothing of it yet.
+      (active ? applied : sent) = other != theirs.end() ? other->second : Counts{};
+      const bool known = up;
       const int64_t lag = known ? static_cast<int64_t>(sent.sent) - static_cast<int64_t>(applied.applied) : 0;
       std::string state = !known ? paint(colour, "33", "no peer") : lag > 0 ? paint(colour, "33", "behind")
                                                                              : paint(colour, "32", "in sync");
