@@ -216,7 +216,7 @@ void Daemon::on_message(const mts_msg_ref& ref) {
     on_peer_message(opcode, p, n);
   } else if (opcode == proto::kCommand) {
     on_command(ref, p, n);
-    keep = cfg_.command.has_value() && cfg_.command->gen == ref.gen;
+    keep = (cfg_.command.has_value() && cfg_.command->gen == ref.gen) || verify_keeps(ref);
   } else if (opcode == SYSMGR_OPC_HS_QUERY) {
     on_hs_query(ref, p, n);
   } else {
@@ -471,6 +471,7 @@ void Daemon::on_peer_message(uint32_t opcode, const void* p, uint32_t n) {
       return;
     }
     default:
+      if (verify_on_peer(opcode, p, n)) return;
       plat_syslog(PLAT_LOG_ERR, "sysmgrd: unexpected opcode 0x%x (%u bytes) from the peer; dropped", opcode, n);
   }
 }
@@ -499,6 +500,8 @@ void Daemon::tick() {
   switchover_tick(now);
   cfg_tick(now);
   resync_tick(now);
+  verify_tick(now);
+  metrics_tick(now);
 }
 
 // ---- Commands --------------------------------------------------------------------------------
@@ -543,6 +546,10 @@ void Daemon::on_command(const mts_msg_ref& ref, const void* p, uint32_t n) {
     case proto::Cmd::kConfigSave:
       rc = cfg_save(ref, &why);
       if (rc == 0) return;  // answered when every service has written
+      break;
+    case proto::Cmd::kVerify:
+      rc = verify_start(ref, c.arg, &why);
+      if (rc == 0) return;  // answered when the comparison ends
       break;
   }
   nlohmann::json j = nlohmann::json::parse(status_json());
@@ -606,6 +613,7 @@ std::string Daemon::status_json() const {
                      {"last_stop", f.last_stop}});
   j["restart_facts"] = facts;
   role_status(&j);
+  status_more(&j);
   return j.dump();
 }
 

@@ -19,6 +19,7 @@
 
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <optional>
 #include <set>
 #include <string>
@@ -118,6 +119,8 @@ struct ResyncWatch {
   bool busy = false;         // a gsync of it was running at the last look
   uint64_t failures = 0;     // the daemon's failed gsyncs when that one started
 };
+struct VerifyJob;      // verify.cc
+struct MetricsServer;  // metrics.cc
 
 class Daemon {
  public:
@@ -201,6 +204,22 @@ class Daemon {
   void cfg_tick(uint64_t now);
   void cfg_finish();
 
+  // status_more.cc: what status adds for the operator's tool
+  void status_more(nlohmann::json* j) const;
+
+  // metrics.cc
+  void metrics_tick(uint64_t now);
+  std::string metrics_text() const;
+
+  // verify.cc
+  int verify_start(const mts_msg_ref& ref, const std::string& arg, std::string* why);
+  bool verify_keeps(const mts_msg_ref& ref) const;
+  bool verify_on_peer(uint32_t opcode, const void* p, uint32_t n);
+  void verify_advance();
+  void verify_finish(const std::string& failure);
+  void verify_tick(uint64_t now);
+  bool verify_apply_repair(const proto::Repair& r, std::string* why);
+
   Options o_;
   int lock_fd_ = -1;
   int signal_fd_ = -1;
@@ -231,6 +250,8 @@ class Daemon {
   std::string role_request_;        // last request read from <root>/sysmgr/role-request
   uint64_t fenced_ = 0;              // services stopped because this supervisor lost the role
   std::string last_role_change_;
+  std::shared_ptr<VerifyJob> verify_;
+  std::shared_ptr<MetricsServer> metrics_;
 };
 
 // Small file helpers (files.cc).

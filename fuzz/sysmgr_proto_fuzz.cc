@@ -4,7 +4,8 @@
 //
 //   0 hello   1 bye   2 gsync request   3 answer   4 welcome   5 event   6 peer hello
 //   7 peer gsync request   8 file piece   9 manifest   10 gsync failure   11 takeover
-//   12 command   13 command reply   14 state file
+//   12 command   13 command reply   14 state file   15 verify request   16 verify answer
+//   17 repair
 //
 // A decoder must refuse or accept without reading past its input; what it accepts must
 // encode and decode again to the same bytes (the state file: to the same text).
@@ -51,6 +52,7 @@ constexpr Decoder kDecoders[] = {
     round_trip<proto::Manifest>,  round_trip<proto::GsyncFail>,   round_trip<proto::TakeOver>,
     round_trip<proto::Command>,   round_trip<proto::CommandReply>, state_file,
     round_trip<proto::ResendGet>,
+    round_trip<proto::VerifyReq>, round_trip<proto::VerifyAns>,   round_trip<proto::Repair>,
 };
 
 std::string bytes(const std::vector<uint8_t>& v) { return std::string(v.begin(), v.end()); }
@@ -77,6 +79,15 @@ void make_seeds(const std::string& dir) {
   write_seed(dir, "command", 12, bytes(encode(proto::Command{proto::Cmd::kGsync, "0x5a1"})));
   write_seed(dir, "reply", 13, bytes(encode(proto::CommandReply{0, "{\"role\":\"active\"}"})));
   write_seed(dir, "state", 14, "role standby\nsvc 5a1 1 0 crash\nsvc 2 0 1 controlled\n");
+  write_seed(dir, "verify-request", 15,
+             bytes(encode(proto::VerifyReq{3, proto::kVerifyDigest, "run:/svc/routes", {{"", "k100"}, {"k100", ""}}})));
+  proto::VerifyAns va;
+  va.id = 3, va.records = 200, va.sums = {{100, 0x1234}, {100, 0x5678}};
+  va.entries = {{1, "k150", 0x9abc}};
+  write_seed(dir, "verify-answer", 16, bytes(encode(va)));
+  write_seed(dir, "repair", 17,
+             bytes(encode(proto::Repair{0x80000000u, "run:/svc/sessions",
+                                        {{"k1", 1, "value", std::string("\x01\0\0\0\x01\0\x02\0u1", 10)}, {"k2", 0, "", ""}}})));
 }
 
 }  // namespace

@@ -13,6 +13,7 @@ packages=(
   libsystemd-dev libxxhash-dev nlohmann-json3-dev libcli11-dev
   iproute2
   keepalived resource-agents libxml2-utils
+  libfmt-dev libmicrohttpd-dev
 )
 
 missing=()

@@ -300,8 +300,8 @@ struct TakeOver {
 
 // ---- Commands ---------------------------------------------------------------------------------
 
-enum class Cmd : uint8_t { kStatus = 1, kSwitchover = 2, kTakeover = 3, kGsync = 4, kConfigSave = 5 };
-constexpr bool valid_cmd(uint8_t c) { return c >= 1 && c <= 5; }
+enum class Cmd : uint8_t { kStatus = 1, kSwitchover = 2, kTakeover = 3, kGsync = 4, kConfigSave = 5, kVerify = 6 };
+constexpr bool valid_cmd(uint8_t c) { return c >= 1 && c <= 6; }
 
 struct Command {
   Cmd cmd = Cmd::kStatus;
@@ -602,6 +602,151 @@ inline bool parse_state(std::string_view text, StateFile* out) {
     }
   }
   return true;
+}
+
+// ---- Verify and repair (daemon <-> daemon) ----------------------------------------------------
+//
+// The daemon an operator asks compares its copy of a store with the peer's: it asks for
+// digests over key ranges (op 1) or for the keys and record digests of ranges (op 2), and may
+// then send the peer exactly the records that differ (REPAIR). The peer answers each with a
+// VERIFY_ANS of the same id. Command 6 (verify) carries its settings as a JSON object.
+
+constexpr uint32_t kVerifyReq = SYSMGR_SAP + 0x50;
+constexpr uint32_t kVerifyAns = SYSMGR_SAP + 0x51;
+constexpr uint32_t kRepair = SYSMGR_SAP + 0x52;
+
+constexpr size_t kMaxVerifyRanges = 4096;
+constexpr size_t kMaxVerifyEntries = 20000;
+constexpr size_t kMaxVerifyKey = 511;
+constexpr size_t kMaxRepairRecords = 1024;
+
+struct VerifyRange {
+  std::string lo;  // first key of the range; "" from the start
+  std::string hi;  // first key after it; "" to the end
+};
+
+enum : uint8_t { kVerifyDigest = 1, kVerifyList = 2 };
+
+struct VerifyReq {
+  uint32_t id = 0;
+  uint8_t op = kVerifyDigest;
+  std::string uri;
+  std::vector<VerifyRange> ranges;
+};
+
+struct VerifySum {
+  uint64_t count = 0;
+  uint64_t digest = 0;
+};
+
+struct VerifyEntry {
+  uint32_t range = 0;  // index in the request's ranges
+  std::string key;
+  uint64_t digest = 0;
+};
+
+struct VerifyAns {
+  uint32_t id = 0;
+  int32_t status = 0;  // 0, or an errno value with error naming the cause
+  std::string error;
+  uint64_t records = 0;           // records of the store on the answering side
+  std::vector<VerifySum> sums;    // op 1: one per range
+  std::vector<VerifyEntry> entries;  // op 2: in range and key order
+  uint8_t truncated = 0;          // op 2: more entries than one answer carries
+};
+
+struct RepairRecord {
+  std::string key;
+  uint8_t present = 1;  // 0: the record does not exist on the sender: delete it
+  std::string value;
+  std::string mkeys;    // MSDB: the secondary-key record as stored; "" for none
+};
+
+struct Repair {
+  uint32_t id = 0;
+  std::string uri;
+  std::vector<RepairRecord> records;
+};
+
+inline void put_bytes(Writer& w, const std::string& s) {
+  w.blob(std::span<const uint8_t>(reinterpret_cast<const uint8_t*>(s.data()), s.size()));
+}
+inline bool get_bytes(Reader& r, std::string* s) {
+  std::span<const uint8_t> d;
+  if (!r.blob(&d)) return false;
+  s->assign(reinterpret_cast<const char*>(d.data()), d.size());
+  return true;
+}
+inline bool get_key(Reader& r, std::string* s, bool may_be_empty) {
+  return r.str(s) && s->size() <= kMaxVerifyKey && (may_be_empty || !s->empty());
+}
+
+inline std::vector<uint8_t> encode(const VerifyReq& m) {
+  Writer w;
+  w.u32(m.id), w.u8(m.op), w.str(m.uri), w.u16(static_cast<uint16_t>(m.ranges.size()));
+  for (const VerifyRange& r : m.ranges) w.str(r.lo), w.str(r.hi);
+  return w.bytes();
+}
+inline bool decode(const void* p, size_t n, VerifyReq* m) {
+  Reader r(p, n);
+  uint16_t count;
+  if (!r.u32(&m->id) || !r.u8(&m->op) || (m->op != kVerifyDigest && m->op != kVerifyList) || !r.str(&m->uri) ||
+      m->uri.size() >= SYSMGR_URI_MAX || !r.u16(&count) || count > kMaxVerifyRanges)
+    return false;
+  m->ranges.assign(count, VerifyRange{});
+  for (VerifyRange& v : m->ranges)
+    if (!get_key(r, &v.lo, true) || !get_key(r, &v.hi, true)) return false;
+  return r.done();
+}
+
+inline std::vector<uint8_t> encode(const VerifyAns& m) {
+  Writer w;
+  w.u32(m.id), w.i32(m.status), w.str(m.error), w.u64(m.records), w.u16(static_cast<uint16_t>(m.sums.size()));
+  for (const VerifySum& s : m.sums) w.u64(s.count), w.u64(s.digest);
+  w.u32(static_cast<uint32_t>(m.entries.size()));
+  for (const VerifyEntry& e : m.entries) w.u32(e.range), w.str(e.key), w.u64(e.digest);
+  w.u8(m.truncated);
+  return w.bytes();
+}
+inline bool decode(const void* p, size_t n, VerifyAns* m) {
+  Reader r(p, n);
+  uint16_t sums;
+  uint32_t entries;
+  if (!r.u32(&m->id) || !r.i32(&m->status) || !r.str(&m->error) || !r.u64(&m->records) || !r.u16(&sums) ||
+      sums > kMaxVerifyRanges)
+    return false;
+  m->sums.assign(sums, VerifySum{});
+  for (VerifySum& s : m->sums)
+    if (!r.u64(&s.count) || !r.u64(&s.digest)) return false;
+  if (!r.u32(&entries) || entries > kMaxVerifyEntries) return false;
+  m->entries.assign(entries, VerifyEntry{});
+  for (VerifyEntry& e : m->entries)
+    if (!r.u32(&e.range) || e.range >= kMaxVerifyRanges || !get_key(r, &e.key, false) || !r.u64(&e.digest))
+      return false;
+  return r.u8(&m->truncated) && m->truncated <= 1 && r.done();
+}
+
+inline std::vector<uint8_t> encode(const Repair& m) {
+  Writer w;
+  w.u32(m.id), w.str(m.uri), w.u16(static_cast<uint16_t>(m.records.size()));
+  for (const RepairRecord& rec : m.records) {
+    w.str(rec.key), w.u8(rec.present);
+    put_bytes(w, rec.value), put_bytes(w, rec.mkeys);
+  }
+  return w.bytes();
+}
+inline bool decode(const void* p, size_t n, Repair* m) {
+  Reader r(p, n);
+  uint16_t count;
+  if (!r.u32(&m->id) || !r.str(&m->uri) || m->uri.size() >= SYSMGR_URI_MAX || !r.u16(&count) ||
+      count > kMaxRepairRecords)
+    return false;
+  m->records.assign(count, RepairRecord{});
+  for (RepairRecord& rec : m->records)
+    if (!get_key(r, &rec.key, false) || !r.u8(&rec.present) || rec.present > 1 || !get_bytes(r, &rec.value) ||
+        !get_bytes(r, &rec.mkeys))
+      return false;
+  return r.done();
 }
 
 }  // namespace hadra::plat::sysmgr::proto

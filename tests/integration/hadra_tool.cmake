@@ -1,0 +1,7 @@
+# The operator's tool (tools/hadra) run against a live pair of daemons and services.
+if(TARGET hadra)
+  hadra_e2e_test(hadra_tool_test hadra_tool_test.cc)
+  target_link_libraries(hadra_tool_test PRIVATE hadra_verify_core)
+  target_compile_definitions(hadra_tool_test PRIVATE HADRA_TOOL_PATH="$<TARGET_FILE:hadra>")
+  add_dependencies(hadra_tool_test hadra)
+endif()

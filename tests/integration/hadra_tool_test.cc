@@ -1,0 +1,408 @@
+// The operator's tool against a live pair: two daemons and a real service on each supervisor
+// (a PSS file and an SDB), the tool run as the operator runs it and its output checked.
+//
+// One pair serves the whole run, in order: status while the active writes, verify of equal
+// copies, verify finding exactly the records changed behind the library's back on the
+// standby and repairing exactly those, dump, gsync, switchover; then bad input.
+#include <gtest/gtest.h>
+#include <arpa/inet.h>
+#include <lmdb.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <regex>
+#include <set>
+#include <sstream>
+#include <string>
+#include <thread>
+
+#include "hadra/hadra.h"
+#include "hadra/sdb.h"
+#include "hadra_platform/mts.h"
+#include "hadra_platform/sysmgr_client.h"
+#include "pairkit/daemons.h"
+#include "pairkit/two_sup.h"
+#include "verify_core.h"
+
+namespace {
+
+namespace pk = hadra::pairkit;
+using nlohmann::json;
+
+constexpr uint32_t kSap = 3611;
+constexpr uint32_t kUuid = 0x7a1;
+constexpr int kWaitMs = 20000;
+constexpr int kRecords = 300;
+enum : uint8_t { kRoutes = 1, kPeers = 2 };
+
+struct Shared {
+  int up[3];
+  uint32_t state[3][3];
+  int writing[3];
+};
+Shared* g_shared = nullptr;
+int g_slot = 0;
+
+std::string key(int i) { return "k" + std::to_string(100000 + i); }
+
+bool write_one(int i, int gen) {
+  const std::string k = key(i), v = "value " + std::to_string(i) + " gen " + std::to_string(gen);
+  return hadra_pss_update(&hadra_ha_pss[kRoutes], k.data(), static_cast<uint32_t>(k.size()), v.data(),
+                          static_cast<uint32_t>(v.size())) == 1 &&
+         hadra_sdb_update(&hadra_ha_pss[kPeers], k.data(), static_cast<uint32_t>(k.size()), v.data(),
+                          static_cast<uint32_t>(v.size()), 1) == 1;
+}
+
+void on_switchover() {
+  hadra_ha_drop_active_msgs(kSap);
+  for (uint8_t i = 1; i <= 2; ++i) hadra_ha_set_db_active(&hadra_ha_pss[i]);
+  (void)hadra_ha_recovery_done(0);
+}
+
+// The service: the active writes kRecords records, then more, slowly, while `writes` runs.
+int run_service(pk::Signal* slow_writes, pk::Signal* stop) {
+  if (mts_bind(kSap) != 0) return 10;
+  (void)sysmgr_client_attach(kSap, "tool-service");
+  if (hadra_ha_register_pss(kRoutes, "routes") == nullptr ||
+      hadra_ha_register_sdb(kPeers, "peers", 6521, 6522) == nullptr)
+    return 11;
+  hadra_ha_handle_t rec{};
+  rec.uuid = kUuid;
+  rec.sap = kSap;
+  rec.opcode = 6520;
+  rec.switchover_cb = &on_switchover;
+  std::snprintf(rec.name, sizeof rec.name, "tool-service");
+  if (hadra_ha_api_init(&rec) != 1) return 12;
+  if (sysmgr_supstate_get() == 1)
+    for (int i = 0; i < kRecords; ++i)
+      if (!write_one(i, 0)) return 13;
+  g_shared->up[g_slot] = 1;
+  int next = kRecords, left = 0;
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(150);
+  while (std::chrono::steady_clock::now() < deadline) {
+    mts_msg_ref other;
+    const int kind = sysmgr_client_next(kSap, 10, &other);
+    if (kind == SYSMGR_RX_OTHER) mts_drop(kSap, &other);
+    if (kind < 0) return 14;
+    if (slow_writes != nullptr && slow_writes->wait(0)) left = 100;
+    if (left > 0) {
+      g_shared->writing[g_slot] = 1;
+      if (!write_one(next++, 1)) return 15;
+      if (--left == 0) g_shared->writing[g_slot] = 0;
+    }
+    for (uint8_t i = 1; i <= 2; ++i) g_shared->state[g_slot][i] = hadra_ha_pss[i].state;
+    if (stop != nullptr && stop->wait(0)) break;
+  }
+  (void)sysmgr_client_detach();
+  return 0;
+}
+
+// A free loopback port for the metrics (the kernel's pick; given back at once).
+int free_port() {
+  const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in sa{};
+  sa.sin_family = AF_INET;
+  sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t len = sizeof sa;
+  int port = 0;
+  if (::bind(fd, reinterpret_cast<sockaddr*>(&sa), sizeof sa) == 0 &&
+      ::getsockname(fd, reinterpret_cast<sockaddr*>(&sa), &len) == 0)
+    port = ntohs(sa.sin_port);
+  ::close(fd);
+  return port;
+}
+
+// GET path from 127.0.0.1:port; the whole answer, headers included ("" when it failed).
+std::string http_get(int port, const std::string& path) {
+  const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+  timeval tv{5, 0};
+  setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+  sockaddr_in sa{};
+  sa.sin_family = AF_INET;
+  sa.sin_port = htons(static_cast<uint16_t>(port));
+  sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  std::string out;
+  if (::connect(fd, reinterpret_cast<sockaddr*>(&sa), sizeof sa) == 0) {
+    const std::string req = "GET " + path + " HTTP/1.0\r\nHost: localhost\r\n\r\n";
+    if (::send(fd, req.data(), req.size(), 0) == static_cast<ssize_t>(req.size())) {
+      char buf[4096];
+      ssize_t n;
+      while ((n = ::recv(fd, buf, sizeof buf, 0)) > 0) out.append(buf, static_cast<size_t>(n));
+    }
+  }
+  ::close(fd);
+  return out;
+}
+
+// The samples of a Prometheus text answer: "name{labels}" -> value. Every line must be a
+// comment or a well-formed sample; a malformed one fails the test.
+std::map<std::string, double> parse_metrics(const std::string& body) {
+  static const std::regex sample(R"(([a-zA-Z_:][a-zA-Z0-9_:]*(\{[^}]*\})?) (-?[0-9.eE+-]+))");
+  std::map<std::string, double> out;
+  std::istringstream in(body);
+  std::string line;
+  while (std::getline(in, line)) {
+    if (line.empty() || line[0] == '#') continue;
+    std::smatch m;
+    EXPECT_TRUE(std::regex_match(line, m, sample)) << line;
+    if (!m.empty()) out[m[1]] = std::stod(m[3]);
+  }
+  return out;
+}
+
+struct ToolRun {
+  int exit = -1;
+  std::string out, err;
+};
+
+class HadraTool : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_FALSE(base_.path().empty());
+    void* page = mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    ASSERT_NE(page, MAP_FAILED);
+    g_shared = static_cast<Shared*>(page);
+  }
+  void TearDown() override {
+    for (pid_t& p : services_)
+      if (p > 0) kill(p, SIGKILL), waitpid(p, nullptr, 0);
+    for (pid_t& d : daemons_)
+      if (d > 0) pk::stop_daemon(d, 3000);
+    munmap(g_shared, sizeof(Shared));
+  }
+
+  // Runs the tool as the operator of slot does; bounded by its --timeout and by timeout(1).
+  ToolRun tool(int slot, const std::string& args, const char* stdin_from = "/dev/null") {
+    const std::string err = base_.path() + "/tool.err";
+    const std::string cmd = "HADRA_SLOT=" + std::to_string(slot) + " timeout 60 " + HADRA_TOOL_PATH + " --root " +
+                            pk::root_of(base_.path(), slot) + " " + args + " <" + stdin_from + " 2>" + err;
+    ToolRun r;
+    FILE* p = ::popen(cmd.c_str(), "r");
+    if (p == nullptr) return r;
+    std::array<char, 4096> buf;
+    size_t n;
+    while ((n = std::fread(buf.data(), 1, buf.size(), p)) > 0) r.out.append(buf.data(), n);
+    const int st = ::pclose(p);
+    r.exit = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
+    std::ifstream in(err);
+    std::stringstream ss;
+    ss << in.rdbuf();
+    r.err = ss.str();
+    return r;
+  }
+
+  json tool_json(int slot, const std::string& args, int want_exit = 0) {
+    const ToolRun r = tool(slot, args + " --json");
+    EXPECT_EQ(r.exit, want_exit) << args << ": " << r.err;
+    json j = json::parse(r.out, nullptr, false);
+    EXPECT_FALSE(j.is_discarded()) << r.out;
+    return j;
+  }
+
+  void start_pair() {
+    std::string why;
+    metrics_port_ = free_port();
+    daemons_[1] = pk::start_daemon(base_.path(), 1, "active", {{"METRICS_PORT", std::to_string(metrics_port_)}}, 10000,
+                                   &why);
+    ASSERT_GT(daemons_[1], 0) << why;
+    daemons_[2] = pk::start_daemon(base_.path(), 2, "standby", {}, 10000, &why);
+    ASSERT_GT(daemons_[2], 0) << why;
+    start_service(1, "active", &writes_, &stop_[1]);
+    ASSERT_TRUE(wait_for([] { return g_shared->up[1] != 0; }));
+    start_service(2, "standby", nullptr, &stop_[2]);
+    ASSERT_TRUE(wait_for([] { return g_shared->state[2][1] == HADRA_HA_STANDBY && g_shared->state[2][2] == HADRA_HA_STANDBY; }));
+  }
+
+  void start_service(int slot, const char* supstate, pk::Signal* writes, pk::Signal* stop) {
+    pk::Supervisor sup{base_.path(), slot, supstate, {{"UUID", std::to_string(kUuid)}, {"MTS_HWM", "5000"}}, true};
+    services_[slot] = pk::spawn(sup, [slot, writes, stop] {
+      g_slot = slot;
+      return run_service(writes, stop);
+    });
+    ASSERT_GT(services_[slot], 0);
+  }
+
+  template <class F>
+  bool wait_for(F pred, int ms = kWaitMs) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+    while (std::chrono::steady_clock::now() < deadline) {
+      if (pred()) return true;
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return pred();
+  }
+
+  // The standby applied everything the active sent, per the standby's daemon.
+  bool caught_up() {
+    return wait_for([&] {
+      const json st = tool_json(2, "status");
+      uint64_t sent = 0, applied = 0;
+      for (const json& s : st.value("peer_services", json::array()))
+        for (const json& d : s["databases"]) sent += d["sent"].get<uint64_t>();
+      for (const json& s : st.value("services", json::array()))
+        for (const json& d : s["databases"]) applied += d["applied"].get<uint64_t>();
+      return sent > 0 && sent == applied;
+    });
+  }
+
+  pk::BaseDir base_{"/tmp/hadra-tool-XXXXXX"};
+  int metrics_port_ = 0;
+  pk::Signal writes_, stop_[3];
+  pid_t daemons_[3] = {-1, -1, -1};
+  pid_t services_[3] = {-1, -1, -1};
+};
+
+// Changes records of the store at path directly, as a fault or a person would, behind the
+// library and the daemons: one rewritten, one deleted, one added.
+void tamper(const std::string& path, bool is_dir) {
+  MDB_env* env = nullptr;
+  ASSERT_EQ(mdb_env_create(&env), 0);
+  mdb_env_set_maxdbs(env, 8);
+  ASSERT_EQ(mdb_env_open(env, path.c_str(), is_dir ? 0 : MDB_NOSUBDIR, 0644), 0) << path;
+  MDB_txn* txn = nullptr;
+  ASSERT_EQ(mdb_txn_begin(env, nullptr, 0, &txn), 0);
+  MDB_dbi dbi;
+  ASSERT_EQ(mdb_dbi_open(txn, "records", 0, &dbi), 0);
+  std::string k1 = key(10), v1 = "changed behind its back", k2 = key(20), k3 = "zz-stray";
+  MDB_val a{k1.size(), k1.data()}, av{v1.size(), v1.data()}, b{k2.size(), k2.data()}, c{k3.size(), k3.data()};
+  EXPECT_EQ(mdb_put(txn, dbi, &a, &av, 0), 0);
+  EXPECT_EQ(mdb_del(txn, dbi, &b, nullptr), 0);
+  EXPECT_EQ(mdb_put(txn, dbi, &c, &av, 0), 0);
+  ASSERT_EQ(mdb_txn_commit(txn), 0);
+  mdb_env_close(env);
+}
+
+TEST_F(HadraTool, EverySubcommandAgainstALivePair) {
+  start_pair();
+  if (HasFatalFailure()) return;
+
+  // status while the active writes: a table with both supervisors and every database.
+  writes_.raise();
+  ASSERT_TRUE(wait_for([] { return g_shared->writing[1] != 0; }));
+  const ToolRun table = tool(1, "status");
+  ASSERT_EQ(table.exit, 0) << table.err;
+  EXPECT_NE(table.out.find("supervisor 1  active"), std::string::npos) << table.out;
+  EXPECT_NE(table.out.find("link up"), std::string::npos) << table.out;
+  EXPECT_EQ(table.out.find("\033["), std::string::npos) << "colour without a terminal";
+  EXPECT_EQ(table.out.find("no peer"), std::string::npos) << table.out;
+  size_t rows = 0;
+  for (size_t at = 0; (at = table.out.find("tool-service", at)) != std::string::npos; ++at) ++rows;
+  EXPECT_EQ(rows, 2u) << table.out;
+  const json st = tool_json(2, "status");
+  EXPECT_EQ(st["role"], "standby");
+  EXPECT_EQ(st["peer"]["role"], "active");
+  ASSERT_TRUE(wait_for([] { return g_shared->writing[1] == 0; }));
+  ASSERT_TRUE(caught_up());
+
+  // Equal copies: nothing to report, from either side.
+  json v = tool_json(1, "verify");
+  EXPECT_EQ(v["differences"], 0) << v.dump();
+  ASSERT_EQ(v["stores"].size(), 2u) << v.dump();
+  for (const json& s : v["stores"]) EXPECT_EQ(s["records"], kRecords + 100) << s.dump();
+  EXPECT_EQ(tool_json(2, "verify")["differences"], 0);
+
+  // Three records changed behind the library on the standby, in each store: exactly those.
+  const std::string root2 = pk::root_of(base_.path(), 2);
+  const std::vector<std::string> stores = hadra::sysmgrd::verify::list_stores(root2);
+  ASSERT_EQ(stores.size(), 2u);
+  for (const std::string& uri : stores) {
+    const std::string path = hadra::sysmgrd::verify::store_path(root2, uri);
+    tamper(path, std::filesystem::is_directory(path));
+  }
+  v = tool_json(1, "verify", 1);
+  EXPECT_EQ(v["differences"], 6) << v.dump();
+  for (const json& s : v["stores"]) {
+    std::set<std::string> seen;
+    for (const json& d : s["differences"]) seen.insert(d["key"].get<std::string>() + "/" + d["only_on"].get<std::string>());
+    EXPECT_EQ(seen, (std::set<std::string>{key(10) + "/", key(20) + "/active", "zz-stray/standby"})) << s.dump();
+  }
+  const ToolRun text = tool(1, "verify");
+  EXPECT_EQ(text.exit, 1);
+  EXPECT_NE(text.out.find("key " + key(20) + "  only on active"), std::string::npos) << text.out;
+  // Only the active repairs; then exactly those records are sent, and the copies agree.
+  EXPECT_EQ(tool(2, "verify --repair").exit, 1);
+  v = tool_json(1, "verify --repair");
+  for (const json& s : v["stores"]) EXPECT_EQ(s["repaired"], 3) << s.dump();
+  v = tool_json(1, "verify");
+  EXPECT_EQ(v["differences"], 0) << v.dump();
+  // Narrowed down: far fewer bytes than the stores hold.
+  EXPECT_LT(v["bytes_received"].get<uint64_t>(), 20000u) << v.dump();
+
+  // Metrics, scraped over HTTP and parsed: the role, the link, per database the numbers.
+  std::map<std::string, double> m;
+  ASSERT_TRUE(wait_for([&] {
+    const std::string answer = http_get(metrics_port_, "/metrics");
+    const size_t body = answer.find("\r\n\r\n");
+    if (answer.rfind("HTTP/1.", 0) != 0 || body == std::string::npos) return false;
+    EXPECT_NE(answer.find("text/plain; version=0.0.4"), std::string::npos) << answer.substr(0, body);
+    m = parse_metrics(answer.substr(body + 4));
+    return m.count("hadra_peer_up{slot=\"1\"}") == 1;
+  }));
+  EXPECT_EQ(m["hadra_supervisor_role{slot=\"1\",role=\"active\"}"], 1);
+  EXPECT_EQ(m["hadra_peer_up{slot=\"1\"}"], 1);
+  const std::string db1 = "{slot=\"1\",service=\"tool-service\",db=\"1\"}";
+  EXPECT_EQ(m["hadra_db_sent_messages_total" + db1], kRecords + 100) << db1;
+  EXPECT_EQ(m["hadra_db_lag_messages" + db1], 0);
+  EXPECT_EQ(m["hadra_db_out_of_sync" + db1], 0);
+  EXPECT_EQ(m.count("hadra_gsyncs_total{slot=\"1\",result=\"done\"}"), 1u);
+  EXPECT_NE(http_get(metrics_port_, "/other").find("404"), std::string::npos);
+
+  // dump: the records of one store, as text and JSON.
+  const json d = tool_json(2, "dump " + stores[0]);
+  EXPECT_EQ(d["records"].size(), static_cast<size_t>(kRecords + 100));
+  EXPECT_EQ(d["records"][0]["key"], key(0));
+  EXPECT_EQ(tool(2, "dump " + stores[0]).out.find(key(0) + " = value 0 gen 0"), 0u);
+
+  // gsync on the standby rebuilds it from the active.
+  const json before = tool_json(2, "status");
+  EXPECT_EQ(tool(2, "gsync tool-service").exit, 0);
+  ASSERT_TRUE(wait_for([&] { return tool_json(2, "status")["gsync"]["done"] > before["gsync"]["done"]; }));
+  EXPECT_EQ(tool(1, "gsync").exit, 1);  // not on the active
+
+  // switchover: confirmation needed without a terminal, then done with --yes.
+  const ToolRun refused = tool(1, "switchover");
+  EXPECT_EQ(refused.exit, 2);
+  EXPECT_NE(refused.err.find("--yes"), std::string::npos) << refused.err;
+  ASSERT_EQ(tool(1, "switchover --yes").exit, 0);
+  EXPECT_TRUE(wait_for([&] { return tool_json(2, "status")["role"] == "active"; }));
+}
+
+TEST_F(HadraTool, BadInputGivesOneLineAndANonZeroExit) {
+  // No daemon on the root: one line, exit 3, no hang.
+  ToolRun r = tool(1, "status");
+  EXPECT_EQ(r.exit, 3);
+  EXPECT_NE(r.err.find("no hadra-sysmgrd runs on root"), std::string::npos) << r.err;
+  EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
+  r = tool(1, "frobnicate");
+  EXPECT_EQ(r.exit, 2);
+  EXPECT_EQ(r.err, "hadra: unknown subcommand frobnicate (see hadra --help)\n");
+  EXPECT_NE(tool(1, "dump nonsense").exit, 0);
+  r = tool(1, "dump run:/no/such/store");
+  EXPECT_EQ(r.exit, 1);
+  EXPECT_NE(r.err.find("run/no/such/store"), std::string::npos) << r.err;
+
+  std::string why;
+  daemons_[1] = pk::start_daemon(base_.path(), 1, "active", {}, 10000, &why);
+  ASSERT_GT(daemons_[1], 0) << why;
+  // A peer that is gone: verify says so at once.
+  r = tool(1, "verify");
+  EXPECT_EQ(r.exit, 1);
+  EXPECT_EQ(r.err, "hadra: the peer is down: nothing to compare with\n");
+  EXPECT_EQ(r.out, "");
+  r = tool(1, "gsync nosuch");
+  EXPECT_EQ(r.exit, 1);
+  EXPECT_NE(r.err.find("no service nosuch"), std::string::npos) << r.err;
+  EXPECT_NE(tool(1, "status --help").out.find("hadra status --watch"), std::string::npos);
+}
+
+}  // namespace
