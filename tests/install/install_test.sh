@@ -28,9 +28,13 @@ for lib in hadra_sysmgr hadra_platform; do
   [ "$soname" = "lib$lib.so.0" ] || fail "lib$lib.so has soname '$soname', not lib$lib.so.0"
   [ -e "$libdir/$soname" ] || fail "$libdir/$soname missing"
 done
-objdump -T "$libdir/libhadra_sysmgr.so" | grep -q 'HADRA_1\.0 *hadra_ha_register_pss$' ||
+# Each listing is read whole before it is searched: grep -q stops at the first match, and
+# the tool writing into the closed pipe would fail the pipeline (pipefail) on a large library.
+symbols=$(objdump -T "$libdir/libhadra_sysmgr.so")
+grep -q 'HADRA_1\.0 *hadra_ha_register_pss$' <<<"$symbols" ||
   fail "libhadra_sysmgr.so lost its symbol version HADRA_1.0"
-readelf -d "$libdir/libhadra_sysmgr.so" | grep -qE 'R(UN)?PATH' && fail "installed library keeps a build RPATH"
+dynamic=$(readelf -d "$libdir/libhadra_sysmgr.so")
+grep -qE 'R(UN)?PATH' <<<"$dynamic" && fail "installed library keeps a build RPATH"
 
 # Headers: both public trees, each header found in the source, nothing of the testing interface.
 src="$(cd "$here/../.." && pwd)"
