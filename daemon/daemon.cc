@@ -137,7 +137,14 @@ bool Daemon::start(std::string* why) {
   const std::string lock = files::root_path(o_.root, "sysmgr/daemon.lock");
   lock_fd_ = ::open(lock.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
   if (lock_fd_ < 0) return *why = lock + ": " + std::strerror(errno), false;
-  if (::flock(lock_fd_, LOCK_EX | LOCK_NB) != 0) {
+  // Commands and probes take a shared lock for an instant to see whether a daemon runs: one
+  // caught at that instant is not another daemon, so the lock is tried for up to 250 ms.
+  int lock_rc = ::flock(lock_fd_, LOCK_EX | LOCK_NB);
+  for (int i = 0; i < 50 && lock_rc != 0 && errno == EWOULDBLOCK; ++i) {
+    ::usleep(5000);
+    lock_rc = ::flock(lock_fd_, LOCK_EX | LOCK_NB);
+  }
+  if (lock_rc != 0) {
     char pid[32] = {};
     (void)!::pread(lock_fd_, pid, sizeof pid - 1, 0);
     *why = "another hadra-sysmgrd (pid " + std::string(pid[0] != '\0' ? pid : "?") + ") already runs on root " +

@@ -27,7 +27,8 @@ out=$(ocf-tester -n hadra-test -o root="$tmp/sup1" -o binary="$daemon" -o role_t
 rc=$?
 echo "$out"
 if [ $rc -ne 0 ] || ! echo "$out" | grep -q "passed all tests"; then
-	echo "FAIL: ocf-tester (exit $rc)"
+	echo "FAIL: ocf-tester (exit $rc); the daemon's output:"
+	cat "$tmp/sup1/sysmgr/daemon.out" 2>/dev/null
 	exit 1
 fi
 
