@@ -70,6 +70,7 @@ void make_seeds(const std::string& dir) {
   h.slot = 1, h.role = 1, h.boot_id = 42;
   h.services.push_back({0x5a1, "pair-sample", {{1, 600, 200, 0, 0}, {2, 602, 200, 0, 0}}});
   write_seed(dir, "peer-hello", 6, bytes(encode(h)));
+  write_seed(dir, "resend-get", 15, bytes(encode(proto::ResendGet{0x1234, 601})));
   const uint8_t data[] = {1, 2, 3, 4};
   write_seed(dir, "file-piece", 8, bytes(encode(proto::FileData{7, "peers/data.mdb", 0, data})));
   proto::Manifest m;

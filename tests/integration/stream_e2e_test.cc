@@ -46,14 +46,14 @@ struct Shared {
 };
 Shared* g_shared = nullptr;
 
-struct Spec {
+struct ServicePlan {
   int slot = 1;
   int slow_us = 0;  // the standby pauses this long after each sync message
 };
 
 // The service: attach, initialise; when go is raised (active) make kChanges changes at once;
 // run the receive loop until stop.
-int run_service(const Spec& spec, pk::Signal* go, pk::Signal* stop) {
+int run_service(const ServicePlan& plan, pk::Signal* go, pk::Signal* stop) {
   if (mts_bind(kSap) != 0) return 10;
   (void)sysmgr_client_attach(kSap, "stream-service");
   if (hadra_ha_register_pss(kRoutes, "routes") == nullptr) return 11;
@@ -63,14 +63,14 @@ int run_service(const Spec& spec, pk::Signal* go, pk::Signal* stop) {
   rec.opcode = kSyncOpc;
   std::snprintf(rec.name, sizeof rec.name, "stream-service");
   if (hadra_ha_api_init(&rec) != 1) return 12;
-  g_shared->up[spec.slot] = 1;
+  g_shared->up[plan.slot] = 1;
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(150);
   while (std::chrono::steady_clock::now() < deadline) {
     mts_msg_ref other;
     const int kind = sysmgr_client_next(kSap, 20, &other);
     if (kind == SYSMGR_RX_OTHER) mts_drop(kSap, &other);
     if (kind < 0) return 14;
-    if (kind == SYSMGR_RX_SYNC && spec.slow_us != 0) std::this_thread::sleep_for(std::chrono::microseconds(spec.slow_us));
+    if (kind == SYSMGR_RX_SYNC && plan.slow_us != 0) std::this_thread::sleep_for(std::chrono::microseconds(plan.slow_us));
     if (go != nullptr && go->wait(0)) {
       for (int i = 0; i < kChanges; ++i) {
         const std::string k = "k" + std::to_string(i % 2000), v = "value " + std::to_string(i);
@@ -78,9 +78,9 @@ int run_service(const Spec& spec, pk::Signal* go, pk::Signal* stop) {
                              static_cast<uint32_t>(v.size())) != 1)
           return 15;
       }
-      g_shared->written[spec.slot] = kChanges;
+      g_shared->written[plan.slot] = kChanges;
     }
-    g_shared->state[spec.slot] = hadra_ha_pss[kRoutes].state;
+    g_shared->state[plan.slot] = hadra_ha_pss[kRoutes].state;
     if (stop != nullptr && stop->wait(0)) break;
   }
   (void)sysmgr_client_detach();
@@ -121,12 +121,12 @@ class StreamPair : public ::testing::Test {
     munmap(g_shared, sizeof(Shared));
   }
 
-  void start_service(int slot, Spec spec, pk::Signal* go, pk::Signal* stop,
+  void start_service(int slot, ServicePlan plan, pk::Signal* go, pk::Signal* stop,
                      std::vector<std::pair<std::string, std::string>> extra = {}) {
-    spec.slot = slot;
+    plan.slot = slot;
     extra.emplace_back("UUID", std::to_string(kUuid));
     pk::Supervisor sup{base_.path(), slot, slot == 1 ? "active" : "standby", extra, true};
-    services_[slot] = pk::spawn(sup, [spec, go, stop] { return run_service(spec, go, stop); });
+    services_[slot] = pk::spawn(sup, [plan, go, stop] { return run_service(plan, go, stop); });
     ASSERT_GT(services_[slot], 0);
   }
 
