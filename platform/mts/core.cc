@@ -454,6 +454,22 @@ void report_open_breaks(Endpoint& ep) {
                   std::strerror(ts.err));
 }
 
+// Errors that say the peer is absent, slow or gone rather than that this side is at fault.
+bool peer_side_error(int err) {
+  switch (err) {
+    case EAGAIN:
+    case ETIMEDOUT:
+    case ECONNREFUSED:
+    case EHOSTUNREACH:
+    case ENOTCONN:
+    case ECONNRESET:
+    case EPIPE:
+      return true;
+    default:
+      return false;
+  }
+}
+
 // With the endpoint's send mutex held: number the frame, keep a reference, hand it over.
 int send_ordered(Global& s, Endpoint& ep, Transport* tp, const Outgoing& o, WireHdr& h, Frame&& f,
                  mts_msg_ref* out_ref, long keep) {
@@ -468,12 +484,15 @@ int send_ordered(Global& s, Endpoint& ep, Transport* tp, const Outgoing& o, Wire
   if (ts != nullptr) keep_in_backlog(*ts, f, keep);
   if (route_frame(s, tp, how, h, std::move(f)) != 0) {
     int err = errno;
-    if (ts != nullptr && !bounded && keep > 0 && !ts->backlog.empty() &&
+    // Only the peer's side can make a bounded send a missed change; a fault of this
+    // supervisor's own (unusable keys, a frame too large) fails the call as before.
+    const bool missed = bounded && peer_side_error(err);
+    if (ts != nullptr && !missed && keep > 0 && !ts->backlog.empty() &&
         get_le(ts->backlog.back().data() + 24, 8) == h.ha_seqno) {
       ts->backlog_bytes -= ts->backlog.back().size();  // its number is given back: so is its place
       ts->backlog.pop_back();
     }
-    if (bounded) {
+    if (missed) {
       ts->st.last = h.ha_seqno;  // the hole stays visible to the standby
       note_missed(s, ep, *ts, err);
       return 0;

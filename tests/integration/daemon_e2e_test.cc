@@ -106,7 +106,7 @@ bool write_records(int from, int to, int gen) {
 
 // The service: attach, initialise, write when active, then run the receive loop until told to
 // stop. live: raised by the test to make further changes (records .. 2*records, deletes).
-int run_service(const ServiceSpec& spec, pk::Signal* live, pk::Signal* stop) {
+int run_service(const ServiceSpec& svc, pk::Signal* live, pk::Signal* stop) {
   if (mts_bind(kSap) != 0) return 10;
   g_shared->attach_rc[g_slot] = sysmgr_client_attach(kSap, "e2e-service");
   if (hadra_ha_register_pss(kRoutes, "routes") == nullptr ||
@@ -117,11 +117,11 @@ int run_service(const ServiceSpec& spec, pk::Signal* live, pk::Signal* stop) {
   rec.uuid = kUuid;
   rec.sap = kSap;
   rec.opcode = kSyncOpc;
-  rec.switchover_cb = spec.stall_switchover ? &stalled_switchover : &on_switchover;
-  if (spec.stall_snapshot) rec.gsync_snapshot_cb = &stall_snapshot;
+  rec.switchover_cb = svc.stall_switchover ? &stalled_switchover : &on_switchover;
+  if (svc.stall_snapshot) rec.gsync_snapshot_cb = &stall_snapshot;
   std::snprintf(rec.name, sizeof rec.name, "e2e-service");
   if (hadra_ha_api_init(&rec) != 1) return 12;
-  if (sysmgr_supstate_get() == 1 && !write_records(0, spec.records, 0)) return 13;
+  if (sysmgr_supstate_get() == 1 && !write_records(0, svc.records, 0)) return 13;
   g_shared->start_reason[g_slot] = hadra_get_start_reason();
   publish();
   g_shared->up[g_slot] = 1;
@@ -132,8 +132,8 @@ int run_service(const ServiceSpec& spec, pk::Signal* live, pk::Signal* stop) {
     if (kind == SYSMGR_RX_OTHER) mts_drop(kSap, &other);
     if (kind < 0) return 14;
     if (live != nullptr && live->wait(0)) {
-      if (!write_records(spec.records, 2 * spec.records, 1) || !write_records(0, spec.records / 2, 2)) return 15;
-      for (int i = 0; i < spec.records; i += 5) {
+      if (!write_records(svc.records, 2 * svc.records, 1) || !write_records(0, svc.records / 2, 2)) return 15;
+      for (int i = 0; i < svc.records; i += 5) {
         const std::string k = key(i);
         if (hadra_pss_delete(&hadra_ha_pss[kRoutes], k.data(), static_cast<uint32_t>(k.size())) != 1) return 16;
       }
@@ -188,13 +188,13 @@ class DaemonPair : public ::testing::Test {
     ASSERT_GT(daemons_[slot], 0) << why;
   }
 
-  void start_service(int slot, const char* supstate, ServiceSpec spec, pk::Signal* live = nullptr,
+  void start_service(int slot, const char* supstate, ServiceSpec svc, pk::Signal* live = nullptr,
                      pk::Signal* stop = nullptr) {
     pk::Supervisor sup{base_.path(), slot, supstate, {{"UUID", std::to_string(kUuid)}, {"MTS_HWM", "5000"}}, true};
     sup.extra.insert(sup.extra.end(), net_[slot].begin(), net_[slot].end());
-    services_[slot] = pk::spawn(sup, [slot, spec, live, stop] {
+    services_[slot] = pk::spawn(sup, [slot, svc, live, stop] {
       g_slot = slot;
-      return run_service(spec, live, stop);
+      return run_service(svc, live, stop);
     });
     ASSERT_GT(services_[slot], 0);
   }
@@ -205,6 +205,20 @@ class DaemonPair : public ::testing::Test {
       if (g_shared->up[slot] != 0) return true;
       if (waitpid(services_[slot], nullptr, WNOHANG) == services_[slot]) return services_[slot] = -1, false;
       std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return false;
+  }
+
+  // True once the daemon of slot lists the service process of that slot: its hello arrived, so
+  // the daemon will notice how the process ends.
+  bool wait_listed(int slot) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kWaitMs);
+    while (std::chrono::steady_clock::now() < deadline) {
+      json out;
+      if (pk::daemon_command(base_.path(), slot, "status", &out) == 0)
+        for (const auto& sv : out["services"])
+          if (sv.value("pid", 0) == services_[slot]) return true;
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
     return false;
   }
@@ -551,6 +565,8 @@ TEST_F(DaemonPair, StartReasonsFollowHowTheServiceLastStopped) {
     pk::Signal stop;
     start_service(1, "active", {1}, nullptr, &stop);
     EXPECT_TRUE(wait_up(1));
+    // A kill before the daemon saw the service's hello would look like no start at all.
+    EXPECT_TRUE(wait_listed(1));
     if (crash) {
       kill(services_[1], SIGKILL), waitpid(services_[1], nullptr, 0);
     } else {

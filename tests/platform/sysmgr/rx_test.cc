@@ -147,6 +147,12 @@ hadra::plat::sysmgr::SeqnoTable applied_table(const std::string& root) {
   return t;
 }
 
+// A sync stream is only taken from the same service on the peer: frames made by another
+// endpoint of this process are relabelled as coming from kSap there.
+void as_same_service(std::vector<uint8_t>& frame) {
+  for (int i = 0; i < 4; ++i) frame[12 + i] = static_cast<uint8_t>(kSap >> (8 * i));
+}
+
 // A dropped, a duplicated and a reordered sync message (frames played to the endpoint as the
 // faulty link would hand them over): each stops the applying at once, marks the copy out of
 // sync for the daemon and asks for one gsync; gsync ready brings it back in step.
@@ -176,6 +182,7 @@ TEST_F(ReceiveLoopTest, AMissingRepeatedOrReorderedMessageStopsApplyingUntilAGsy
       ASSERT_EQ(mts_send(src, MTS_ADDR_PEER, kSap, kSyncOpc, payload, 4, nullptr, 0, nullptr), 0);
       std::vector<uint8_t> f(static_cast<size_t>(mts_test_peer_read(nullptr, 0, 0)));
       mts_test_peer_read(f.data(), f.size(), 1);
+      as_same_service(f);
       frames.push_back(f);
     }
     const unsigned asked = plat_test_sysmgr_gsync_requests();
@@ -203,6 +210,7 @@ TEST_F(ReceiveLoopTest, AMissingRepeatedOrReorderedMessageStopsApplyingUntilAGsy
     EXPECT_EQ(next(), SYSMGR_RX_EVENT);
     std::vector<uint8_t> f6(static_cast<size_t>(mts_test_peer_read(nullptr, 0, 0)));
     mts_test_peer_read(f6.data(), f6.size(), 1);
+    as_same_service(f6);
     ASSERT_EQ(mts_test_feed(f6.data(), f6.size()), 0);
     EXPECT_EQ(next(), SYSMGR_RX_SYNC);
     EXPECT_EQ(seen_.dispatched.back(), 6u);
@@ -212,16 +220,31 @@ TEST_F(ReceiveLoopTest, AMissingRepeatedOrReorderedMessageStopsApplyingUntilAGsy
   }
 }
 
-// Moves every frame the loopback kept for the peer to its endpoint in this process.
+constexpr uint32_t kActive = 0x3700;
+
+// Moves every frame the loopback kept for the peer to its endpoint in this process. A sync
+// stream is only taken from the same service on the peer, so kActive's frames are relabelled
+// as kSap's, and what the standby sends back to "kSap on the peer" is handed to kActive.
 void forward_all() {
-  while (mts_test_peer_count() != 0) (void)mts_test_peer_forward(1);
+  while (mts_test_peer_count() != 0) {
+    std::vector<uint8_t> f(static_cast<size_t>(mts_test_peer_read(nullptr, 0, 0)));
+    mts_test_peer_read(f.data(), f.size(), 1);
+    auto put = [&](size_t at, uint32_t v) {
+      for (int i = 0; i < 4; ++i) f[at + i] = static_cast<uint8_t>(v >> (8 * i));
+    };
+    const uint32_t src = static_cast<uint32_t>(f[12] | f[13] << 8 | f[14] << 16 | static_cast<uint32_t>(f[15]) << 24);
+    if (src == kActive)
+      put(12, kSap);
+    else
+      put(16, kActive);
+    (void)mts_test_feed(f.data(), f.size());
+  }
 }
 
 // One process plays both sides: endpoint kActive sends the stream to kSap (the standby). A
 // lost frame is asked for again and comes from the active's backlog: back in step without a
 // gsync, each change applied once and in order.
 TEST_F(ReceiveLoopTest, AHoleTheActiveStillHoldsIsFilledByAResendWithoutAGsync) {
-  constexpr uint32_t kActive = 0x3700;
   ASSERT_EQ(mts_bind(kActive), 0);
   plat_test_log_capture(1);
   const uint8_t payload[4] = {1, 0, 0, 0};
@@ -231,6 +254,7 @@ TEST_F(ReceiveLoopTest, AHoleTheActiveStillHoldsIsFilledByAResendWithoutAGsync) 
   while (mts_test_peer_count() != 0) {
     std::vector<uint8_t> f(static_cast<size_t>(mts_test_peer_read(nullptr, 0, 0)));
     mts_test_peer_read(f.data(), f.size(), 1);
+    as_same_service(f);
     frames.push_back(f);
   }
   for (int n : {1, 2, 4}) ASSERT_EQ(mts_test_feed(frames[n - 1].data(), frames[n - 1].size()), 0);  // 3 lost
