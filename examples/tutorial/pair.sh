@@ -36,7 +36,7 @@ fail() {
 daemon() {
   local slot=$1 root="$base/sup$1"
   mkdir -p "$root"
-  printf 'SLOT = %s\nSUPSTATE = %s\nTRANSPORT = zmq\n' "$slot" "$2" >"$root/platform.conf"
+  printf 'SLOT = %s\nSUPSTATE = %s\nTRANSPORT = zmq\nROLE_SOURCE = manual\n' "$slot" "$2" >"$root/platform.conf"
   "$sysmgrd" --root "$root" >"$base/daemon$slot.log" 2>&1 &
   pids+=($!)
   daemon_pid[$slot]=$!

@@ -268,6 +268,8 @@ void back_in_step(uint32_t epoch, uint64_t point) {
     log::writef(PLAT_LOG_NOTICE, "sysmgr: standby back in sync by gsync at HA number %llu",
                 static_cast<unsigned long long>(point));
   st = Step{true, epoch, point, 0, false};
+}
+
 // Null when the sync message mi may change this service's copy; else why not.
 const char* sync_refusal(uint32_t sap, const mts::MsgInfo& mi) {
   if (!mi.from_peer) return "a sync message not from the peer supervisor";
