@@ -52,6 +52,9 @@ namespace {
 
 constexpr uint32_t kRepairIdBase = 0x80000000u;  // repair answers, apart from verify answers
 constexpr size_t kRepairBatch = 256;
+// A batch ends once it holds this many bytes, so that it fits one transport message; a single
+// record larger than a message cannot be repaired this way and fails with the send.
+constexpr size_t kRepairBytes = 512 * 1024;
 
 std::string hex64(uint64_t v) {
   char t[20];
@@ -143,7 +146,8 @@ void Daemon::verify_advance() {
       r.id = kRepairIdBase + static_cast<uint32_t>(j.repair_sent);
       r.uri = s.uri;
       const auto& diffs = s.verifier->differences();
-      for (size_t i = j.repair_sent; i < diffs.size() && r.records.size() < kRepairBatch; ++i) {
+      size_t bytes = 0;
+      for (size_t i = j.repair_sent; i < diffs.size() && r.records.size() < kRepairBatch && bytes < kRepairBytes; ++i) {
         proto::RepairRecord rec;
         rec.key = diffs[i].key;
         rec.present = 0;
@@ -152,6 +156,7 @@ void Daemon::verify_advance() {
           if (k == rec.key) rec.present = 1, rec.value = v, rec.mkeys = mk;
           return false;
         });
+        bytes += rec.key.size() + rec.value.size() + rec.mkeys.size();
         r.records.push_back(std::move(rec));
       }
       j.repair_sent += r.records.size();

@@ -65,6 +65,8 @@ uint64_t record_digest(std::string_view value, std::string_view mkeys);
 // request; the answer's entries stop at kMaxListEntries (truncated set).
 proto::VerifyAns answer_request(const StoreView& view, const proto::VerifyReq& req);
 constexpr size_t kMaxListEntries = 20000;
+// Bytes of keys in one request or answer: well inside a transport message (MTS_PAYLOAD_MAX).
+constexpr size_t kMaxKeyBytes = 640 * 1024;
 
 struct Difference {
   std::string key;
