@@ -154,6 +154,32 @@ proto::VerifyAns answer_request(const StoreView& view, const proto::VerifyReq& r
   return a;
 }
 
+proto::VerifyReq point_request(uint32_t id, const std::string& uri, const std::vector<Difference>& diffs) {
+  proto::VerifyReq r;
+  r.id = id;
+  r.op = proto::kVerifyList;
+  r.uri = uri;
+  // [key, key + NUL) holds exactly key: nothing sorts between a key and its extension by NUL.
+  for (const Difference& d : diffs) r.ranges.push_back({d.key, d.key + std::string(1, '\0')});
+  return r;
+}
+
+std::vector<Difference> recheck(const StoreView& fresh, const std::vector<Difference>& diffs,
+                                const proto::VerifyAns& peer) {
+  std::vector<Difference> out;
+  for (size_t i = 0; i < diffs.size(); ++i) {
+    Difference d{diffs[i].key, false, false, 0, 0};
+    fresh.walk(d.key, "", [&](std::string_view k, std::string_view v, std::string_view mk) {
+      if (k == d.key) d.local = true, d.local_digest = record_digest(v, mk);
+      return false;
+    });
+    for (const proto::VerifyEntry& e : peer.entries)
+      if (e.range == i && e.key == d.key) d.peer = true, d.peer_digest = e.digest;
+    if (d.local != d.peer || d.local_digest != d.peer_digest) out.push_back(std::move(d));
+  }
+  return out;
+}
+
 Verifier::Verifier(const StoreView& local, std::string uri, Settings s)
     : local_(local), uri_(std::move(uri)), s_(s) {
   local_count_ = local_.count();

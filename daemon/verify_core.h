@@ -74,6 +74,14 @@ struct Difference {
   uint64_t local_digest = 0, peer_digest = 0;
 };
 
+// Online, a record written while a comparison ran may differ only because the standby had not
+// applied it yet when it was read. A second look settles it: a request for exactly the keys
+// found (point ranges), answered from the peer's fresh view, and recheck() against a fresh
+// view of this side keeps those that still differ, with their current digests.
+proto::VerifyReq point_request(uint32_t id, const std::string& uri, const std::vector<Difference>& diffs);
+std::vector<Difference> recheck(const StoreView& fresh, const std::vector<Difference>& diffs,
+                                const proto::VerifyAns& peer);
+
 class Verifier {
  public:
   struct Settings {

@@ -116,6 +116,30 @@ TEST_F(VerifyCore, BinaryAndPrefixKeysAndSecondaryKeysAloneDiffering) {
                        {bin, "local"}, {"k1000", "peer"}, {"k100250", "both"}, {"k100300", "both"}}));
 }
 
+TEST_F(VerifyCore, TheSecondLookKeepsOnlyWhatStillDiffers) {
+  Records a = numbered(50), b = a;
+  b.erase("k100007");               // not applied yet when first compared
+  b["k100009"] = "stale";           // a real difference
+  const std::string pa = store("a", a), pb = store("b", b);
+  std::string why;
+  auto va = vc::StoreView::open(pa, &why);
+  auto vb = vc::StoreView::open(pb, &why);
+  ASSERT_TRUE(va && vb) << why;
+  const std::vector<vc::Difference> first = {{"k100007", true, false, 1, 0}, {"k100009", true, true, 1, 2},
+                                             {"k1000", false, true, 0, 3}};
+  vb.reset();
+  b["k100007"] = a["k100007"];      // the standby caught up meanwhile
+  store("b", b);
+  vb = vc::StoreView::open(pb, &why);
+  const proto::VerifyAns ans = vc::answer_request(*vb, vc::point_request(9, "run:/x", first));
+  const std::vector<vc::Difference> left = vc::recheck(*va, first, ans);
+  ASSERT_EQ(left.size(), 1u);
+  EXPECT_EQ(left[0].key, "k100009");
+  EXPECT_TRUE(left[0].local && left[0].peer);
+  EXPECT_EQ(left[0].local_digest, vc::record_digest("v9", ""));
+  EXPECT_EQ(left[0].peer_digest, vc::record_digest("stale", ""));
+}
+
 TEST_F(VerifyCore, AStoreNoProcessOpenedIsNotReadUnchecked) {
   const std::string path = store("shipped", numbered(3));
   std::filesystem::remove(path + "/lock.mdb");
