@@ -72,7 +72,7 @@ void family(std::string& out, const char* name, const char* type, const char* he
 
 void sample(std::string& out, const char* name, const std::string& labels, double v) {
   char num[40];
-  std::snprintf(num, sizeof num, "%.17g", v);
+  std::snprintf(num, sizeof num, "%.15g", v);
   out += std::string(name) + (labels.empty() ? "" : "{" + labels + "}") + " " + num + "\n";
 }
 

@@ -32,6 +32,9 @@ struct VerifyStore {
   std::unique_ptr<vc::Verifier> verifier;
   std::string error;
   size_t repaired = 0;
+  std::vector<vc::Difference> diffs;  // found, then as the second look left them
+  bool confirm_sent = false;
+  bool confirmed = false;             // the differences are final
 };
 
 struct VerifyJob {
@@ -45,13 +48,21 @@ struct VerifyJob {
   size_t repair_sent = 0;      // records of the current store sent for repair
   bool repairing = false;
   bool begun = false;           // the first request went out
+  uint64_t confirm_at_ns = 0;   // when the second look at the current store's differences goes out
   uint64_t bytes_sent = 0, bytes_received = 0;
 };
 
 namespace {
 
-constexpr uint32_t kRepairIdBase = 0x80000000u;  // repair answers, apart from verify answers
+constexpr uint32_t kConfirmIdBase = 0x40000000u;  // answers to the second look
+constexpr uint32_t kRepairIdBase = 0x80000000u;   // repair answers, apart from verify answers
+// The second look waits this long, so that what the active wrote while the comparison ran has
+// reached the standby.
+constexpr uint64_t kConfirmDelayNs = 300000000ull;
 constexpr size_t kRepairBatch = 256;
+// A batch ends once it holds this many bytes, so that it fits one transport message; a single
+// record larger than a message cannot be repaired this way and fails with the send.
+constexpr size_t kRepairBytes = 512 * 1024;
 
 std::string hex64(uint64_t v) {
   char t[20];
@@ -99,7 +110,8 @@ int Daemon::verify_start(const mts_msg_ref& ref, const std::string& arg, std::st
     if (!db.empty() && uri != db && fs::path(uri.substr(uri.find(":/") + 2)).filename() != db &&
         !fs::path(uri).filename().string().ends_with("_" + db))
       continue;
-    job->stores.push_back(VerifyStore{uri, nullptr, nullptr, "", 0});
+    job->stores.emplace_back();
+    job->stores.back().uri = uri;
   }
   if (job->stores.empty())
     return *why = db.empty() ? "no store to verify" : "no database " + db + (service.empty() ? "" : " of " + service),
@@ -125,25 +137,50 @@ void Daemon::verify_advance() {
       s.view = vc::StoreView::open(store_path(o_.root, s.uri), &s.error);
       if (s.view) s.verifier = std::make_unique<vc::Verifier>(*s.view, s.uri);
     }
-    if (s.error.empty() && !j.repairing) {
+    if (s.error.empty() && !j.repairing && !s.confirmed) {
       proto::VerifyReq req;
-      if (s.verifier->next(&req)) {
+      if (!s.confirm_sent && s.verifier->next(&req)) {
         j.wait_id = req.id;
         const std::vector<uint8_t> pl = encode(req);
         j.bytes_sent += pl.size();
         if (send_peer(proto::kVerifyReq, pl, true)) return;
         s.error = "request to the peer not sent";
-      } else if (j.repair && !s.verifier->differences().empty()) {
+      } else if (!s.confirm_sent) {
+        s.diffs = s.verifier->differences();
+        size_t key_bytes = 0;
+        for (const vc::Difference& d : s.diffs) key_bytes += 2 * d.key.size() + 1;
+        if (s.diffs.empty() || s.diffs.size() > proto::kMaxVerifyRanges || key_bytes > vc::kMaxKeyBytes) {
+          s.confirmed = true;  // nothing to look at again, or too much for one look
+        } else if (j.confirm_at_ns == 0) {
+          j.confirm_at_ns = now_ns() + kConfirmDelayNs;
+          return;  // the tick sends it
+        } else if (now_ns() >= j.confirm_at_ns) {
+          j.confirm_at_ns = 0;
+          s.confirm_sent = true;
+          req = vc::point_request(kConfirmIdBase + static_cast<uint32_t>(j.current), s.uri, s.diffs);
+          j.wait_id = req.id;
+          const std::vector<uint8_t> pl = encode(req);
+          j.bytes_sent += pl.size();
+          if (send_peer(proto::kVerifyReq, pl, true)) return;
+          s.error = "request to the peer not sent";
+        } else {
+          return;
+        }
+      } else {
+        return;  // the second look's answer is awaited
+      }
+      if (s.error.empty() && s.confirmed && j.repair && !s.diffs.empty()) {
         j.repairing = true;
         j.repair_sent = 0;
       }
     }
-    if (s.error.empty() && j.repairing && j.repair_sent < s.verifier->differences().size()) {
+    if (s.error.empty() && j.repairing && j.repair_sent < s.diffs.size()) {
       proto::Repair r;
       r.id = kRepairIdBase + static_cast<uint32_t>(j.repair_sent);
       r.uri = s.uri;
-      const auto& diffs = s.verifier->differences();
-      for (size_t i = j.repair_sent; i < diffs.size() && r.records.size() < kRepairBatch; ++i) {
+      const auto& diffs = s.diffs;
+      size_t bytes = 0;
+      for (size_t i = j.repair_sent; i < diffs.size() && r.records.size() < kRepairBatch && bytes < kRepairBytes; ++i) {
         proto::RepairRecord rec;
         rec.key = diffs[i].key;
         rec.present = 0;
@@ -152,6 +189,7 @@ void Daemon::verify_advance() {
           if (k == rec.key) rec.present = 1, rec.value = v, rec.mkeys = mk;
           return false;
         });
+        bytes += rec.key.size() + rec.value.size() + rec.mkeys.size();
         r.records.push_back(std::move(rec));
       }
       j.repair_sent += r.records.size();
@@ -192,7 +230,7 @@ void Daemon::verify_finish(const std::string& failure) {
       sj["requests"] = s.verifier->requests();
       sj["truncated"] = s.verifier->truncated();
       nlohmann::json diffs = nlohmann::json::array();
-      for (const vc::Difference& d : s.verifier->differences()) {
+      for (const vc::Difference& d : s.confirmed ? s.diffs : s.verifier->differences()) {
         nlohmann::json dj{{"key", show_key(d.key)}};
         dj["only_on"] = d.local && d.peer ? "" : d.local ? here : there;
         if (d.local) dj[here + "_digest"] = hex64(d.local_digest);
@@ -222,6 +260,8 @@ void Daemon::verify_tick(uint64_t now) {
     verify_->begun = true;
     return verify_advance();
   }
+  if (verify_->confirm_at_ns != 0 && now >= verify_->confirm_at_ns) verify_advance();
+  if (!verify_) return;
   if (now < verify_->deadline_ns) return;
   if (verify_->current < verify_->stores.size())
     verify_->stores[verify_->current].error = "the peer did not answer in time";
@@ -280,6 +320,20 @@ bool Daemon::verify_on_peer(uint32_t opcode, const void* p, uint32_t n) {
     std::string why;
     if (a.id >= kRepairIdBase) {
       if (a.status != 0) s.error = "repair on the peer: " + a.error, j.repairing = false;
+    } else if (a.id >= kConfirmIdBase) {
+      // The second look: both sides read afresh; what still differs is the result, and the
+      // fresh view is the one a repair reads from.
+      std::unique_ptr<vc::StoreView> fresh = vc::StoreView::open(store_path(o_.root, s.uri), &why);
+      if (a.status != 0) {
+        s.error = "peer: " + a.error;
+      } else if (!fresh) {
+        s.error = why;
+      } else {
+        s.diffs = vc::recheck(*fresh, s.diffs, a);
+        s.view = std::move(fresh);
+        s.confirmed = true;
+        if (j.repair && !s.diffs.empty()) j.repairing = true, j.repair_sent = 0;
+      }
     } else if (!s.verifier->on_answer(a, &why)) {
       s.error = "peer: " + why;
     }

@@ -2,6 +2,7 @@
 
 #include <lmdb.h>
 #include <sys/stat.h>
+#include <unistd.h>
 #include <xxhash.h>
 
 #include <algorithm>
@@ -35,6 +36,14 @@ std::unique_ptr<StoreView> StoreView::open(const std::string& path, std::string*
   struct stat st {};
   if (::stat(path.c_str(), &st) != 0) {
     *why = "store " + path + ": " + std::strerror(errno);
+    return nullptr;
+  }
+  // LMDB trusts the file it maps. A store no process has opened yet (no lock file beside it,
+  // such as a copy just shipped) has its structure checked by the platform at its first
+  // opening; reading it here first would skip that check, so it is left alone.
+  const std::string lock = S_ISDIR(st.st_mode) ? path + "/lock.mdb" : path + "-lock";
+  if (::access(lock.c_str(), F_OK) != 0) {
+    *why = "store " + path + " was never opened by its service (no lock file): not read unchecked";
     return nullptr;
   }
   std::unique_ptr<StoreView> v(new StoreView);
@@ -120,6 +129,7 @@ proto::VerifyAns answer_request(const StoreView& view, const proto::VerifyReq& r
   proto::VerifyAns a;
   a.id = req.id;
   a.records = view.count();
+  size_t key_bytes = 0;
   for (uint32_t i = 0; i < req.ranges.size(); ++i) {
     const proto::VerifyRange& r = req.ranges[i];
     if (req.op == proto::kVerifyDigest) {
@@ -132,15 +142,42 @@ proto::VerifyAns answer_request(const StoreView& view, const proto::VerifyReq& r
       continue;
     }
     view.walk(r.lo, r.hi, [&](std::string_view k, std::string_view v, std::string_view mk) {
-      if (a.entries.size() >= kMaxListEntries) {
+      if (a.entries.size() >= kMaxListEntries || key_bytes + k.size() > kMaxKeyBytes) {
         a.truncated = 1;
         return false;
       }
+      key_bytes += k.size();
       a.entries.push_back({i, std::string(k), record_digest(v, mk)});
       return true;
     });
   }
   return a;
+}
+
+proto::VerifyReq point_request(uint32_t id, const std::string& uri, const std::vector<Difference>& diffs) {
+  proto::VerifyReq r;
+  r.id = id;
+  r.op = proto::kVerifyList;
+  r.uri = uri;
+  // [key, key + NUL) holds exactly key: nothing sorts between a key and its extension by NUL.
+  for (const Difference& d : diffs) r.ranges.push_back({d.key, d.key + std::string(1, '\0')});
+  return r;
+}
+
+std::vector<Difference> recheck(const StoreView& fresh, const std::vector<Difference>& diffs,
+                                const proto::VerifyAns& peer) {
+  std::vector<Difference> out;
+  for (size_t i = 0; i < diffs.size(); ++i) {
+    Difference d{diffs[i].key, false, false, 0, 0};
+    fresh.walk(d.key, "", [&](std::string_view k, std::string_view v, std::string_view mk) {
+      if (k == d.key) d.local = true, d.local_digest = record_digest(v, mk);
+      return false;
+    });
+    for (const proto::VerifyEntry& e : peer.entries)
+      if (e.range == i && e.key == d.key) d.peer = true, d.peer_digest = e.digest;
+    if (d.local != d.peer || d.local_digest != d.peer_digest) out.push_back(std::move(d));
+  }
+  return out;
 }
 
 Verifier::Verifier(const StoreView& local, std::string uri, Settings s)
@@ -191,7 +228,10 @@ void Verifier::split(const Range& r) {
 bool Verifier::next(proto::VerifyReq* req) {
   std::vector<Range>* from = !to_list_.empty() ? &to_list_ : &to_digest_;
   if (from->empty()) return false;
-  const size_t take = std::min(from->size(), s_.max_ranges);
+  size_t take = 0, key_bytes = 0;
+  while (take < from->size() && take < s_.max_ranges &&
+         (take == 0 || key_bytes + (*from)[take].lo.size() + (*from)[take].hi.size() <= kMaxKeyBytes))
+    key_bytes += (*from)[take].lo.size() + (*from)[take].hi.size(), ++take;
   sent_.assign(from->begin(), from->begin() + static_cast<std::ptrdiff_t>(take));
   from->erase(from->begin(), from->begin() + static_cast<std::ptrdiff_t>(take));
   sent_op_ = from == &to_list_ ? proto::kVerifyList : proto::kVerifyDigest;

@@ -65,12 +65,22 @@ uint64_t record_digest(std::string_view value, std::string_view mkeys);
 // request; the answer's entries stop at kMaxListEntries (truncated set).
 proto::VerifyAns answer_request(const StoreView& view, const proto::VerifyReq& req);
 constexpr size_t kMaxListEntries = 20000;
+// Bytes of keys in one request or answer: well inside a transport message (MTS_PAYLOAD_MAX).
+constexpr size_t kMaxKeyBytes = 640 * 1024;
 
 struct Difference {
   std::string key;
   bool local = false, peer = false;  // present on that side
   uint64_t local_digest = 0, peer_digest = 0;
 };
+
+// Online, a record written while a comparison ran may differ only because the standby had not
+// applied it yet when it was read. A second look settles it: a request for exactly the keys
+// found (point ranges), answered from the peer's fresh view, and recheck() against a fresh
+// view of this side keeps those that still differ, with their current digests.
+proto::VerifyReq point_request(uint32_t id, const std::string& uri, const std::vector<Difference>& diffs);
+std::vector<Difference> recheck(const StoreView& fresh, const std::vector<Difference>& diffs,
+                                const proto::VerifyAns& peer);
 
 class Verifier {
  public:

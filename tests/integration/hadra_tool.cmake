@@ -5,3 +5,7 @@ if(TARGET hadra)
   target_compile_definitions(hadra_tool_test PRIVATE HADRA_TOOL_PATH="$<TARGET_FILE:hadra>")
   add_dependencies(hadra_tool_test hadra)
 endif()
+
+# The comparing core of verify on two stores side by side.
+hadra_e2e_test(verify_core_test verify_core_test.cc)
+target_link_libraries(verify_core_test PRIVATE hadra_verify_core)

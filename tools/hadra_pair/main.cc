@@ -321,6 +321,29 @@ bool step_b(Run& r) {
   return true;
 }
 
+// The operator's view of the same moment, through the operator's tool (docs/hadra.md): its
+// status table, and its online verify of both supervisors' copies finding no difference.
+void operator_view(Run& r) {
+  const std::string tool = std::string(HADRA_TOOL_PATH) + " --root " + pairkit::root_of(r.base, 1) + " ";
+  std::string out;
+  auto run = [&](const std::string& args) {
+    out.clear();
+    FILE* p = ::popen((tool + args + " </dev/null 2>&1").c_str(), "r");
+    if (p == nullptr) return -1;
+    char buf[4096];
+    size_t n;
+    while ((n = std::fread(buf, 1, sizeof buf, p)) > 0) out.append(buf, n);
+    const int st = ::pclose(p);
+    std::printf("   $ hadra %s\n%s", args.c_str(), out.c_str());
+    std::fflush(stdout);
+    return WIFEXITED(st) ? WEXITSTATUS(st) : -1;
+  };
+  (void)run("status");
+  const int rc = run("verify");
+  check(r, rc == 0 && out.find("\n0 difference(s)") != std::string::npos, "hadra verify finds 0 differences",
+        "exit " + std::to_string(rc));
+}
+
 bool step_c(Run& r) {
   heading("c. live changes on the active reach the standby as sync messages");
   r.steps.live.raise();
@@ -338,6 +361,7 @@ bool step_c(Run& r) {
   table(r, d);
   check(r, true, "every sync message sent was applied or covered by the snapshot", std::to_string(sent) + " messages");
   compare(r, d, true, "after the live changes");
+  operator_view(r);
   return true;
 }
 
