@@ -118,6 +118,12 @@ hadra_install_configured(${PROJECT_SOURCE_DIR}/dist/hadra-sysmgrd@.service.in
 install(FILES ${PROJECT_SOURCE_DIR}/README.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT daemon)
 install(FILES ${PROJECT_SOURCE_DIR}/dist/platform.conf.example ${PROJECT_SOURCE_DIR}/dist/sysmgrd.env.example
   DESTINATION ${HADRA_EXAMPLES_DIR} COMPONENT daemon)
+# The role sources across two hosts: keepalived's notify script where the sample configuration
+# calls it, and the Pacemaker resource agent where OCF agents live (provider "hadra").
+install(PROGRAMS ${PROJECT_SOURCE_DIR}/dist/keepalived/hadra-notify DESTINATION lib/hadra COMPONENT daemon)
+install(FILES ${PROJECT_SOURCE_DIR}/dist/keepalived/keepalived.conf DESTINATION ${HADRA_EXAMPLES_DIR}/keepalived
+  COMPONENT daemon)
+install(PROGRAMS ${PROJECT_SOURCE_DIR}/dist/ocf/hadra DESTINATION lib/ocf/resource.d/hadra COMPONENT daemon)
 
 include(${_src}/packaging.cmake)
 
