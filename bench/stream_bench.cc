@@ -38,26 +38,11 @@
 #include "hadra_platform_testing.h"
 #include "hadra/sysmgrcb.h"
 #include "platform/sysmgr/seqno_table.h"
+#include "sysmgr/client.h"
 
 // The receive loop finds the library's entry points among the process's dynamic symbols,
-// which a program linking the library's objects does not export: this one names them. The
-// declarations are those of platform/sysmgr/client.h (whose own includes are private to the
-// platform), unchanged.
-namespace hadra::plat::sysmgr::client {
-struct Lib {
-  decltype(&hadra_ha_dispatch) dispatch = nullptr;
-  decltype(&sysmgrcb_gsync_snapshot) gsync_snapshot = nullptr;
-  decltype(&sysmgrcb_gsync_ready) gsync_ready = nullptr;
-  decltype(&sysmgrcb_gsync_failed) gsync_failed = nullptr;
-  decltype(&sysmgrcb_switchover) switchover = nullptr;
-  decltype(&sysmgrcb_switchover_active_marker) active_marker = nullptr;
-  decltype(&sysmgrcb_switchover_done) switchover_done = nullptr;
-  decltype(&hadra_sysmgr_cfg_write_cb) cfg_write = nullptr;
-  hadra_ha_pss_entry* registry = nullptr;
-  const hadra_ha_handle_t* handle = nullptr;
-};
-void set_library(const Lib* lib) noexcept;
-}  // namespace hadra::plat::sysmgr::client
+// which a program linking the library's objects does not export: this one names them
+// (client::set_library).
 
 namespace {
 
