@@ -129,6 +129,11 @@ include(${_src}/packaging.cmake)
 
 # ---- Tests of the installed tree and the packages (tests/install/) ----
 if(HADRA_BUILD_TESTS)
+  # The platform library that services load exports its C interface and no testing call;
+  # the testing build of it exports both.
+  add_test(NAME platform_exports
+    COMMAND ${PROJECT_SOURCE_DIR}/tests/install/check_platform_exports.sh ${PROJECT_SOURCE_DIR}
+            $<TARGET_FILE:hadra_platform_shared> $<TARGET_FILE:hadra_platform_testing>)
   add_test(NAME install_consumers
     COMMAND ${PROJECT_SOURCE_DIR}/tests/install/install_test.sh ${PROJECT_BINARY_DIR} "${HADRA_SANITIZE}")
   set_tests_properties(install_consumers PROPERTIES TIMEOUT 300)

@@ -1,7 +1,9 @@
 /*
  * Testing interface of the platform: call trace, fault injection and state setters.
  *
- * For tests and tools only; a service never includes this header. Every exported platform
+ * For tests and tools only; a service never includes this header. These calls are exported by
+ * libhadra_platform_testing.so (or linked from the platform's objects), never by the
+ * installed libhadra_platform.so, whose trace and fault hooks stay unarmed. Every exported platform
  * call of every service goes through the same trace and the same injection:
  *
  *  - Trace: while on, each call appends one record (service, call, key arguments rendered as

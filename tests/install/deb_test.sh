@@ -62,6 +62,10 @@ for n in "${names[@]}"; do
   "${dpkg[@]}" -s "$n" 2>/dev/null | grep -q '^Status: install ok installed' || { echo "FAIL: $n not installed"; exit 1; }
 done
 multiarch=$(find "$root/usr/lib" -name libhadra_sysmgr.so.0 -printf '%h\n')
+# What the packages ship is the production platform: no testing call, no testing library.
+"$here/check_platform_exports.sh" "$here/../.." "$multiarch/libhadra_platform.so.0" ||
+  { echo "FAIL: the packaged libhadra_platform.so.0 exports more than its C interface"; exit 1; }
+if find "$root" -name 'libhadra_platform_testing*' | grep -q .; then echo "FAIL: testing library packaged"; exit 1; fi
 consumers_pkgconfig "$multiarch/pkgconfig" "$root" "$multiarch"
 consumers_cmake "$root/usr" "$multiarch"
 

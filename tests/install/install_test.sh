@@ -20,6 +20,7 @@ pc=$(find "$prefix" -name hadra.pc)
 libdir=$(PKG_CONFIG_LIBDIR="$(dirname "$pc")" pkg-config --variable=libdir hadra)
 status=0
 fail() { echo "FAIL: $*"; status=1; }
+src_root="$(cd "$here/../.." && pwd)"
 
 # Libraries: versioned names, sonames, the library's symbol version kept.
 for lib in hadra_sysmgr hadra_platform; do
@@ -33,6 +34,10 @@ done
 symbols=$(objdump -T "$libdir/libhadra_sysmgr.so")
 grep -q 'HADRA_1\.0 *hadra_ha_register_pss$' <<<"$symbols" ||
   fail "libhadra_sysmgr.so lost its symbol version HADRA_1.0"
+# The installed platform carries no testing call, and its testing build is not installed.
+"$here/check_platform_exports.sh" "$src_root" "$libdir/libhadra_platform.so" ||
+  fail "the installed libhadra_platform.so exports more than its C interface"
+if find "$prefix" -name 'libhadra_platform_testing*' | grep -q .; then fail "the testing library is installed"; fi
 dynamic=$(readelf -d "$libdir/libhadra_sysmgr.so")
 grep -qE 'R(UN)?PATH' <<<"$dynamic" && fail "installed library keeps a build RPATH"
 
