@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
+#include <cstdio>
 #include <cstring>
 #include <mutex>
 #include <thread>
@@ -16,6 +17,7 @@
 
 #include "hadra_platform/config.h"
 #include "hadra_platform/log.h"
+#include "log/log_internal.h"
 
 namespace hadra::plat {
 namespace {
@@ -59,10 +61,7 @@ void flush_one(Tracked& t) {
   if (!t.dirty.exchange(false, std::memory_order_acq_rel)) return;
   if (int rc = g_ops.env_sync(t.env, 1); rc != 0) {
     t.dirty.store(true, std::memory_order_relaxed);  // owed still: tried again next round
-    const char* path = nullptr;
-    mdb_env_get_path(t.env, &path);
-    plat_syslog(PLAT_LOG_ERR, "store: flushing %s to disk failed: %s", path != nullptr ? path : "?",
-                mdb_strerror(rc));
+    report_failure("store", "flushing to disk", t.env, rc);
   }
 }
 
@@ -85,6 +84,30 @@ void after_fork_child() {
 [[maybe_unused]] const bool g_fork_registered = (pthread_atfork(nullptr, nullptr, after_fork_child), true);
 
 }  // namespace
+
+const char* failure_cause(int rc) {
+  switch (rc) {
+    case ENOSPC: return "the disk is full (No space left on device)";
+    case EDQUOT: return "the disk quota is used up (Disk quota exceeded)";
+    case EIO: return "I/O error (Input/output error)";
+    case EROFS: return "the file system is read-only";
+    default: return mdb_strerror(rc);  // LMDB's codes, and the C library's text for errno values
+  }
+}
+
+void report_failure(const char* service, const char* what, const char* path, int rc) {
+  if (rc == 0) return;
+  char key[512];
+  std::snprintf(key, sizeof key, "%s %s %s", service, what, path != nullptr ? path : "?");
+  log::limited_writef(key, PLAT_LOG_ERR, "%s: %s of %s failed: %s", service, what, path != nullptr ? path : "?",
+                      failure_cause(rc));
+}
+
+void report_failure(const char* service, const char* what, MDB_env* env, int rc) {
+  const char* path = nullptr;
+  if (env != nullptr) mdb_env_get_path(env, &path);
+  report_failure(service, what, path, rc);
+}
 
 LmdbOps& lmdb_ops() { return g_ops; }
 void reset_lmdb_ops() { g_ops = kLmdb; }

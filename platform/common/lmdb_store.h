@@ -43,6 +43,15 @@ struct LmdbOps {
 LmdbOps& lmdb_ops();
 void reset_lmdb_ops();
 
+// Why a store call failed, as an operator reads it: a full disk (ENOSPC) says so, an I/O
+// error (EIO) too, anything else is LMDB's or the C library's text.
+const char* failure_cause(int rc);
+// Logs, rate-limited per file and operation, that `what` on the store file at path failed
+// and why ("sdb: commit of /r/run/x failed: the disk is full (No space left on device)").
+void report_failure(const char* service, const char* what, const char* path, int rc);
+// The same for an environment; its file is asked of LMDB.
+void report_failure(const char* service, const char* what, MDB_env* env, int rc);
+
 // One live store environment as the stores open it.
 class StoreEnv {
  public:

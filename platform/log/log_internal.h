@@ -19,6 +19,10 @@ bool wanted() noexcept;
 void write_line(int level, const char* text, size_t len) noexcept;
 void vwritef(int level, const char* fmt, va_list ap) noexcept;
 void writef(int level, const char* fmt, ...) noexcept __attribute__((format(printf, 2, 3)));
+// writef, rate-limited like the reports: at most the burst of lines per key per window;
+// the lines held back are counted and their count is said later (see ratelimit.cc). key
+// names the repeating thing, e.g. "pss write <file>".
+void limited_writef(const char* key, int level, const char* fmt, ...) noexcept __attribute__((format(printf, 3, 4)));
 // Identity of this process's log lines (LOG_IDENT, or the program name).
 const char* ident() noexcept;
 

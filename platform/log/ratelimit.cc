@@ -11,11 +11,23 @@
 // room; if it had suppressed lines, their count is logged then, so no suppression goes
 // unmentioned. Time is the platform clock, so tests can freeze and move it.
 //
+// Counts are never left waiting for the next line of their key: a flusher thread, started
+// when a line is first suppressed and gone when nothing is pending, says each count once its
+// window has passed (at most a window plus kFlushEvery later), and what is still pending at
+// exit or when the library is unloaded is said then.
+//
 // A burst or interval of 0 turns the limiter off.
+#include <pthread.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <condition_variable>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <mutex>
+#include <thread>
+#include <vector>
 
 #include "common/call.h"
 #include "hadra_platform/config.h"
@@ -29,6 +41,8 @@ constexpr size_t kSlots = 256;
 constexpr size_t kKeyMax = 256;
 constexpr unsigned kDefaultBurst = 3;
 constexpr long kDefaultIntervalMs = 1000;
+// The flusher looks at the table at least this often (real time), and at least every window.
+constexpr auto kFlushEvery = std::chrono::milliseconds(200);
 
 struct Slot {
   const syslog_msg_desc* desc = nullptr;  // null: free
@@ -42,17 +56,19 @@ struct Slot {
 
 struct Limiter {
   std::mutex mu;
+  std::condition_variable cv;
   Slot slots[kSlots];
   uint64_t tick = 0;
   bool configured = false;  // burst and interval read from configuration or set by a test
   unsigned burst = kDefaultBurst;
   uint64_t interval_ns = kDefaultIntervalMs * 1000000ull;
+  uint32_t pending = 0;    // keys with suppressed lines not yet said
+  bool flusher = false;    // a flusher thread of this process is running
 };
 
-Limiter& limiter() {
-  static auto* l = new Limiter();
-  return *l;
-}
+// Never destroyed: reports may come during exit, and a flusher may still wait on it.
+Limiter* g_limiter = new Limiter();
+Limiter& limiter() { return *g_limiter; }
 
 // A count of dropped lines to be said, with what it is about.
 struct Dropped {
@@ -82,11 +98,26 @@ void configure_locked(Limiter& l) {
   l.configured = true;
 }
 
-void take_dropped(Slot& s, Dropped& out) {
+void take_dropped(Limiter& l, Slot& s, Dropped& out) {
   out.count = s.suppressed;
   out.desc = s.desc;
   std::memcpy(out.key, s.key, sizeof out.key);
+  if (s.suppressed > 0) --l.pending;
   s.suppressed = 0;
+}
+
+void flusher_loop();
+
+// Called with the lock held when a key suppressed its first line.
+void start_flusher_locked(Limiter& l) {
+  ++l.pending;
+  if (l.flusher) return;
+  l.flusher = true;
+  try {
+    std::thread(flusher_loop).detach();
+  } catch (...) {
+    l.flusher = false;  // no thread: the count is said with the key's next line or at exit
+  }
 }
 
 // The slot of (desc, key): found, free, or taken from the least recently used key.
@@ -97,7 +128,7 @@ Slot& slot_for(Limiter& l, const syslog_msg_desc* desc, const char* key, uint64_
     if (s.desc == desc && s.hash == h && std::strcmp(s.key, key) == 0) return s;
     if (victim->desc != nullptr && (s.desc == nullptr || s.last_used < victim->last_used)) victim = &s;
   }
-  if (victim->desc != nullptr && victim->suppressed > 0) take_dropped(*victim, d.evicted);
+  if (victim->desc != nullptr && victim->suppressed > 0) take_dropped(l, *victim, d.evicted);
   *victim = Slot{};
   victim->desc = desc;
   victim->hash = h;
@@ -120,9 +151,9 @@ Decision decide(const syslog_msg_desc* desc, const char* key, uint64_t now) {
   }
   if (s.in_window < l.burst) {
     ++s.in_window;
-    if (s.suppressed > 0) take_dropped(s, d.resumed);
+    if (s.suppressed > 0) take_dropped(l, s, d.resumed);
   } else {
-    ++s.suppressed;
+    if (s.suppressed++ == 0) start_flusher_locked(l);
     d.allowed = false;
   }
   return d;
@@ -135,17 +166,100 @@ void say_dropped(const Dropped& x) {
                            f != nullptr ? f->mnemonic : x.desc->name, x.count, x.count == 1 ? "" : "s", x.key);
 }
 
+// The counts whose window has passed (all of them when everything), taken from the table.
+std::vector<Dropped> take_due(Limiter& l, bool everything) {
+  std::vector<Dropped> out;
+  if (l.pending == 0) return out;
+  const uint64_t now = plat_now_ns();
+  for (Slot& s : l.slots) {
+    if (s.desc == nullptr || s.suppressed == 0) continue;
+    if (!everything && now - s.window_start < l.interval_ns) continue;
+    out.emplace_back();
+    take_dropped(l, s, out.back());
+  }
+  return out;
+}
+
+void flusher_loop() {
+  for (;;) {
+    Limiter& l = limiter();
+    std::vector<Dropped> due;
+    {
+      std::unique_lock<std::mutex> lock(l.mu);
+      auto wait = std::chrono::nanoseconds(l.interval_ns);
+      if (wait > kFlushEvery || wait.count() == 0) wait = kFlushEvery;
+      l.cv.wait_for(lock, wait);
+      if (&l != g_limiter) return;  // a child of fork() made its own; this one is not its
+      due = take_due(l, false);
+      if (due.empty() && l.pending == 0) {
+        l.flusher = false;
+        return;
+      }
+    }
+    for (const Dropped& x : due) say_dropped(x);
+  }
+}
+
+// At exit and when the library is unloaded: nothing suppressed goes unmentioned.
+__attribute__((destructor)) void flush_at_exit() {
+  Limiter& l = limiter();
+  std::vector<Dropped> due;
+  {
+    std::lock_guard<std::mutex> lock(l.mu);
+    due = take_due(l, true);
+  }
+  for (const Dropped& x : due) say_dropped(x);
+}
+
+// A child of fork() has no flusher, and the parent's lock may have been held by a thread that
+// is not there: the child starts from a fresh table with the same settings (its parent's
+// counts are its parent's to say).
+void after_fork_child() {
+  Limiter* old = g_limiter;
+  auto* fresh = new Limiter();
+  fresh->configured = old->configured;
+  fresh->burst = old->burst;
+  fresh->interval_ns = old->interval_ns;
+  g_limiter = fresh;  // the old one is left as it is: its lock may never be free again
+}
+
 void reset() {
   Limiter& l = limiter();
   std::lock_guard<std::mutex> lock(l.mu);
   for (Slot& s : l.slots) s = Slot{};
   l.tick = 0;
+  l.pending = 0;
   l.configured = false;
 }
 
-const bool g_registered = (hadra::plat::register_reset(&reset), true);
+const bool g_registered = (hadra::plat::register_reset(&reset), pthread_atfork(nullptr, nullptr, &after_fork_child), true);
 
 }  // namespace
+
+namespace hadra::plat::log {
+namespace {
+
+// The platform's own lines that may repeat (a store that keeps failing, refused frames): one
+// descriptor, keyed by what the caller names.
+const syslog_msg_format kPlatformFormat = {"platform", "%s", PLAT_LOG_ERR, {}};
+const syslog_msg_desc kPlatformLine = {0, 0, "platform", "%s", "a platform line that may repeat", PLAT_LOG_ERR, 0,
+                                       {}, &kPlatformFormat};
+
+}  // namespace
+
+void limited_writef(const char* key, int level, const char* fmt, ...) noexcept {
+  if (fmt == nullptr || !wanted()) return;
+  Decision d = decide(&kPlatformLine, key != nullptr ? key : "", plat_now_ns());
+  say_dropped(d.evicted);
+  say_dropped(d.resumed);
+  if (!d.allowed) return;
+  va_list ap;
+  va_start(ap, fmt);
+  vwritef(level, fmt, ap);
+  va_end(ap);
+}
+
+}  // namespace hadra::plat::log
 
 extern "C" {
 
@@ -173,6 +287,7 @@ HADRA_PLAT_API void plat_test_log_set_rate_limit(unsigned burst, uint64_t interv
   Limiter& l = limiter();
   std::lock_guard<std::mutex> lock(l.mu);
   for (Slot& s : l.slots) s = Slot{};
+  l.pending = 0;
   l.burst = burst;
   l.interval_ns = interval_ns;
   l.configured = true;

@@ -52,8 +52,8 @@ uint32_t map_rc(int rc) {
 }
 
 void log_failure(const char* what, const Env& e, int rc) {
-  if (rc == 0 || rc == MDB_NOTFOUND || rc == MDB_MAP_FULL || !log::wanted()) return;
-  log::writef(PLAT_LOG_ERR, "pss: %s of %s failed: %s", what, e.path.c_str(), mdb_strerror(rc));
+  if (rc == 0 || rc == MDB_NOTFOUND || rc == MDB_MAP_FULL) return;
+  report_failure("pss", what, e.path.c_str(), rc);
 }
 
 bool key_ok(const Env& e, const datum* key) {

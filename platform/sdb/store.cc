@@ -136,7 +136,7 @@ uint32_t Env::open(const std::string& path, unsigned extra, bool create, const M
     return PLAT_ERR_SDB_IO;
   }
   if (live_ && (rc = store_.opened(env_)) != 0) {
-    plat_syslog(PLAT_LOG_ERR, "SDB: %s: no room on the disk for its store: %s", path.c_str(), mdb_strerror(rc));
+    report_failure("sdb", "opening (blocks for its store)", path.c_str(), rc);
     close();
     return PLAT_ERR_SDB_FULL;
   }
@@ -167,21 +167,29 @@ uint32_t Txn::begin(const Env& env, bool read_only) {
   unsigned flags = read_only ? MDB_RDONLY : 0;
   store_ = read_only ? nullptr : env.store();
   if (store_ != nullptr) {
-    if (int rc = store_->reserve(kWriteRoom); rc != 0) return map_err(rc);
+    if (int rc = store_->reserve(kWriteRoom); rc != 0) {
+      report_failure("sdb", "write", env.env(), rc);
+      return map_err(rc);
+    }
   }
   int rc = mdb_txn_begin(env.env(), nullptr, flags, &txn_);
   if (rc == MDB_MAP_RESIZED) {  // another process grew the map: adopt its size
     mdb_env_set_mapsize(env.env(), 0);
     rc = mdb_txn_begin(env.env(), nullptr, flags, &txn_);
   }
-  if (rc != 0) txn_ = nullptr;
+  if (rc != 0) {
+    txn_ = nullptr;
+    report_failure("sdb", read_only ? "read transaction" : "write transaction", env.env(), rc);
+  }
   return map_err(rc);
 }
 
 uint32_t Txn::commit() {
   if (txn_ == nullptr) return PLAT_ERR_SDB_IO;
+  MDB_env* env = mdb_txn_env(txn_);  // the commit frees txn_, its file is named after it
   int rc = store_ != nullptr ? store_->commit(txn_) : lmdb_ops().txn_commit(txn_);
   txn_ = nullptr;
+  if (rc != 0) report_failure("sdb", "commit", env, rc);
   return map_err(rc);
 }
 

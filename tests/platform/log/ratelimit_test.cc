@@ -1,9 +1,16 @@
 // Rate limiter of error reports and the message catalogue.
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
 #include <cstring>
 #include <set>
+#include <thread>
 #include <string>
 #include <vector>
 
+#include "hadra_platform/config.h"
 #include "hadra_platform/log.h"
 #include "support/fixture.h"
 
@@ -55,6 +62,45 @@ TEST_F(RateLimitTest, EvictedKeyStillReportsItsDroppedLines) {
   EXPECT_NE(last_line().find("1 similar message suppressed (run:/first io)"), std::string::npos) << last_line();
   // The key starts over: a full burst again.
   EXPECT_EQ(open_failed("run:/first"), 1);
+}
+
+// A count is said without another line of its key: within a bounded time after its window
+// (on the real clock here), and at exit for a window that has not passed yet.
+TEST_F(RateLimitTest, SuppressedCountsAreSaidOnATimerAndAtExit) {
+  plat_test_clock_real();
+  plat_test_log_set_rate_limit(1, 50 * 1000000ull);
+  for (int i = 0; i < 4; ++i) open_failed("run:/timer");
+  const auto said = [] { return hadra::test::logged({"3 similar messages suppressed", "run:/timer"}); };
+  const auto start = std::chrono::steady_clock::now();
+  while (!said() && std::chrono::steady_clock::now() - start < std::chrono::seconds(5))
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  EXPECT_TRUE(said()) << "no count within 5 s of a 50 ms window";
+  EXPECT_EQ(open_failed("run:/timer"), 1) << "the key starts a new window";
+  EXPECT_EQ(hadra::test::log_count({"suppressed", "run:/timer"}), 1u) << "the count is said once";
+
+  // A child whose window is an hour long exits: the count goes out on its way.
+  int out[2];
+  ASSERT_EQ(pipe(out), 0);
+  const pid_t pid = fork();
+  ASSERT_GE(pid, 0);
+  if (pid == 0) {
+    dup2(out[1], STDERR_FILENO);
+    setenv("HADRA_LOG", "stderr", 1);
+    plat_config_reload();
+    plat_test_reset();
+    plat_test_log_set_rate_limit(1, 3600 * kSecond);
+    for (int i = 0; i < 3; ++i) open_failed("run:/exit");
+    std::exit(0);
+  }
+  close(out[1]);
+  std::string text;
+  char buf[512];
+  for (ssize_t n; (n = read(out[0], buf, sizeof buf)) > 0;) text.append(buf, static_cast<size_t>(n));
+  close(out[0]);
+  int status = 0;
+  ASSERT_EQ(waitpid(pid, &status, 0), pid);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+  EXPECT_NE(text.find("2 similar messages suppressed (run:/exit io)"), std::string::npos) << text;
 }
 
 // Conversions of a printf format ("%%" excluded), e.g. "%u %s" -> {"u", "s"}.
