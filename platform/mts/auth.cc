@@ -57,9 +57,6 @@ std::string z85_of(const std::string& bin) {
 struct Limiter {
   std::mutex mu;
   struct Entry {
-    std::chrono::steady_clock::time_point window;
-    unsigned in_window = 0;
-    uint64_t left_out = 0;
     uint64_t total = 0;
   };
   std::map<std::string, Entry> by_reason;  // bounded by the fixed set of reasons
@@ -265,33 +262,24 @@ const char* frame_fault(const uint8_t* p, size_t size, size_t limit) {
   return "malformed";
 }
 
+// Each refusal is counted by its reason; the lines are rate-limited per reason by the
+// platform's limiter, which says how many it held back once its window has passed (without
+// waiting for another refusal) and at exit.
 void log_refusal(const char* what, const std::string& from, const char* reason) {
   Limiter& l = limiter();
   l.refusals.fetch_add(1, std::memory_order_relaxed);
-  const auto now = std::chrono::steady_clock::now();
-  uint64_t left_out = 0;
   uint64_t total = 0;
   {
     std::lock_guard<std::mutex> lock(l.mu);
     // Reasons are a fixed set of texts; the bound only guards against a caller that forgets.
     Limiter::Entry& e = l.by_reason.size() < 64 || l.by_reason.count(reason) != 0 ? l.by_reason[reason]
                                                                                    : l.by_reason["(other)"];
-    ++e.total;
-    if (e.in_window == 0 || now - e.window >= std::chrono::seconds(1)) {
-      e.window = now;
-      e.in_window = 0;
-    }
-    if (++e.in_window > 3) {
-      ++e.left_out;
-      return;
-    }
-    left_out = e.left_out;
-    e.left_out = 0;
-    total = e.total;
+    total = ++e.total;
   }
-  log::writef(PLAT_LOG_ERR, "MTS: refused %s from %s: %s (%llu refused for this reason so far%s%llu not logged)", what,
-              from.empty() ? "an unknown address" : from.c_str(), reason, static_cast<unsigned long long>(total),
-              ", ", static_cast<unsigned long long>(left_out));
+  const std::string key = std::string("MTS refusals: ") + reason;
+  log::limited_writef(key.c_str(), PLAT_LOG_ERR, "MTS: refused %s from %s: %s (%llu refused for this reason so far)",
+                      what, from.empty() ? "an unknown address" : from.c_str(), reason,
+                      static_cast<unsigned long long>(total));
 }
 
 uint64_t refusals() { return limiter().refusals.load(std::memory_order_relaxed); }

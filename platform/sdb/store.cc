@@ -131,7 +131,8 @@ uint32_t Env::open(const std::string& path, unsigned extra, bool create, const M
   live_ = (extra & MDB_NOLOCK) == 0;
   unsigned flags = live_ ? store_.open_flags(extra, plat_config_get_long("SDB_SYNC", 0) == 1) : extra;
   if (mdb_env_set_maxdbs(env_, 4) != 0 || mdb_env_set_mapsize(env_, static_cast<size_t>(map)) != 0 ||
-      mdb_env_open(env_, path.c_str(), flags | MDB_NOTLS, 0644) != 0) {
+      (rc = mdb_env_open(env_, path.c_str(), flags | MDB_NOTLS, 0644)) != 0) {
+    if (rc != 0) report_failure("sdb", "opening", path.c_str(), rc);
     close();
     return PLAT_ERR_SDB_IO;
   }

@@ -167,6 +167,31 @@ TEST_F(MtsAuthTest, OnlyThePeerKeyFeedsTheStandbyAndStrangersAreLoggedWithTheirA
   EXPECT_EQ(mts_test_queued(kSap), 0u);
 }
 
+// A flood of refusals logs a burst per reason, each line with its source, reason and running
+// total; the rest is counted, and the count is said once the window has passed although no
+// refusal follows. Another reason has a burst of its own.
+class MtsRefusalLines : public PlatformTest {};
+
+TEST_F(MtsRefusalLines, AFloodIsCountedPerReasonAndTheCountIsSaidWithoutAnotherRefusal) {
+  plat_test_clock_set(1000000000ull);
+  plat_test_log_set_rate_limit(2, 1000000000ull);
+  plat_test_log_capture(1);
+  const uint64_t before = auth::refusals();
+  for (int i = 0; i < 7; ++i) auth::log_refusal("a connection", "10.0.0.9 (key abc)", "unknown key");
+  auth::log_refusal("a frame", "10.0.0.7 (node 2 SAP 9 to SAP 9)", "the peer's key claims this supervisor's node");
+  EXPECT_EQ(auth::refusals() - before, 8u);
+  size_t lines = 0;
+  char line[1024];
+  for (size_t i = 0; i < plat_test_log_count(); ++i)
+    if (plat_test_log_get(i, nullptr, line, sizeof line) == 0 &&
+        std::string(line).find("refused a connection from 10.0.0.9 (key abc): unknown key (") != std::string::npos)
+      ++lines;
+  EXPECT_EQ(lines, 2u);
+  EXPECT_TRUE(logged("refused a frame from 10.0.0.7 (node 2 SAP 9 to SAP 9): the peer's key claims"));
+  plat_test_clock_advance(1000000000ull);
+  EXPECT_TRUE(eventually([] { return logged("5 similar messages suppressed (MTS refusals: unknown key)"); }));
+}
+
 TEST_F(MtsAuthTest, UnusableKeysStopTheTransportWithAReasonNamingTheFile) {
   std::ofstream(key_file_) << "public = " << own_.pub << "\nsecret = " << stranger_.sec << "\n";
   EXPECT_EQ(mts_bind(kSap), -1);
