@@ -12,7 +12,7 @@
 // unmentioned. Time is the platform clock, so tests can freeze and move it.
 //
 // Counts are never left waiting for the next line of their key: a flusher thread, started
-// when a line is first suppressed and gone when nothing is pending, says each count once its
+// when a line is first suppressed and ending when nothing is pending, says each count once its
 // window has passed (at most a window plus kFlushEvery later), and what is still pending at
 // exit or when the library is unloaded is said then.
 //
@@ -26,7 +26,6 @@
 #include <cstdio>
 #include <cstring>
 #include <mutex>
-#include <thread>
 #include <vector>
 
 #include "common/call.h"
@@ -64,11 +63,17 @@ struct Limiter {
   uint64_t interval_ns = kDefaultIntervalMs * 1000000ull;
   uint32_t pending = 0;    // keys with suppressed lines not yet said
   bool flusher = false;    // a flusher thread of this process is running
+  bool stop = false;       // exit or unload: the flusher ends
+  bool joinable = false;   // thread is a flusher that ended or runs, not yet joined
+  pthread_t thread{};
 };
 
-// Never destroyed: reports may come during exit, and a flusher may still wait on it.
-Limiter* g_limiter = new Limiter();
-Limiter& limiter() { return *g_limiter; }
+// Never destroyed: reports may come during exit. A child of fork() replaces it (below).
+Limiter*& limiter_ptr() {
+  static Limiter* l = new Limiter();
+  return l;
+}
+Limiter& limiter() { return *limiter_ptr(); }
 
 // A count of dropped lines to be said, with what it is about.
 struct Dropped {
@@ -106,18 +111,19 @@ void take_dropped(Limiter& l, Slot& s, Dropped& out) {
   s.suppressed = 0;
 }
 
-void flusher_loop();
+void* flusher_main(void*);
 
-// Called with the lock held when a key suppressed its first line.
+// Called with the lock held when a key suppressed its first line. The thread is a plain
+// joinable one, so that unloading the library can wait until none of its code runs.
 void start_flusher_locked(Limiter& l) {
   ++l.pending;
-  if (l.flusher) return;
-  l.flusher = true;
-  try {
-    std::thread(flusher_loop).detach();
-  } catch (...) {
-    l.flusher = false;  // no thread: the count is said with the key's next line or at exit
+  if (l.flusher || l.stop) return;
+  if (l.joinable) {
+    pthread_join(l.thread, nullptr);  // one that found nothing left to say: already on its way out
+    l.joinable = false;
   }
+  // Without a thread the count is said with the key's next line, or at exit.
+  if (pthread_create(&l.thread, nullptr, &flusher_main, &l) == 0) l.flusher = l.joinable = true;
 }
 
 // The slot of (desc, key): found, free, or taken from the least recently used key.
@@ -180,47 +186,53 @@ std::vector<Dropped> take_due(Limiter& l, bool everything) {
   return out;
 }
 
-void flusher_loop() {
+void* flusher_main(void* arg) {
+  auto& l = *static_cast<Limiter*>(arg);
   for (;;) {
-    Limiter& l = limiter();
     std::vector<Dropped> due;
     {
       std::unique_lock<std::mutex> lock(l.mu);
       auto wait = std::chrono::nanoseconds(l.interval_ns);
       if (wait > kFlushEvery || wait.count() == 0) wait = kFlushEvery;
-      l.cv.wait_for(lock, wait);
-      if (&l != g_limiter) return;  // a child of fork() made its own; this one is not its
-      due = take_due(l, false);
-      if (due.empty() && l.pending == 0) {
+      if (!l.stop) l.cv.wait_for(lock, wait);
+      if (!l.stop) due = take_due(l, false);
+      if (l.stop || (due.empty() && l.pending == 0)) {
         l.flusher = false;
-        return;
+        return nullptr;
       }
     }
     for (const Dropped& x : due) say_dropped(x);
   }
 }
 
-// At exit and when the library is unloaded: nothing suppressed goes unmentioned.
+// At exit and when the library is unloaded: nothing suppressed goes unmentioned, and the
+// flusher has ended before the code it runs goes away.
 __attribute__((destructor)) void flush_at_exit() {
   Limiter& l = limiter();
   std::vector<Dropped> due;
+  bool join = false;
   {
     std::lock_guard<std::mutex> lock(l.mu);
     due = take_due(l, true);
+    l.stop = true;
+    join = l.joinable;
+    l.joinable = false;
+    l.cv.notify_all();
   }
   for (const Dropped& x : due) say_dropped(x);
+  if (join) pthread_join(l.thread, nullptr);
 }
 
 // A child of fork() has no flusher, and the parent's lock may have been held by a thread that
 // is not there: the child starts from a fresh table with the same settings (its parent's
 // counts are its parent's to say).
 void after_fork_child() {
-  Limiter* old = g_limiter;
+  Limiter*& p = limiter_ptr();
   auto* fresh = new Limiter();
-  fresh->configured = old->configured;
-  fresh->burst = old->burst;
-  fresh->interval_ns = old->interval_ns;
-  g_limiter = fresh;  // the old one is left as it is: its lock may never be free again
+  fresh->configured = p->configured;
+  fresh->burst = p->burst;
+  fresh->interval_ns = p->interval_ns;
+  p = fresh;  // the old one is left as it is: its lock may never be free again
 }
 
 void reset() {
