@@ -187,7 +187,9 @@ uint32_t open_lmdb(Env* e, bool create, bool exclusive) {
   int rc = mdb_env_create(&e->env);
   if (rc == 0) rc = mdb_env_set_maxdbs(e->env, 4);
   unsigned flags = e->store.open_flags(MDB_NOSUBDIR | MDB_NOTLS, want_sync(e->params));
-  if (rc == 0) rc = mdb_env_open(e->env, e->path.c_str(), flags, 0664);
+  if (rc == 0 && (rc = mdb_env_open(e->env, e->path.c_str(), flags, 0664)) != 0 && rc != MDB_INVALID &&
+      rc != MDB_VERSION_MISMATCH)
+    log_failure("opening", *e, rc);  // e.g. no room for the file or its lock file
   if (rc == 0 && (rc = e->store.opened(e->env)) != 0) log_failure("allocation", *e, rc);
   uint32_t err = rc == MDB_INVALID || rc == MDB_VERSION_MISMATCH ? PLAT_ERR_PSS_BAD_URI : map_rc(rc);
   if (err == 0) err = prepare(*e, create, exclusive);
