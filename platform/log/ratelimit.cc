@@ -66,6 +66,7 @@ struct Limiter {
   bool stop = false;       // exit or unload: the flusher ends
   bool joinable = false;   // thread is a flusher that ended or runs, not yet joined
   pthread_t thread{};
+  Limiter* parent = nullptr;  // in a child of fork(): the parent's table, kept reachable
 };
 
 // Never destroyed: reports may come during exit. A child of fork() replaces it (below).
@@ -232,6 +233,7 @@ void after_fork_child() {
   fresh->configured = p->configured;
   fresh->burst = p->burst;
   fresh->interval_ns = p->interval_ns;
+  fresh->parent = p;
   p = fresh;  // the old one is left as it is: its lock may never be free again
 }
 
