@@ -9,12 +9,14 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <string>
 
 namespace {
 
-int child() {
+int child(const std::string& root) {
   setenv("HADRA_LOG", "stderr", 1);
+  setenv("HADRA_ROOT", root.c_str(), 1);  // the platform makes its root: a scratch one
   void* lib = dlopen(HADRA_PLATFORM_TESTING_PATH, RTLD_NOW | RTLD_LOCAL);
   if (lib == nullptr) {
     std::fprintf(stderr, "dlopen: %s\n", dlerror());
@@ -40,6 +42,15 @@ int child() {
 }  // namespace
 
 int main() {
+  std::string root = (std::filesystem::temp_directory_path() / "hadra-unload-XXXXXX").string();
+  if (mkdtemp(root.data()) == nullptr) return 2;
+  struct Cleanup {
+    std::string dir;
+    ~Cleanup() {
+      std::error_code ec;
+      std::filesystem::remove_all(dir, ec);
+    }
+  } cleanup{root};
   int out[2];
   if (pipe(out) != 0) return 2;
   const pid_t pid = fork();
@@ -47,7 +58,7 @@ int main() {
   if (pid == 0) {
     dup2(out[1], STDERR_FILENO);
     close(out[0]);
-    _exit(child());  // no exit handlers: only the unload may say the count
+    _exit(child(root));  // no exit handlers: only the unload may say the count
   }
   close(out[1]);
   std::string text;
