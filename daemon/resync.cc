@@ -39,6 +39,7 @@ struct Health {
   uint32_t out_of_sync = 0;
   uint32_t missed = 0;
   uint32_t resyncs = 0;
+  uint32_t failed = 0;  // changes the store refused, all indexes
 };
 
 // The stream fields of a service's table (sent or applied), read from its shared file.
@@ -58,6 +59,7 @@ Health read_health(const std::string& path, uint32_t magic) {
     h.out_of_sync = __atomic_load_n(&t->out_of_sync, __ATOMIC_ACQUIRE);
     h.missed = __atomic_load_n(&t->missed, __ATOMIC_RELAXED);
     h.resyncs = __atomic_load_n(&t->resyncs, __ATOMIC_RELAXED);
+    for (uint32_t i = 1; i <= plat::sysmgr::kSeqnoMaxIndex; ++i) h.failed += __atomic_load_n(&t->slot[i].failed, __ATOMIC_ACQUIRE);
   }
   ::munmap(m, sizeof(SeqnoTable));
   return h;
@@ -70,6 +72,16 @@ uint64_t last_number(const proto::ServiceSeq& s, bool sent) {
 }
 
 long stall_ms() { return plat_config_get_long("RESYNC_STALL_MS", 1000); }
+
+// The wait before the gsync after the n-th failure in a row: RESYNC_RETRY_MS, doubled each
+// time, at most RESYNC_RETRY_MAX_MS.
+uint64_t retry_delay_ms(uint32_t n) {
+  const auto first = static_cast<uint64_t>(std::max(1L, plat_config_get_long("RESYNC_RETRY_MS", 1000)));
+  const auto most = static_cast<uint64_t>(std::max(1L, plat_config_get_long("RESYNC_RETRY_MAX_MS", 30000)));
+  uint64_t d = first;
+  for (uint32_t i = 1; i < n && d < most; ++i) d *= 2;
+  return std::min(d, most);
+}
 
 }  // namespace
 
@@ -89,6 +101,15 @@ nlohmann::json Daemon::stream_json(uint32_t pid) const {
   j["reason"] = plat::sysmgr::out_of_sync_name(applied.out_of_sync);
   j["missed"] = applied.missed;
   j["resyncs"] = applied.resyncs;
+  j["apply_failed"] = applied.failed;
+  // The daemon's own retries of a gsync that keeps failing.
+  for (const auto& [uuid, w] : resync_) {
+    const Client* c = client(uuid);
+    if (c == nullptr || c->pid != pid) continue;
+    j["gsyncs_failed_in_row"] = w.failed_in_row;
+    const uint64_t now = now_ns();
+    j["next_gsync_in_ms"] = w.failed_in_row != 0 && w.next_try_ns > now ? (w.next_try_ns - now) / 1000000ull : 0;
+  }
   return j;
 }
 
@@ -103,16 +124,26 @@ void Daemon::resync_tick(uint64_t now) {
     const bool busy = std::any_of(incoming_.begin(), incoming_.end(),
                                   [&](const auto& in) { return in.second.uuid == mine.uuid; });
     if (busy) {
-      if (!w.busy) w.failures = gsyncs_failed_;
-      w.busy = true;
+      if (!w.busy && !w.in_flight) w.failures = gsyncs_failed_, w.done = gsyncs_done_;
+      w.busy = w.in_flight = true;
       continue;
     }
-    if (w.busy) {
+    w.busy = false;
+    if (w.in_flight && (gsyncs_failed_ != w.failures || gsyncs_done_ != w.done)) {
       // A gsync just ended: one that failed is not tried again at once (a shipment that keeps
-      // failing would otherwise run back to back); one that worked starts the watch afresh.
-      w.busy = false;
+      // failing, a standby whose disk is full, would otherwise run them back to back): the
+      // wait doubles with each failure in a row, up to RESYNC_RETRY_MAX_MS; one that worked
+      // starts the watch afresh.
+      w.in_flight = false;
       w.since_ns = now;
-      if (gsyncs_failed_ != w.failures) w.next_try_ns = now + static_cast<uint64_t>(o_.gsync_timeout_ms) * 1000000ull;
+      if (gsyncs_failed_ != w.failures) {
+        ++w.failed_in_row;
+        w.next_try_ns = now + retry_delay_ms(w.failed_in_row) * 1000000ull;
+        plat_syslog(PLAT_LOG_WARNING, "sysmgrd: service %s: gsync failed (%u in a row); the next one in %llu ms",
+                    c->name.c_str(), w.failed_in_row, static_cast<unsigned long long>(retry_delay_ms(w.failed_in_row)));
+      } else {
+        w.failed_in_row = 0;
+      }
     }
     if (now < w.next_try_ns) continue;
     const auto peer = peer_active_seq_.find(mine.uuid);
@@ -130,8 +161,12 @@ void Daemon::resync_tick(uint64_t now) {
     proto::Event ev;
     ev.kind = proto::EventKind::kGsyncStart;
     (void)send_event(*c, ev);
+    // The gsync shows as running once the service's request arrives; until then no second.
     w.next_try_ns = now + static_cast<uint64_t>(o_.gsync_timeout_ms) * 1000000ull;
     w.since_ns = now;
+    w.in_flight = true;
+    w.failures = gsyncs_failed_;
+    w.done = gsyncs_done_;
   }
 }
 
