@@ -78,9 +78,10 @@ void set_env(const std::string& base, int slot, long backlog) {
   setenv("HADRA_SUPSTATE", slot == 1 ? "active" : "standby", 1);
   setenv("HADRA_TRANSPORT", "zmq", 1);
   setenv("HADRA_SYSMGR", "daemon", 1);
+  setenv("HADRA_ROLE_SOURCE", "manual", 1);  // the slot decides the role, not a race for a lease
   setenv("HADRA_UUID", std::to_string(kUuid).c_str(), 1);
   setenv("HADRA_MTS_BACKLOG_BYTES", std::to_string(backlog).c_str(), 1);
-  setenv("HADRA_LOG", "none", 1);
+  setenv("HADRA_LOG", std::getenv("STREAM_BENCH_LOG") != nullptr ? std::getenv("STREAM_BENCH_LOG") : "none", 1);
   // The standby finds the hole itself as soon as it reads again; the daemon waits longer.
   setenv("HADRA_RESYNC_STALL_MS", "5000", 1);
 }

@@ -116,11 +116,7 @@ struct ResyncWatch {
   uint64_t applied = 0;      // last HA number applied when last looked at
   uint64_t since_ns = 0;     // when it last changed
   uint64_t next_try_ns = 0;  // no new gsync started for it before this
-  bool busy = false;         // a gsync of it was running at the last look
-  uint64_t failures = 0;     // the daemon's failed gsyncs when that one started
   uint32_t failed_in_row = 0;  // gsyncs of it that failed since the last that worked
-  bool in_flight = false;      // a gsync of it was started or seen running and has not ended
-  uint64_t done = 0;           // the daemon's finished gsyncs when that one started
 };
 struct VerifyJob;      // verify.cc
 struct MetricsServer;  // metrics.cc
@@ -179,6 +175,7 @@ class Daemon {
 
   // resync.cc
   void resync_tick(uint64_t now);
+  void resync_gsync_ended(uint32_t uuid, bool ok);
   nlohmann::json stream_json(uint32_t pid) const;
   std::string table_path(const char* kind, uint32_t pid) const;
   // role.cc

@@ -113,6 +113,27 @@ nlohmann::json Daemon::stream_json(uint32_t pid) const {
   return j;
 }
 
+// A gsync of the service ended. One that failed is not tried again at once (a shipment that
+// keeps failing, a standby whose disk is full, would otherwise run them back to back): the
+// wait doubles with each failure in a row, up to RESYNC_RETRY_MAX_MS; one that worked starts
+// the watch afresh.
+void Daemon::resync_gsync_ended(uint32_t uuid, bool ok) {
+  ResyncWatch& w = resync_[uuid];
+  const uint64_t now = now_ns();
+  w.since_ns = now;
+  if (ok) {
+    w.failed_in_row = 0;
+    w.next_try_ns = 0;
+    return;
+  }
+  ++w.failed_in_row;
+  const uint64_t wait = retry_delay_ms(w.failed_in_row);
+  w.next_try_ns = now + wait * 1000000ull;
+  const Client* c = client(uuid);
+  plat_syslog(PLAT_LOG_WARNING, "sysmgrd: service %s: gsync failed (%u in a row); the next one in %llu ms",
+              c != nullptr ? c->name.c_str() : "?", w.failed_in_row, static_cast<unsigned long long>(wait));
+}
+
 void Daemon::resync_tick(uint64_t now) {
   if (role_ != 2 || !peer_up()) return;
   for (const proto::ServiceSeq& mine : own_sequences()) {
@@ -123,34 +144,14 @@ void Daemon::resync_tick(uint64_t now) {
     if (applied != w.applied || w.since_ns == 0) w.applied = applied, w.since_ns = now;
     const bool busy = std::any_of(incoming_.begin(), incoming_.end(),
                                   [&](const auto& in) { return in.second.uuid == mine.uuid; });
-    if (busy) {
-      if (!w.busy && !w.in_flight) w.failures = gsyncs_failed_, w.done = gsyncs_done_;
-      w.busy = w.in_flight = true;
-      continue;
-    }
-    w.busy = false;
-    if (w.in_flight && (gsyncs_failed_ != w.failures || gsyncs_done_ != w.done)) {
-      // A gsync just ended: one that failed is not tried again at once (a shipment that keeps
-      // failing, a standby whose disk is full, would otherwise run them back to back): the
-      // wait doubles with each failure in a row, up to RESYNC_RETRY_MAX_MS; one that worked
-      // starts the watch afresh.
-      w.in_flight = false;
-      w.since_ns = now;
-      if (gsyncs_failed_ != w.failures) {
-        ++w.failed_in_row;
-        w.next_try_ns = now + retry_delay_ms(w.failed_in_row) * 1000000ull;
-        plat_syslog(PLAT_LOG_WARNING, "sysmgrd: service %s: gsync failed (%u in a row); the next one in %llu ms",
-                    c->name.c_str(), w.failed_in_row, static_cast<unsigned long long>(retry_delay_ms(w.failed_in_row)));
-      } else {
-        w.failed_in_row = 0;
-      }
-    }
-    if (now < w.next_try_ns) continue;
+    if (busy || now < w.next_try_ns) continue;
+    const Health h = read_health(table_path("applied", c->pid), plat::sysmgr::kAppliedMagic);
+    // After a failed gsync the service waits for this daemon: the back-off alone decides.
+    const bool retry = w.failed_in_row != 0 && h.out_of_sync != 0;
     const auto peer = peer_active_seq_.find(mine.uuid);
     const uint64_t reported = peer != peer_active_seq_.end() ? last_number(peer->second, true) : 0;
-    if (now - w.since_ns < static_cast<uint64_t>(stall_ms()) * 1000000ull) continue;
-    const Health h = read_health(table_path("applied", c->pid), plat::sysmgr::kAppliedMagic);
-    if (reported <= applied && h.out_of_sync == 0) continue;
+    if (!retry && now - w.since_ns < static_cast<uint64_t>(stall_ms()) * 1000000ull) continue;
+    if (!retry && reported <= applied && h.out_of_sync == 0) continue;
     if (h.out_of_sync == 0)
       plat_syslog(PLAT_LOG_ERR, "sysmgrd: service %s: standby out of sync: applied HA number %llu, the active "
                   "reported %llu, no progress for %ld ms; starting a gsync", c->name.c_str(),
@@ -164,9 +165,6 @@ void Daemon::resync_tick(uint64_t now) {
     // The gsync shows as running once the service's request arrives; until then no second.
     w.next_try_ns = now + static_cast<uint64_t>(o_.gsync_timeout_ms) * 1000000ull;
     w.since_ns = now;
-    w.in_flight = true;
-    w.failures = gsyncs_failed_;
-    w.done = gsyncs_done_;
   }
 }
 
