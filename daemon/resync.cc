@@ -8,7 +8,9 @@
 // active reported (its hellos) with the last one applied here: behind, with no progress for
 // RESYNC_STALL_MS, is a standby that will not catch up by itself, and the daemon starts a
 // gsync for it. A service whose applied table says out of sync with no gsync running for as
-// long (its own request was lost, or its gsync failed) is started the same way. One attempt per service per GSYNC_TIMEOUT_MS at most.
+// long (its own request was lost) is started the same way, at most once per GSYNC_TIMEOUT_MS.
+// A gsync that failed is retried by the daemon alone (the service waits for it), after a
+// wait that doubles with each failure in a row (RESYNC_RETRY_MS .. RESYNC_RETRY_MAX_MS).
 //
 // Status shows, per service, the stream's health as both sides publish it in their tables
 // (seqno_table.h): on the active whether frames for the standby fail to leave and how many
