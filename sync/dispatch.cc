@@ -24,8 +24,8 @@
 // the SDB subsystem's bounded readers, which stop at the end of the bytes the header
 // describes. The dispatcher neither drops nor answers the message.
 //
-// A change it could not make (the store refused it: disk full, I/O error, a full map; or no
-// fitting database) leaves the standby's copy behind the active's. The return value stays 0
+// A change the store or its writer refused (disk full, I/O error, a full map) leaves the
+// standby's copy behind the active's. The return value stays 0
 // as for every sync message, so the dispatcher counts the failure and remembers its index and
 // sync opcode: a receive loop reads them with hadra_ha_dispatch_failures() after each message
 // and takes the copy out of sync instead of applying what follows.
@@ -103,8 +103,9 @@ void dispatch_change(uint8_t* payload, uint32_t size) noexcept {
   if (row.apply == nullptr) return;
   hadra_ha_pss_entry* entry = entry_at(d.db_index);
   if (entry == nullptr || fit != DecodeResult::kOk || !entry_fits(*entry, row.target)) {
+    // Not counted: no resync can give the standby a database it does not have, and asking
+    // for one at every such message would only repeat gsyncs; the report says it each time.
     refuse(d.opcode, d.db_index);
-    failed(d.db_index, d.opcode);
     return;
   }
   uint8_t* const key = payload + HADRA_SYNC_HDR_LEN;

@@ -80,8 +80,9 @@ HADRA_API int hadra_ha_sync(const hadra_ha_pss_entry *entry, const datum *key, c
 HADRA_API int hadra_ha_dispatch(const mts_msg_ref *msg) HADRA_NOEXCEPT;
 
 /*
- * Sync messages hadra_ha_dispatch() could not apply since the process started: the store
- * refused the change (it reported why), or the message named no fitting database. Such a
+ * Sync messages hadra_ha_dispatch() could not apply since the process started: the store or
+ * its writer refused the change (and reported why); a message refused with the invalid-index
+ * report is not counted (no resync gives the standby a database it lacks). Such a
  * standby copy is behind the active's: a receive loop compares the count before and after
  * each message and stops applying that stream until a resync. When not null, *index and
  * *sync_opcode receive the registry index and sync opcode of the last failure (0 before any).

@@ -197,11 +197,16 @@ void apply_failed(uint32_t sap, const mts::MsgInfo& mi, uint8_t index, uint32_t 
   const std::string detail = head + database_name(index) + " failed: " + cause + "; " + std::to_string(n) +
                              (n == 1 ? " apply" : " applies") + " failed since the service started";
   if (st.out != 0 && st.resending) {
-    // The resend ran into the same trouble: a gsync, not another resend, brings it back.
-    log::writef(PLAT_LOG_ERR, "sysmgr: SAP %u: standby out of sync: %s", sap, detail.c_str());
+    // The resend ran into the same trouble: a gsync, not another resend, brings it back, and
+    // not at once (a store that refused twice in a row is given a moment, and a gsync after
+    // which the store refuses again does not repeat back to back): the daemon starts it once
+    // the copy made no progress for RESYNC_STALL_MS.
+    log::writef(PLAT_LOG_ERR, "sysmgr: SAP %u: standby out of sync: %s; the resend was refused too, the daemon "
+                "will start a gsync", sap, detail.c_str());
     applied_out_of_sync(kOutOfSyncApplyFailed, 1);
     st.out = kOutOfSyncApplyFailed;
-    resend_over(sap, false, "an apply of the resend failed");
+    st.resending = false;
+    st.asked = true;
     return;
   }
   go_out_of_sync(sap, mi, kOutOfSyncApplyFailed, 1, detail);
