@@ -320,6 +320,8 @@ void on_resend_get(uint32_t sap, const mts::MsgInfo& mi) {
   if (mts::resend(sap, mi.h.src_sap, g.epoch, g.from, proto::kResendReply, &end) == 0)
     log::writef(PLAT_LOG_NOTICE, "sysmgr: SAP %u: resent HA numbers %llu..%llu to the standby", sap,
                 static_cast<unsigned long long>(g.from), static_cast<unsigned long long>(end));
+  else if (errno == EAGAIN)
+    ;  // the queue to the standby is full: it asks for the rest once it took this part
   else
     log::writef(PLAT_LOG_WARNING, "sysmgr: SAP %u: cannot resend from HA number %llu to the standby (%s); it will "
                 "fall back to a gsync", sap, static_cast<unsigned long long>(g.from), std::strerror(errno));
@@ -331,6 +333,13 @@ void on_resend_reply(uint32_t sap, const mts::MsgInfo& mi) {
   if (!st.resending || mi.h.epoch != st.epoch) return;  // late: the gsync took over
   const auto* p = static_cast<const uint8_t*>(mi.payload);
   const uint32_t err = p != nullptr && mi.h.payload_len == 4 ? static_cast<uint32_t>(mts::get_le(p, 4)) : EBADMSG;
+  if (err == EAGAIN && st.last >= mi.h.ha_seqno) {
+    // A part of the resend (the active sends no more than its queue to us holds at once):
+    // everything of it was taken, so the rest is asked for.
+    st.resend_deadline_ns = plat_now_ns() + partial_wait_ns();
+    if (!ask_resend(sap, mi)) resend_over(sap, false, "the rest could not be asked for");
+    return;
+  }
   if (err != 0) return resend_over(sap, false, std::strerror(static_cast<int>(err)));
   if (st.last < mi.h.ha_seqno) return resend_over(sap, false, "frames of the resend were lost");
   resend_over(sap, true, "");

@@ -334,6 +334,42 @@ TEST_F(ReceiveLoopTest, AHoleTheActiveStillHoldsIsFilledByAResendWithoutAGsync) 
   EXPECT_EQ(t.slot[1].reports, 6u);
 }
 
+// The active never waits for room while it resends: a queue to the standby that is full ends
+// the part it sent (the reply says so), and the standby asks for the rest, without a gsync.
+TEST_F(ReceiveLoopTest, AResendThatFindsTheQueueFullIsFinishedInParts) {
+  ASSERT_EQ(mts_bind(kActive), 0);
+  plat_test_log_capture(1);
+  const uint8_t payload[4] = {1, 0, 0, 0};
+  for (int i = 0; i < 5; ++i)
+    ASSERT_EQ(mts_send(kActive, MTS_ADDR_PEER, kSap, kSyncOpc, payload, 4, nullptr, 0, nullptr), 0);
+  std::vector<std::vector<uint8_t>> frames;
+  while (mts_test_peer_count() != 0) {
+    std::vector<uint8_t> f(static_cast<size_t>(mts_test_peer_read(nullptr, 0, 0)));
+    mts_test_peer_read(f.data(), f.size(), 1);
+    as_same_service(f);
+    frames.push_back(f);
+  }
+  for (int n : {1, 4}) ASSERT_EQ(mts_test_feed(frames[n - 1].data(), frames[n - 1].size()), 0);  // 2, 3 lost
+  while (next() != SYSMGR_RX_NONE) {
+  }
+  forward_all();  // the request reaches the active
+  mts_test_peer_refuse(1);  // its queue to the standby is full for the first frame resent
+  mts_msg_ref other;
+  EXPECT_EQ(sysmgr_client_next(kActive, 0, &other), SYSMGR_RX_EVENT);
+  forward_all();  // only the reply: nothing went
+  while (next() != SYSMGR_RX_NONE) {
+  }
+  EXPECT_EQ(seen_.dispatched, (std::vector<uint64_t>{1}));
+  forward_all();  // the standby asked for the rest
+  EXPECT_EQ(sysmgr_client_next(kActive, 0, &other), SYSMGR_RX_EVENT);
+  forward_all();
+  while (next() != SYSMGR_RX_NONE) {
+  }
+  EXPECT_EQ(seen_.dispatched, (std::vector<uint64_t>{1, 2, 3, 4, 5}));
+  EXPECT_EQ(plat_test_sysmgr_gsync_requests(), 0u);
+  EXPECT_EQ(applied_table(root()).out_of_sync, 0u);
+}
+
 TEST_F(ReceiveLoopTest, EventsReachTheirCallbacksAndEverythingElseGoesBack) {
   // Not for the loop: a local message of the service, and a peer message the dispatcher refuses.
   ASSERT_EQ(mts_test_deliver(kSap, 900, 0, 77, 0, 0, 0, "x", 1), 0);
