@@ -441,6 +441,7 @@ void Daemon::on_peer_message(uint32_t opcode, const void* p, uint32_t n) {
                     proto::kProtoVersion);
         return;
       }
+      const bool was_up = peer_up() && peer_->role == h.role;
       if (!peer_up()) plat_syslog(PLAT_LOG_NOTICE, "sysmgrd: peer slot %u (%s) is up", h.slot, proto::role_name(h.role));
       if (h.role == 1 && role_ == 1 && (!peer_ || peer_->role != 1))
         plat_syslog(PLAT_LOG_CRIT, "sysmgrd: both supervisors claim the active role (peer slot %u)", h.slot);
@@ -448,7 +449,13 @@ void Daemon::on_peer_message(uint32_t opcode, const void* p, uint32_t n) {
         for (const proto::ServiceSeq& s : h.services) peer_active_seq_[s.uuid] = s;
       peer_ = std::move(h);
       peer_seen_ns_ = now_ns();
+      if (!was_up) send_left_behind();  // an active peer newly seen: what died here had sent
       return;
+    }
+    case proto::kPeerLeftBehind: {
+      proto::PeerHello h;
+      if (!proto::decode(p, n, &h)) return bad("report of what the peer's stopped services sent");
+      return on_left_behind(h);
     }
     case proto::kGsyncReq: {
       proto::GsyncReq r;
@@ -610,10 +617,10 @@ std::string Daemon::status_json() const {
   uint64_t lost = 0;
   for (const LossRow& r : loss_) {
     rows.push_back({{"service", r.service}, {"uuid", r.uuid}, {"database", r.index}, {"last_reported", r.last_reported},
-                    {"last_applied", r.last_applied}, {"missing", r.missing}});
+                    {"last_applied", r.last_applied}, {"missing", r.missing}, {"after_report", r.after_report}});
     lost += r.missing;
   }
-  j["loss_report"] = {{"known", loss_known_}, {"lost", lost}, {"databases", rows}};
+  j["loss_report"] = {{"known", loss_known_}, {"lost", lost}, {"databases", rows}, {"amended", loss_amended_}};
   json facts = json::array();
   for (const auto& [uuid, f] : facts_)
     facts.push_back({{"uuid", uuid}, {"handshake_seen", f.handshake_seen}, {"swover_first_start", f.swover_first},

@@ -90,6 +90,10 @@ struct LossRow {
   uint64_t last_reported = 0;
   uint64_t last_applied = 0;
   uint64_t missing = 0;
+  uint64_t reported_count = 0;  // changes the old active had reported sending at the takeover
+  uint64_t applied_count = 0;   // of which this supervisor had applied
+  bool amended = false;         // the old active came back and said what it really sent
+  uint64_t after_report = 0;    // changes it sent after its last report
 };
 
 struct Switchover {
@@ -116,8 +120,7 @@ struct ResyncWatch {
   uint64_t applied = 0;      // last HA number applied when last looked at
   uint64_t since_ns = 0;     // when it last changed
   uint64_t next_try_ns = 0;  // no new gsync started for it before this
-  bool busy = false;         // a gsync of it was running at the last look
-  uint64_t failures = 0;     // the daemon's failed gsyncs when that one started
+  uint32_t failed_in_row = 0;  // gsyncs of it that failed since the last that worked
 };
 struct VerifyJob;      // verify.cc
 struct MetricsServer;  // metrics.cc
@@ -176,6 +179,7 @@ class Daemon {
 
   // resync.cc
   void resync_tick(uint64_t now);
+  void resync_gsync_ended(uint32_t uuid, bool ok);
   nlohmann::json stream_json(uint32_t pid) const;
   std::string table_path(const char* kind, uint32_t pid) const;
   // role.cc
@@ -199,6 +203,10 @@ class Daemon {
   void switchover_tick(uint64_t now);
   void switchover_finish_client(uint32_t uuid, const char* how);
   void loss_report();
+  // switchover.cc: what services that died with this daemon had sent (to the active peer),
+  // and what the old active says it sent after its last report (amends the loss report).
+  void send_left_behind();
+  void on_left_behind(const proto::PeerHello& h);
   int cfg_save(const mts_msg_ref& cmd, std::string* why);
   void cfg_on_answer(const Client& c, const proto::Answer& a);
   void cfg_tick(uint64_t now);
@@ -239,6 +247,7 @@ class Daemon {
   CfgWrite cfg_;
   std::vector<LossRow> loss_;
   bool loss_known_ = false;
+  bool loss_amended_ = false;  // the old active came back and said what it really sent
   uint64_t gsyncs_done_ = 0, gsyncs_failed_ = 0, switchovers_ = 0;
   std::string last_gsync_error_;
   std::map<uint32_t, ResyncWatch> resync_;  // by uuid

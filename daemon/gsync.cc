@@ -154,6 +154,7 @@ void Daemon::gsync_fail_incoming(uint32_t xfer, uint32_t status, const std::stri
   std::error_code ec;
   fs::remove_all(in.dir, ec);
   ++gsyncs_failed_;
+  resync_gsync_ended(in.uuid, false);
   const Client* c = client(in.uuid);
   const std::string name = c != nullptr ? c->name : "uuid " + std::to_string(in.uuid);
   last_gsync_error_ = "gsync " + std::to_string(xfer) + " of " + name + ": " + reason;
@@ -253,6 +254,7 @@ void Daemon::gsync_on_ready_answer(const Client& c, const proto::Answer& a) {
   auto it = incoming_.find(a.req_id);
   if (it == incoming_.end()) return;
   incoming_.erase(it);
+  resync_gsync_ended(c.uuid, a.value == 0);
   if (a.value == 0) {
     ++gsyncs_done_;
     plat_syslog(PLAT_LOG_NOTICE, "sysmgrd: gsync %u of service %s complete", a.req_id, c.name.c_str());

@@ -8,7 +8,9 @@
 // active reported (its hellos) with the last one applied here: behind, with no progress for
 // RESYNC_STALL_MS, is a standby that will not catch up by itself, and the daemon starts a
 // gsync for it. A service whose applied table says out of sync with no gsync running for as
-// long (its own request was lost, or its gsync failed) is started the same way. One attempt per service per GSYNC_TIMEOUT_MS at most.
+// long (its own request was lost) is started the same way, at most once per GSYNC_TIMEOUT_MS.
+// A gsync that failed is retried by the daemon alone (the service waits for it), after a
+// wait that doubles with each failure in a row (RESYNC_RETRY_MS .. RESYNC_RETRY_MAX_MS).
 //
 // Status shows, per service, the stream's health as both sides publish it in their tables
 // (seqno_table.h): on the active whether frames for the standby fail to leave and how many
@@ -39,6 +41,7 @@ struct Health {
   uint32_t out_of_sync = 0;
   uint32_t missed = 0;
   uint32_t resyncs = 0;
+  uint32_t failed = 0;  // changes the store refused, all indexes
 };
 
 // The stream fields of a service's table (sent or applied), read from its shared file.
@@ -58,6 +61,7 @@ Health read_health(const std::string& path, uint32_t magic) {
     h.out_of_sync = __atomic_load_n(&t->out_of_sync, __ATOMIC_ACQUIRE);
     h.missed = __atomic_load_n(&t->missed, __ATOMIC_RELAXED);
     h.resyncs = __atomic_load_n(&t->resyncs, __ATOMIC_RELAXED);
+    for (uint32_t i = 1; i <= plat::sysmgr::kSeqnoMaxIndex; ++i) h.failed += __atomic_load_n(&t->slot[i].failed, __ATOMIC_ACQUIRE);
   }
   ::munmap(m, sizeof(SeqnoTable));
   return h;
@@ -70,6 +74,16 @@ uint64_t last_number(const proto::ServiceSeq& s, bool sent) {
 }
 
 long stall_ms() { return plat_config_get_long("RESYNC_STALL_MS", 1000); }
+
+// The wait before the gsync after the n-th failure in a row: RESYNC_RETRY_MS, doubled each
+// time, at most RESYNC_RETRY_MAX_MS.
+uint64_t retry_delay_ms(uint32_t n) {
+  const auto first = static_cast<uint64_t>(std::max(1L, plat_config_get_long("RESYNC_RETRY_MS", 1000)));
+  const auto most = static_cast<uint64_t>(std::max(1L, plat_config_get_long("RESYNC_RETRY_MAX_MS", 30000)));
+  uint64_t d = first;
+  for (uint32_t i = 1; i < n && d < most; ++i) d *= 2;
+  return std::min(d, most);
+}
 
 }  // namespace
 
@@ -89,7 +103,37 @@ nlohmann::json Daemon::stream_json(uint32_t pid) const {
   j["reason"] = plat::sysmgr::out_of_sync_name(applied.out_of_sync);
   j["missed"] = applied.missed;
   j["resyncs"] = applied.resyncs;
+  j["apply_failed"] = applied.failed;
+  // The daemon's own retries of a gsync that keeps failing.
+  for (const auto& [uuid, w] : resync_) {
+    const Client* c = client(uuid);
+    if (c == nullptr || c->pid != pid) continue;
+    j["gsyncs_failed_in_row"] = w.failed_in_row;
+    const uint64_t now = now_ns();
+    j["next_gsync_in_ms"] = w.failed_in_row != 0 && w.next_try_ns > now ? (w.next_try_ns - now) / 1000000ull : 0;
+  }
   return j;
+}
+
+// A gsync of the service ended. One that failed is not tried again at once (a shipment that
+// keeps failing, a standby whose disk is full, would otherwise run them back to back): the
+// wait doubles with each failure in a row, up to RESYNC_RETRY_MAX_MS; one that worked starts
+// the watch afresh.
+void Daemon::resync_gsync_ended(uint32_t uuid, bool ok) {
+  ResyncWatch& w = resync_[uuid];
+  const uint64_t now = now_ns();
+  w.since_ns = now;
+  if (ok) {
+    w.failed_in_row = 0;
+    w.next_try_ns = 0;
+    return;
+  }
+  ++w.failed_in_row;
+  const uint64_t wait = retry_delay_ms(w.failed_in_row);
+  w.next_try_ns = now + wait * 1000000ull;
+  const Client* c = client(uuid);
+  plat_syslog(PLAT_LOG_WARNING, "sysmgrd: service %s: gsync failed (%u in a row); the next one in %llu ms",
+              c != nullptr ? c->name.c_str() : "?", w.failed_in_row, static_cast<unsigned long long>(wait));
 }
 
 void Daemon::resync_tick(uint64_t now) {
@@ -102,24 +146,14 @@ void Daemon::resync_tick(uint64_t now) {
     if (applied != w.applied || w.since_ns == 0) w.applied = applied, w.since_ns = now;
     const bool busy = std::any_of(incoming_.begin(), incoming_.end(),
                                   [&](const auto& in) { return in.second.uuid == mine.uuid; });
-    if (busy) {
-      if (!w.busy) w.failures = gsyncs_failed_;
-      w.busy = true;
-      continue;
-    }
-    if (w.busy) {
-      // A gsync just ended: one that failed is not tried again at once (a shipment that keeps
-      // failing would otherwise run back to back); one that worked starts the watch afresh.
-      w.busy = false;
-      w.since_ns = now;
-      if (gsyncs_failed_ != w.failures) w.next_try_ns = now + static_cast<uint64_t>(o_.gsync_timeout_ms) * 1000000ull;
-    }
-    if (now < w.next_try_ns) continue;
+    if (busy || now < w.next_try_ns) continue;
+    const Health h = read_health(table_path("applied", c->pid), plat::sysmgr::kAppliedMagic);
+    // After a failed gsync the service waits for this daemon: the back-off alone decides.
+    const bool retry = w.failed_in_row != 0 && h.out_of_sync != 0;
     const auto peer = peer_active_seq_.find(mine.uuid);
     const uint64_t reported = peer != peer_active_seq_.end() ? last_number(peer->second, true) : 0;
-    if (now - w.since_ns < static_cast<uint64_t>(stall_ms()) * 1000000ull) continue;
-    const Health h = read_health(table_path("applied", c->pid), plat::sysmgr::kAppliedMagic);
-    if (reported <= applied && h.out_of_sync == 0) continue;
+    if (!retry && now - w.since_ns < static_cast<uint64_t>(stall_ms()) * 1000000ull) continue;
+    if (!retry && reported <= applied && h.out_of_sync == 0) continue;
     if (h.out_of_sync == 0)
       plat_syslog(PLAT_LOG_ERR, "sysmgrd: service %s: standby out of sync: applied HA number %llu, the active "
                   "reported %llu, no progress for %ld ms; starting a gsync", c->name.c_str(),
@@ -130,6 +164,7 @@ void Daemon::resync_tick(uint64_t now) {
     proto::Event ev;
     ev.kind = proto::EventKind::kGsyncStart;
     (void)send_event(*c, ev);
+    // The gsync shows as running once the service's request arrives; until then no second.
     w.next_try_ns = now + static_cast<uint64_t>(o_.gsync_timeout_ms) * 1000000ull;
     w.since_ns = now;
   }

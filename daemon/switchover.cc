@@ -18,16 +18,20 @@
 // only when all of them succeeded is the staging area synced and exchanged with the startup
 // area in one rename (all or nothing), otherwise it is removed.
 #include <fcntl.h>
+#include <signal.h>
 #include <stdio.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <map>
 #include <nlohmann/json.hpp>
 
 #include "daemon.h"
 #include "hadra_platform/log.h"
+#include "sysmgr/seqno_table.h"
 
 namespace hadra::sysmgrd {
 namespace {
@@ -37,6 +41,29 @@ namespace fs = std::filesystem;
 bool send_plain(uint32_t sap, uint32_t opcode) {
   return mts_send(SYSMGR_SAP, MTS_ADDR_LOCAL, sap, opcode, nullptr, 0, nullptr, MTS_SEND_NONBLOCK, nullptr) == 0;
 }
+
+// The part of a service's sequence-number table the loss report needs.
+struct SeqnoTableView {
+  uint32_t pid = 0;
+  uint32_t uuid = 0;
+  uint64_t seqno[proto::kMaxIndex + 1] = {};
+  uint32_t count[proto::kMaxIndex + 1] = {};
+};
+
+bool read_seqno_table(const std::string& path, SeqnoTableView* out) {
+  plat::sysmgr::SeqnoTable t{};
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return false;
+  const bool whole = ::pread(fd, &t, sizeof t, 0) == static_cast<ssize_t>(sizeof t);
+  ::close(fd);
+  if (!whole || t.magic != plat::sysmgr::kSeqnoMagic) return false;
+  out->pid = t.pid;
+  out->uuid = t.uuid;
+  for (uint32_t i = 1; i <= proto::kMaxIndex; ++i) out->seqno[i] = t.slot[i].seqno, out->count[i] = t.slot[i].reports;
+  return true;
+}
+
+bool pid_running(uint32_t pid) { return pid != 0 && (::kill(static_cast<pid_t>(pid), 0) == 0 || errno == EPERM); }
 
 bool sync_tree(const std::string& dir) {
   std::error_code ec;
@@ -50,6 +77,7 @@ bool sync_tree(const std::string& dir) {
 
 void Daemon::loss_report() {
   loss_.clear();
+  loss_amended_ = false;
   loss_known_ = !peer_active_seq_.empty();
   std::map<uint32_t, proto::ServiceSeq> mine;
   for (proto::ServiceSeq& s : own_sequences()) mine[s.uuid] = std::move(s);
@@ -67,6 +95,8 @@ void Daemon::loss_report() {
         for (const proto::DbSeq& o : own->second.dbs)
           if (o.index == d.index) r.last_applied = o.applied_seqno, applied = o.applied_count;
       r.missing = d.sent_count > applied ? d.sent_count - applied : 0;
+      r.reported_count = d.sent_count;
+      r.applied_count = applied;
       total += r.missing;
       plat_syslog(r.missing != 0 ? PLAT_LOG_ERR : PLAT_LOG_NOTICE,
                   "sysmgrd: loss report: service %s database %u: last reported %llu, last applied %llu, missing %llu%s",
@@ -81,6 +111,80 @@ void Daemon::loss_report() {
   else
     plat_syslog(total != 0 ? PLAT_LOG_ERR : PLAT_LOG_NOTICE, "sysmgrd: loss report: %llu sync messages lost in all",
                 static_cast<unsigned long long>(total));
+}
+
+// The loss report counts what the old active had reported (its hellos, every HEARTBEAT_MS)
+// against what this supervisor applied: changes it committed after its last report are not
+// in it. When the old active's daemon comes back, it finds the sequence-number tables its
+// dead services left under its root and sends them here; the report is then amended with the
+// real count. The tables are removed once sent, so an older life is never reported again.
+void Daemon::send_left_behind() {
+  if (!peer_ || peer_->role != 1) return;
+  const std::string dir = files::root_path(o_.root, "sysmgr");
+  struct Found {
+    std::string path;
+    SeqnoTableView t;
+    int64_t mtime = 0;
+  };
+  std::map<uint32_t, Found> newest;
+  std::vector<std::string> dead;
+  std::error_code ec;
+  for (const auto& e : fs::directory_iterator(dir, ec)) {
+    const std::string name = e.path().filename().string();
+    if (!name.starts_with("seqno-") || !name.ends_with(".tbl")) continue;
+    Found f;
+    f.path = e.path().string();
+    if (!read_seqno_table(f.path, &f.t) || pid_running(f.t.pid)) continue;
+    struct stat st {};
+    if (::stat(f.path.c_str(), &st) == 0) f.mtime = static_cast<int64_t>(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec;
+    dead.push_back(f.path);
+    auto it = newest.find(f.t.uuid);
+    if (it == newest.end() || f.mtime > it->second.mtime) newest[f.t.uuid] = f;
+  }
+  if (newest.empty()) return;
+  proto::PeerHello h;
+  h.slot = static_cast<uint8_t>(o_.slot);
+  h.role = static_cast<uint8_t>(role_);
+  h.boot_id = boot_id_;
+  for (const auto& [uuid, f] : newest) {
+    proto::ServiceSeq s;
+    s.uuid = uuid;
+    for (uint8_t i = 1; i <= proto::kMaxIndex; ++i)
+      if (f.t.count[i] != 0) s.dbs.push_back(proto::DbSeq{i, f.t.seqno[i], f.t.count[i], 0, 0});
+    if (!s.dbs.empty()) h.services.push_back(std::move(s));
+  }
+  if (h.services.empty() || !send_peer(proto::kPeerLeftBehind, encode(h))) return;
+  plat_syslog(PLAT_LOG_NOTICE, "sysmgrd: told the active peer how far %zu service(s) that stopped with this "
+              "supervisor had sent", h.services.size());
+  for (const std::string& p : dead) (void)::unlink(p.c_str());
+}
+
+void Daemon::on_left_behind(const proto::PeerHello& h) {
+  if (role_ != 1 || !loss_known_) return;
+  uint64_t more = 0;
+  bool any = false;
+  for (const proto::ServiceSeq& s : h.services)
+    for (const proto::DbSeq& d : s.dbs)
+      for (LossRow& r : loss_) {
+        if (r.uuid != s.uuid || r.index != d.index || r.amended || d.sent_count < r.reported_count) continue;
+        r.amended = any = true;
+        r.after_report = d.sent_count - r.reported_count;
+        r.last_reported = d.sent_seqno;
+        r.missing = d.sent_count > r.applied_count ? d.sent_count - r.applied_count : 0;
+        more += r.after_report;
+        plat_syslog(r.after_report != 0 ? PLAT_LOG_ERR : PLAT_LOG_NOTICE,
+                    "sysmgrd: loss report amended: service %s database %u: the old active sent %llu changes, %llu "
+                    "after its last report; missing %llu",
+                    r.service.c_str(), r.index, static_cast<unsigned long long>(d.sent_count),
+                    static_cast<unsigned long long>(r.after_report), static_cast<unsigned long long>(r.missing));
+      }
+  if (!any) return;
+  loss_amended_ = true;
+  uint64_t total = 0;
+  for (const LossRow& r : loss_) total += r.missing;
+  plat_syslog(total != 0 ? PLAT_LOG_ERR : PLAT_LOG_NOTICE,
+              "sysmgrd: loss report amended by the old active: %llu sync messages lost in all (%llu sent after its "
+              "last report)", static_cast<unsigned long long>(total), static_cast<unsigned long long>(more));
 }
 
 int Daemon::takeover(bool planned, std::string* why, bool by_source) {

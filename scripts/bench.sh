@@ -217,3 +217,12 @@ row() {  # label, hadra row, Redis row (or -), Redis label
   echo "without snapshots or append-only file, so its commits reach no disk; hadra's reach it"
   echo "within 100 ms (group). The sync row flushes every commit to disk before returning."
 } | tee "$out"
+
+# The active never waits on its standby: its writes with the standby absent, stopped and slow
+# (bench/stream_bench, two daemons and two services on this host).
+echo "== the active's writes with its standby absent, stopped, slow"
+{
+  echo
+  STALL_BENCH_RUNS="$rounds" "$build/bench/stream_bench" --benchmark_filter=NeverStall 2>>"$scratch/pair.log" |
+    sed -n '/^| the active/,$p'
+} | tee -a "$out"

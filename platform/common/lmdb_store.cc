@@ -18,6 +18,7 @@
 #include "hadra_platform/config.h"
 #include "hadra_platform/log.h"
 #include "log/log_internal.h"
+#include "hadra_platform_testing.h"
 
 namespace hadra::plat {
 namespace {
@@ -83,6 +84,18 @@ void after_fork_child() {
 }
 [[maybe_unused]] const bool g_fork_registered = (pthread_atfork(nullptr, nullptr, after_fork_child), true);
 
+thread_local WriteFailure t_failure;
+
+int note_failure(MDB_env* env, int rc) {
+  if (rc == 0) return 0;
+  ++t_failure.serial;
+  t_failure.rc = rc;
+  const char* path = nullptr;
+  if (env == nullptr || mdb_env_get_path(env, &path) != 0 || path == nullptr) path = "?";
+  std::snprintf(t_failure.path, sizeof t_failure.path, "%s", path);
+  return rc;
+}
+
 }  // namespace
 
 const char* failure_cause(int rc) {
@@ -108,6 +121,7 @@ void report_failure(const char* service, const char* what, MDB_env* env, int rc)
   if (env != nullptr) mdb_env_get_path(env, &path);
   report_failure(service, what, path, rc);
 }
+const WriteFailure& last_write_failure() { return t_failure; }
 
 LmdbOps& lmdb_ops() { return g_ops; }
 void reset_lmdb_ops() { g_ops = kLmdb; }
@@ -208,7 +222,7 @@ int StoreEnv::reserve(size_t extra) {
     allocated_ = map;  // nothing more to try
     return 0;
   }
-  if (rc != 0) return rc;
+  if (rc != 0) return note_failure(env_, rc);
   allocated_ = want;
   return 0;
 }
@@ -216,7 +230,20 @@ int StoreEnv::reserve(size_t extra) {
 int StoreEnv::commit(MDB_txn* txn) {
   int rc = g_ops.txn_commit(txn);
   if (rc == 0 && tracked_ != nullptr) static_cast<Tracked*>(tracked_)->dirty.store(true, std::memory_order_release);
-  return rc;
+  return note_failure(env_, rc);
 }
 
 }  // namespace hadra::plat
+
+namespace {
+std::atomic<int> g_forced_commit_rc{0};
+int forced_commit_failure(MDB_txn* txn) {
+  mdb_txn_abort(txn);  // LMDB's commit frees the transaction whatever its result
+  return g_forced_commit_rc.load();
+}
+}  // namespace
+
+extern "C" HADRA_PLAT_API void plat_test_store_fail_commits(int err) noexcept {
+  g_forced_commit_rc.store(err);
+  hadra::plat::lmdb_ops().txn_commit = err != 0 ? &forced_commit_failure : &mdb_txn_commit;
+}

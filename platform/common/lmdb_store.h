@@ -24,6 +24,7 @@
 #include <sys/types.h>
 
 #include <cstddef>
+#include <cstdint>
 
 namespace hadra::plat {
 
@@ -51,6 +52,16 @@ const char* failure_cause(int rc);
 void report_failure(const char* service, const char* what, const char* path, int rc);
 // The same for an environment; its file is asked of LMDB.
 void report_failure(const char* service, const char* what, MDB_env* env, int rc);
+// The last write a store of this thread could not make (a commit, or blocks for the map):
+// the LMDB or errno value and the store's file. serial counts such failures, so a caller can
+// tell whether a call it made failed beneath the platform's own report (the standby's receive
+// loop names the cause of an apply the store refused).
+struct WriteFailure {
+  uint64_t serial = 0;
+  int rc = 0;
+  char path[256] = {};
+};
+const WriteFailure& last_write_failure();
 
 // One live store environment as the stores open it.
 class StoreEnv {

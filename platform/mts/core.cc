@@ -665,8 +665,10 @@ uint64_t last_sent(uint32_t sap, uint32_t dst_sap, uint32_t* epoch) {
 
 namespace {
 
-// A frame of the backlog (or the resend's closing reply) on its way again.
-int transmit_again(Global& s, Transport* tp, uint32_t sap, uint32_t dst_sap, const uint8_t* p, size_t n) {
+// A frame of the backlog (or the resend's closing reply) on its way again; nonblock: without
+// waiting for queue room.
+int transmit_again(Global& s, Transport* tp, uint32_t sap, uint32_t dst_sap, const uint8_t* p, size_t n,
+                   bool nonblock = false) {
   Frame f = Frame::allocate(n);
   if (f.empty()) {
     errno = ENOMEM;
@@ -677,6 +679,7 @@ int transmit_again(Global& s, Transport* tp, uint32_t sap, uint32_t dst_sap, con
   Outgoing o;
   o.src_sap = sap;
   o.route = Route{true, dst_sap};
+  if (nonblock) o.flags = MTS_SEND_NONBLOCK;
   return route_frame(s, tp, o, WireHdr(), std::move(f));
 }
 
@@ -730,9 +733,14 @@ int resend(uint32_t sap, uint32_t dst_sap, uint32_t epoch, uint64_t from, uint32
   else if (from < first)
     err = ERANGE;  // the backlog no longer holds it all
   uint64_t n = from;
+  // Each frame goes only if the queue has room now: a full queue ends this part (EAGAIN in
+  // the reply, numbered with the last frame that went) instead of holding the active's loop.
   for (; err == 0 && n <= ts.st.last; ++n) {
     const std::vector<uint8_t>& b = ts.backlog[n - first];
-    if (transmit_again(s, tp.get(), sap, dst_sap, b.data(), b.size()) != 0) err = errno != 0 ? errno : EIO;
+    if (transmit_again(s, tp.get(), sap, dst_sap, b.data(), b.size(), true) != 0) {
+      err = errno != 0 ? errno : EIO;
+      break;
+    }
   }
   const uint64_t upto = n - 1;
   send_resend_reply(s, tp.get(), *ep, dst_sap, reply_opcode, node, upto, err);

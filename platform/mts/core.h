@@ -90,7 +90,9 @@ bool tx_state(uint32_t sap, uint32_t dst_sap, TxState* out);
 // also flagged, numbered with the last frame resent (*end) and carrying the result (4 bytes,
 // little-endian: 0, or the errno). -1 with errno: ESTALE the stream has another epoch now,
 // EINVAL from is beyond the stream, ERANGE the backlog (MTS_BACKLOG_BYTES) no longer holds
-// from, or the transport's error when a frame could not go.
+// from, or the transport's error when a frame could not go. The frames never wait for queue
+// room (the active must not wait on its standby): when the queue is full the resend stops,
+// and the reply says EAGAIN with the last frame that went; the standby asks for the rest.
 int resend(uint32_t sap, uint32_t dst_sap, uint32_t epoch, uint64_t from, uint32_t reply_opcode, uint64_t* end);
 // Whether a peer stream of this process is broken now; *missed: frames of blocking peer sends
 // that did not leave since MTS started. Lock-free, for every change's bookkeeping.

@@ -299,6 +299,13 @@ void applied_note(uint32_t index, uint64_t seqno) noexcept {
   __atomic_fetch_add(&t->slot[index].reports, 1u, __ATOMIC_RELEASE);
 }
 
+void applied_failed(uint32_t index) noexcept {
+  if (index < 1 || index > kSeqnoMaxIndex) return;
+  Applied& a = applied();
+  std::lock_guard<std::mutex> lock(a.mu);
+  __atomic_fetch_add(&applied_table_locked(a)->slot[index].failed, 1u, __ATOMIC_RELEASE);
+}
+
 void leave_hello(const std::vector<uint8_t>& hello) noexcept {
   char uri[64];
   std::snprintf(uri, sizeof uri, "sysmgr:/client-%d.hello", static_cast<int>(::getpid()));

@@ -55,6 +55,8 @@ struct Lib {
   // The registry and the handle, to check what a configuration write left (null: unchecked).
   hadra_ha_pss_entry* registry = nullptr;
   const hadra_ha_handle_t* handle = nullptr;
+  // Optional (null: failed applies go unnoticed): the dispatcher's count of changes not applied.
+  decltype(&hadra_ha_dispatch_failures) dispatch_failures = nullptr;
 };
 // Use lib instead of the library found by name (null: back to it). For tests of the loop's
 // routing; not thread-safe against a loop in progress.
@@ -76,6 +78,8 @@ void leave_hello(const std::vector<uint8_t>& hello) noexcept;
 // by every applied sync message.
 void applied_reset(const proto::IndexCount (&at)[proto::kMaxIndex + 1]) noexcept;
 void applied_note(uint32_t index, uint64_t seqno) noexcept;
+// The store refused a change of index: counted per index.
+void applied_failed(uint32_t index) noexcept;
 // The copy is out of step for why (a kOutOfSync* reason), missed more changes known lost;
 // applied_reset (gsync ready) puts it back in step.
 void applied_out_of_sync(uint32_t why, uint64_t missed) noexcept;

@@ -44,6 +44,10 @@ enum Opcode : uint32_t {
   kManifest = SYSMGR_SAP + 0x33,
   kGsyncFail = SYSMGR_SAP + 0x34,
   kTakeOver = SYSMGR_SAP + 0x35,
+  // A daemon that finds sequence-number tables of services that died with it (a crash of the
+  // old active) tells its active peer how far they had sent: a PeerHello payload whose
+  // services carry those last numbers (sent_seqno, sent_count).
+  kPeerLeftBehind = SYSMGR_SAP + 0x3c,
   // operator -> daemon, and the daemon's reply
   kCommand = SYSMGR_SAP + 0x40,
   kCommandReply = SYSMGR_SAP + 0x41,

@@ -38,7 +38,10 @@
 #include <cstring>
 #include <string>
 
+#include <lmdb.h>
+
 #include "common/call.h"
+#include "common/lmdb_store.h"
 #include "hadra_platform/config.h"
 #include "hadra_platform/errors.h"
 #include "hadra_platform/log.h"
@@ -71,6 +74,7 @@ const Lib* lib() {
                     find(&l.active_marker, "sysmgrcb_switchover_active_marker") &&
                     find(&l.switchover_done, "sysmgrcb_switchover_done") &&
                     find(&l.cfg_write, "hadra_sysmgr_cfg_write_cb");
+    (void)find(&l.dispatch_failures, "hadra_ha_dispatch_failures");
     l.registry = static_cast<hadra_ha_pss_entry*>(::dlsym(RTLD_DEFAULT, "hadra_ha_pss"));
     l.handle = static_cast<const hadra_ha_handle_t*>(::dlsym(RTLD_DEFAULT, "hadra_ha_handle"));
     return ok ? &l : nullptr;
@@ -135,19 +139,77 @@ bool ask_resend(uint32_t sap, const mts::MsgInfo& mi) {
   return false;
 }
 
-void go_out_of_sync(uint32_t sap, const mts::MsgInfo& mi, uint32_t why, uint64_t missed) {
+void resend_over(uint32_t sap, bool complete, const char* why);
+
+// detail: what happened, for the log line (empty: the numbers say it).
+void go_out_of_sync(uint32_t sap, const mts::MsgInfo& mi, uint32_t why, uint64_t missed,
+                    const std::string& detail = {}) {
   Step& st = step();
   st.out = why;
   st.asked = false;
   // Missed from a stream it knows: the active's backlog may still hold what is missing.
   st.resending = st.known && mi.h.epoch == st.epoch && partial_wanted() && ask_resend(sap, mi);
   st.resend_deadline_ns = plat_now_ns() + partial_wait_ns();
-  log::writef(PLAT_LOG_ERR, "sysmgr: SAP %u: standby out of sync: %s at HA number %llu (last taken %llu), %llu "
-              "changes missed; applying nothing out of order until %s brings the copy back",
-              sap, out_of_sync_name(why), static_cast<unsigned long long>(mi.h.ha_seqno),
-              static_cast<unsigned long long>(st.last), static_cast<unsigned long long>(missed),
-              st.resending ? "a resend from the active's backlog (or else a gsync)" : "a gsync");
+  const char* how = st.resending ? "a resend from the active's backlog (or else a gsync)" : "a gsync";
+  if (detail.empty())
+    log::writef(PLAT_LOG_ERR, "sysmgr: SAP %u: standby out of sync: %s at HA number %llu (last taken %llu), %llu "
+                "changes missed; applying nothing out of order until %s brings the copy back",
+                sap, out_of_sync_name(why), static_cast<unsigned long long>(mi.h.ha_seqno),
+                static_cast<unsigned long long>(st.last), static_cast<unsigned long long>(missed), how);
+  else
+    log::writef(PLAT_LOG_ERR, "sysmgr: SAP %u: standby out of sync: %s; applying nothing more until %s brings the "
+                "copy back", sap, detail.c_str(), how);
   applied_out_of_sync(why, missed);
+}
+
+// ---- Changes the store refused ----
+
+uint32_t& apply_failures() {
+  static uint32_t n = 0;
+  return n;
+}
+void reset_apply_failures() { apply_failures() = 0; }
+const bool g_apply_failures_reset = (hadra::plat::register_reset(&reset_apply_failures), true);
+
+// The database a registry index names, for the log.
+std::string database_name(uint8_t index) {
+  const Lib* l = lib();
+  std::string name = "database " + std::to_string(index);
+  if (l->registry != nullptr && index >= 1 && index <= HADRA_HA_MAX_DB && l->registry[index].uri[0] != '\0')
+    name += " (" + std::string(l->registry[index].uri, strnlen(l->registry[index].uri, sizeof l->registry[index].uri)) + ")";
+  return name;
+}
+
+// The dispatcher did not apply mi (number n): the copy misses it. The number is given back so
+// that a resend starts with it; nothing after it is applied until the copy is back in step.
+void apply_failed(uint32_t sap, const mts::MsgInfo& mi, uint8_t index, uint32_t opcode, uint64_t store_serial) {
+  Step& st = step();
+  st.last = mi.h.ha_seqno - 1;
+  const uint32_t n = ++apply_failures();
+  applied_failed(index);
+  const WriteFailure& wf = last_write_failure();
+  std::string cause = wf.serial != store_serial
+                          ? std::string(mdb_strerror(wf.rc)) + " (" + wf.path + ")"
+                          : std::string("refused by the store or the library (its report above says why)");
+  char head[160];
+  std::snprintf(head, sizeof head, "apply of sync opcode %u (HA number %llu) to ", opcode,
+                static_cast<unsigned long long>(mi.h.ha_seqno));
+  const std::string detail = head + database_name(index) + " failed: " + cause + "; " + std::to_string(n) +
+                             (n == 1 ? " apply" : " applies") + " failed since the service started";
+  if (st.out != 0 && st.resending) {
+    // The resend ran into the same trouble: a gsync, not another resend, brings it back, and
+    // not at once (a store that refused twice in a row is given a moment, and a gsync after
+    // which the store refuses again does not repeat back to back): the daemon starts it once
+    // the copy made no progress for RESYNC_STALL_MS.
+    log::writef(PLAT_LOG_ERR, "sysmgr: SAP %u: standby out of sync: %s; the resend was refused too, the daemon "
+                "will start a gsync", sap, detail.c_str());
+    applied_out_of_sync(kOutOfSyncApplyFailed, 1);
+    st.out = kOutOfSyncApplyFailed;
+    st.resending = false;
+    st.asked = true;
+    return;
+  }
+  go_out_of_sync(sap, mi, kOutOfSyncApplyFailed, 1, detail);
 }
 
 void hold(uint32_t sap, const mts_msg_ref& ref);
@@ -184,9 +246,19 @@ int dispatch_in_order(uint32_t sap, const mts_msg_ref& ref, const mts::MsgInfo& 
   st.known = true;
   st.epoch = mi.h.epoch;
   st.last = mi.h.ha_seqno;
-  if (lib()->dispatch(&ref) != 0) {
+  const Lib* l = lib();
+  const uint32_t failures = l->dispatch_failures != nullptr ? l->dispatch_failures(nullptr, nullptr) : 0;
+  const uint64_t store_serial = last_write_failure().serial;
+  if (l->dispatch(&ref) != 0) {
     *other = ref;
     return SYSMGR_RX_OTHER;
+  }
+  uint8_t index = 0;
+  uint32_t opcode = 0;
+  if (l->dispatch_failures != nullptr && l->dispatch_failures(&index, &opcode) != failures) {
+    apply_failed(sap, mi, index, opcode, store_serial);
+    (void)mts_drop(sap, &ref);
+    return SYSMGR_RX_SYNC;
   }
   // The first payload byte of a sync message is its registry index.
   const auto* p = static_cast<const uint8_t*>(mi.payload);
@@ -222,13 +294,16 @@ int while_out_of_sync(uint32_t sap, const mts_msg_ref& ref, const mts::MsgInfo& 
     return SYSMGR_RX_SYNC;
   }
   // A gsync already under way (the daemon started one) brings the copy back as well; a second
-  // request would only supersede it.
-  if (!st.asked) st.asked = state().gsync.pending || link().gsync_get(0) == 0;
+  // request would only supersede it. After a failed gsync the daemon tries again after its
+  // back-off: asking at every message would run failing gsyncs back to back.
+  if (!st.asked && st.out != kOutOfSyncGsyncFailed) st.asked = state().gsync.pending || link().gsync_get(0) == 0;
   if (state().gsync.pending) {
     hold(sap, ref);
     return SYSMGR_RX_SYNC;
   }
+  // Not applied and not coming back by itself: the copy misses it until the gsync.
   (void)mts_drop(sap, &ref);
+  applied_out_of_sync(st.out, 1);
   return SYSMGR_RX_SYNC;
 }
 
@@ -245,6 +320,8 @@ void on_resend_get(uint32_t sap, const mts::MsgInfo& mi) {
   if (mts::resend(sap, mi.h.src_sap, g.epoch, g.from, proto::kResendReply, &end) == 0)
     log::writef(PLAT_LOG_NOTICE, "sysmgr: SAP %u: resent HA numbers %llu..%llu to the standby", sap,
                 static_cast<unsigned long long>(g.from), static_cast<unsigned long long>(end));
+  else if (errno == EAGAIN)
+    ;  // the queue to the standby is full: it asks for the rest once it took this part
   else
     log::writef(PLAT_LOG_WARNING, "sysmgr: SAP %u: cannot resend from HA number %llu to the standby (%s); it will "
                 "fall back to a gsync", sap, static_cast<unsigned long long>(g.from), std::strerror(errno));
@@ -256,6 +333,13 @@ void on_resend_reply(uint32_t sap, const mts::MsgInfo& mi) {
   if (!st.resending || mi.h.epoch != st.epoch) return;  // late: the gsync took over
   const auto* p = static_cast<const uint8_t*>(mi.payload);
   const uint32_t err = p != nullptr && mi.h.payload_len == 4 ? static_cast<uint32_t>(mts::get_le(p, 4)) : EBADMSG;
+  if (err == EAGAIN && st.last >= mi.h.ha_seqno) {
+    // A part of the resend (the active sends no more than its queue to us holds at once):
+    // everything of it was taken, so the rest is asked for.
+    st.resend_deadline_ns = plat_now_ns() + partial_wait_ns();
+    if (!ask_resend(sap, mi)) resend_over(sap, false, "the rest could not be asked for");
+    return;
+  }
   if (err != 0) return resend_over(sap, false, std::strerror(static_cast<int>(err)));
   if (st.last < mi.h.ha_seqno) return resend_over(sap, false, "frames of the resend were lost");
   resend_over(sap, true, "");
@@ -292,19 +376,26 @@ void hold(uint32_t sap, const mts_msg_ref& ref) {
   (void)mts_drop(sap, &ref);
 }
 
-// Gsync over (ready or failed): what was held goes to the dispatcher in order.
-void release_held() {
+// Gsync over. Ready: what was held goes to the dispatcher in order. Failed: the copies are
+// not usable (a fresh standby has none yet), so what was held follows a hole: it is dropped
+// and counted, never applied, and the copy stays out of sync until a later gsync succeeds
+// (the daemon tries again after its back-off, or the next message asks).
+void release_held(uint32_t sap, bool ready) {
   State& s = state();
   const bool again = s.gsync.overflowed;
   s.gsync.pending = false;
   s.gsync.overflowed = false;
-  if (step().out != 0) {
-    // Still out of step (the gsync failed): what was held follows a hole and is not applied.
+  if (!ready || step().out != 0) {
+    const size_t dropped = s.held.size();
     for (const mts_msg_ref& r : s.held) (void)mts_drop(s.sap, &r);
     s.held.clear();
-    step().asked = false;
-    applied_out_of_sync(kOutOfSyncGsyncFailed, 0);
-    step().out = kOutOfSyncGsyncFailed;
+    log::writef(PLAT_LOG_ERR, "sysmgr: SAP %u: standby out of sync: gsync failed; %zu sync messages held during it "
+                "dropped, not applied; waiting for the next gsync", sap, dropped);
+    Step& st = step();
+    st.asked = false;
+    st.resending = false;
+    st.out = kOutOfSyncGsyncFailed;
+    applied_out_of_sync(kOutOfSyncGsyncFailed, dropped);
     return;
   }
   while (!s.held.empty()) {
@@ -356,18 +447,28 @@ bool on_event(const mts_msg_ref& ref, const proto::Event& ev) {
     case proto::EventKind::kGsyncSnapshot:
       (void)lib()->gsync_snapshot(&ctx, ev.uri.c_str(), nullptr);
       return false;
-    case proto::EventKind::kGsyncReady:
+    case proto::EventKind::kGsyncReady: {
+      // 1: the service's hook took the answer over (and the rebuild with it).
+      const int rc = lib()->gsync_ready(&ctx, ev.uri.c_str(), nullptr);
+      if (rc != 0 && rc != 1) {
+        // The copies could not be rebuilt from the snapshot (a full disk, a store that
+        // refuses): nothing may be applied to them, and the copy is not in step.
+        log::writef(PLAT_LOG_ERR, "sysmgr: SAP %u: the copies could not be rebuilt from the gsync's snapshot "
+                    "(result %d; the library's report names the database)", s.sap, rc);
+        release_held(s.sap, false);
+        return false;
+      }
       s.gsync.covered = true;
       s.gsync.point = ev.point;
       s.gsync.epoch = ev.epoch;
-      (void)lib()->gsync_ready(&ctx, ev.uri.c_str(), nullptr);
       applied_reset(ev.at_point);
       back_in_step(ev.epoch, ev.point);
-      release_held();
+      release_held(s.sap, true);
       return false;
+    }
     case proto::EventKind::kGsyncFailed:
       (void)lib()->gsync_failed(&ctx);
-      release_held();
+      release_held(s.sap, false);
       return false;
     case proto::EventKind::kSwitchover:
       set_local_supstate(1);

@@ -39,6 +39,7 @@ constexpr uint32_t kOutOfSyncGap = 1;        // sequence numbers skipped (lost o
 constexpr uint32_t kOutOfSyncRepeat = 2;     // a number already passed came again
 constexpr uint32_t kOutOfSyncOverflow = 3;   // the receive queue was full and dropped frames
 constexpr uint32_t kOutOfSyncGsyncFailed = 4;  // the resync itself failed; the next one is due
+constexpr uint32_t kOutOfSyncApplyFailed = 5;  // the store refused a change (disk full, I/O error)
 
 inline const char* out_of_sync_name(uint32_t v) {
   switch (v) {
@@ -47,6 +48,7 @@ inline const char* out_of_sync_name(uint32_t v) {
     case kOutOfSyncRepeat: return "repeated or reordered message";
     case kOutOfSyncOverflow: return "receive queue full";
     case kOutOfSyncGsyncFailed: return "gsync failed";
+    case kOutOfSyncApplyFailed: return "apply failed";
     default: return "unknown";
   }
 }
@@ -54,7 +56,8 @@ inline const char* out_of_sync_name(uint32_t v) {
 struct SeqnoSlot {
   uint64_t seqno;    // last MTS HA sequence number reported for the index
   uint32_t reports;  // number of reports since the table was (re)prepared
-  uint32_t reserved;
+  uint32_t failed;   // applied table: changes of the index the store refused, since the start
+                     // (zero in the sent table, and in earlier writers)
 };
 
 struct SeqnoTable {

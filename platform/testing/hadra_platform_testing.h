@@ -74,6 +74,9 @@ HADRA_PLAT_API void plat_test_sysmgr_set_startup_cfg_uri(const char *uri) PLAT_N
 HADRA_PLAT_API void plat_test_sysmgr_set_file_prefix(const char *prefix) PLAT_NOEXCEPT;
 HADRA_PLAT_API void plat_test_sysmgr_set_stateful_restart(int stateful) PLAT_NOEXCEPT;
 HADRA_PLAT_API void plat_test_sysmgr_set_uuid(uint32_t uuid) PLAT_NOEXCEPT;
+/* Every store commit of this process fails with err beneath the stores (ENOSPC, EIO,
+ * MDB_MAP_FULL, ...), as a full or failing disk would make it; 0 puts LMDB's commit back. */
+HADRA_PLAT_API void plat_test_store_fail_commits(int err) PLAT_NOEXCEPT;
 /* Number of sysmgr_gsync_get() requests since reset. */
 HADRA_PLAT_API unsigned plat_test_sysmgr_gsync_requests(void) PLAT_NOEXCEPT;
 /* Last sequence number reported for index (1..10) and how many reports it had; -1 if none. */

@@ -2,6 +2,7 @@
 // gsync holds back and lets through, which events reach which callback, and what goes back
 // to the caller. Messages come through the loopback transport as the daemon and the peer
 // would send them.
+#include <algorithm>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -29,14 +30,27 @@ struct Seen {
   std::vector<std::string> calls;
   int dispatch_result = 0;
   int switchover_result = 1;
+  int ready_result = 0;
+  std::vector<uint64_t> refuse;  // HA numbers whose next dispatch the store refuses
+  uint32_t failures = 0;
 };
 Seen* g_seen = nullptr;
 
 int fake_dispatch(const mts_msg_ref* m) noexcept {
-  g_seen->dispatched.push_back(mts_ha_seqno_get(m));
+  const uint64_t n = mts_ha_seqno_get(m);
+  g_seen->dispatched.push_back(n);
+  auto& r = g_seen->refuse;
+  if (auto it = std::find(r.begin(), r.end(), n); it != r.end()) r.erase(it), ++g_seen->failures;
   return g_seen->dispatch_result;
 }
-int fake_gsync(void*, const char* uri, void*) noexcept { return g_seen->calls.push_back(std::string("ready ") + uri), 0; }
+uint32_t fake_failures(uint8_t* index, uint32_t* opcode) noexcept {
+  if (index != nullptr) *index = 1;
+  if (opcode != nullptr) *opcode = 1;
+  return g_seen->failures;
+}
+int fake_gsync(void*, const char* uri, void*) noexcept {
+  return g_seen->calls.push_back(std::string("ready ") + uri), g_seen->ready_result;
+}
 int fake_snapshot(void*, const char* uri, void*) noexcept { return g_seen->calls.push_back(std::string("snapshot ") + uri), 0; }
 int fake_failed(void* ctx) noexcept {
   g_seen->calls.push_back("failed " + std::to_string(static_cast<sysmgr_req_ctx*>(ctx)->status));
@@ -52,6 +66,10 @@ int fake_cfg(void*, const char* uri) noexcept { return g_seen->calls.push_back(s
 
 const cl::Lib kFake = {&fake_dispatch,   &fake_snapshot, &fake_gsync, &fake_failed, &fake_switchover,
                        &fake_marker,     &fake_done,     &fake_cfg,   nullptr,      nullptr};
+// The same, telling the loop which dispatches the store refused.
+const cl::Lib kFakeCounting = {&fake_dispatch, &fake_snapshot, &fake_gsync, &fake_failed, &fake_switchover,
+                               &fake_marker,   &fake_done,     &fake_cfg,   nullptr,      nullptr,
+                               &fake_failures};
 
 class ReceiveLoopTest : public hadra::test::PlatformTest {
  protected:
@@ -121,21 +139,6 @@ TEST_F(ReceiveLoopTest, DuringAGsyncSyncMessagesWaitAndOnlyThoseAfterTheSnapshot
   EXPECT_EQ(t.slot[1].seqno, 6u);
 }
 
-TEST_F(ReceiveLoopTest, TooManyHeldMessagesAskForAnotherGsync) {
-  hadra::test::ScopedConfig hold("SYNC_HOLD_MAX", "2");
-  cl::state().gsync.pending = true;
-  for (uint64_t n = 1; n <= 3; ++n) from_peer(n);
-  for (int i = 0; i < 3; ++i) EXPECT_EQ(next(), SYSMGR_RX_SYNC);
-  EXPECT_EQ(cl::state().held.size(), 2u);
-  proto::Event failed;
-  failed.kind = proto::EventKind::kGsyncFailed;
-  failed.status = 7;
-  from_daemon(failed);
-  EXPECT_EQ(next(), SYSMGR_RX_EVENT);
-  EXPECT_EQ(seen_.calls, std::vector<std::string>{"failed 7"});
-  EXPECT_EQ(plat_test_sysmgr_gsync_requests(), 1u);  // asked again
-}
-
 // The applied table, as the daemon reads it.
 hadra::plat::sysmgr::SeqnoTable applied_table(const std::string& root) {
   hadra::plat::sysmgr::SeqnoTable t{};
@@ -151,6 +154,59 @@ hadra::plat::sysmgr::SeqnoTable applied_table(const std::string& root) {
 // endpoint of this process are relabelled as coming from kSap there.
 void as_same_service(std::vector<uint8_t>& frame) {
   for (int i = 0; i < 4; ++i) frame[12 + i] = static_cast<uint8_t>(kSap >> (8 * i));
+}
+
+// A gsync that fails (the daemon says so, or the copies cannot be rebuilt from the snapshot)
+// leaves copies that nothing may be applied to: what was held is dropped and counted, the copy
+// stays out of sync, and the service does not ask again by itself (the daemon retries after
+// its back-off). Held beyond the bound on a gsync that worked: another is asked for at once.
+TEST_F(ReceiveLoopTest, AFailedGsyncDropsWhatItHeldAndLeavesTheRetryToTheDaemon) {
+  namespace sm = hadra::plat::sysmgr;
+  hadra::test::ScopedConfig hold("SYNC_HOLD_MAX", "2");
+  plat_test_log_capture(1);
+  proto::Event failed;
+  failed.kind = proto::EventKind::kGsyncFailed;
+  failed.status = 7;
+  proto::Event ready;
+  ready.kind = proto::EventKind::kGsyncReady;
+  ready.uri = "snap:/gsync-1";
+  for (int variant = 0; variant < 2; ++variant) {
+    SCOPED_TRACE(variant == 0 ? "gsync failed" : "rebuild failed");
+    seen_ = Seen();
+    seen_.ready_result = 5;
+    cl::state().gsync.pending = true;
+    const uint64_t base = 10u * static_cast<uint64_t>(variant);
+    for (uint64_t n = 1; n <= 3; ++n) from_peer(base + n);
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(next(), SYSMGR_RX_SYNC);
+    EXPECT_EQ(cl::state().held.size(), 2u);
+    const unsigned asked = plat_test_sysmgr_gsync_requests();
+    const sm::SeqnoTable before = applied_table(root());
+    from_daemon(variant == 0 ? failed : ready);
+    EXPECT_EQ(next(), SYSMGR_RX_EVENT);
+    from_peer(base + 4);  // a live change after it: not applied either, and no request
+    EXPECT_EQ(next(), SYSMGR_RX_SYNC);
+    EXPECT_TRUE(seen_.dispatched.empty());
+    EXPECT_TRUE(cl::state().held.empty());
+    EXPECT_EQ(mts_test_held(kSap), 0u);
+    EXPECT_EQ(plat_test_sysmgr_gsync_requests(), asked);
+    const sm::SeqnoTable t = applied_table(root());
+    EXPECT_EQ(t.out_of_sync, sm::kOutOfSyncGsyncFailed);
+    EXPECT_EQ(t.missed - before.missed, 3u);  // the two held and the live one
+  }
+  // A gsync that worked after too many held: asked again.
+  seen_ = Seen();
+  cl::state().gsync.pending = true;
+  for (uint64_t n = 21; n <= 23; ++n) from_peer(n);
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(next(), SYSMGR_RX_SYNC);
+  hadra::plat::mts::MsgInfo mi;
+  ASSERT_TRUE(hadra::plat::mts::info(&cl::state().held.front(), &mi));
+  ready.point = 20;
+  ready.epoch = mi.h.epoch;
+  const unsigned asked = plat_test_sysmgr_gsync_requests();
+  from_daemon(ready);
+  EXPECT_EQ(next(), SYSMGR_RX_EVENT);
+  EXPECT_EQ(plat_test_sysmgr_gsync_requests(), asked + 1);
+  EXPECT_EQ(applied_table(root()).out_of_sync, 0u);
 }
 
 // A dropped, a duplicated and a reordered sync message (frames played to the endpoint as the
@@ -278,6 +334,42 @@ TEST_F(ReceiveLoopTest, AHoleTheActiveStillHoldsIsFilledByAResendWithoutAGsync) 
   EXPECT_EQ(t.slot[1].reports, 6u);
 }
 
+// The active never waits for room while it resends: a queue to the standby that is full ends
+// the part it sent (the reply says so), and the standby asks for the rest, without a gsync.
+TEST_F(ReceiveLoopTest, AResendThatFindsTheQueueFullIsFinishedInParts) {
+  ASSERT_EQ(mts_bind(kActive), 0);
+  plat_test_log_capture(1);
+  const uint8_t payload[4] = {1, 0, 0, 0};
+  for (int i = 0; i < 5; ++i)
+    ASSERT_EQ(mts_send(kActive, MTS_ADDR_PEER, kSap, kSyncOpc, payload, 4, nullptr, 0, nullptr), 0);
+  std::vector<std::vector<uint8_t>> frames;
+  while (mts_test_peer_count() != 0) {
+    std::vector<uint8_t> f(static_cast<size_t>(mts_test_peer_read(nullptr, 0, 0)));
+    mts_test_peer_read(f.data(), f.size(), 1);
+    as_same_service(f);
+    frames.push_back(f);
+  }
+  for (int n : {1, 4}) ASSERT_EQ(mts_test_feed(frames[n - 1].data(), frames[n - 1].size()), 0);  // 2, 3 lost
+  while (next() != SYSMGR_RX_NONE) {
+  }
+  forward_all();  // the request reaches the active
+  mts_test_peer_refuse(1);  // its queue to the standby is full for the first frame resent
+  mts_msg_ref other;
+  EXPECT_EQ(sysmgr_client_next(kActive, 0, &other), SYSMGR_RX_EVENT);
+  forward_all();  // only the reply: nothing went
+  while (next() != SYSMGR_RX_NONE) {
+  }
+  EXPECT_EQ(seen_.dispatched, (std::vector<uint64_t>{1}));
+  forward_all();  // the standby asked for the rest
+  EXPECT_EQ(sysmgr_client_next(kActive, 0, &other), SYSMGR_RX_EVENT);
+  forward_all();
+  while (next() != SYSMGR_RX_NONE) {
+  }
+  EXPECT_EQ(seen_.dispatched, (std::vector<uint64_t>{1, 2, 3, 4, 5}));
+  EXPECT_EQ(plat_test_sysmgr_gsync_requests(), 0u);
+  EXPECT_EQ(applied_table(root()).out_of_sync, 0u);
+}
+
 TEST_F(ReceiveLoopTest, EventsReachTheirCallbacksAndEverythingElseGoesBack) {
   // Not for the loop: a local message of the service, and a peer message the dispatcher refuses.
   ASSERT_EQ(mts_test_deliver(kSap, 900, 0, 77, 0, 0, 0, "x", 1), 0);
@@ -342,3 +434,72 @@ TEST_F(ReceiveLoopTest, OnlyThePeersStreamChangesACopyAndOnlyOnAStandby) {
 }
 
 }  // namespace
+
+// A change the store refuses (the dispatcher counts it): nothing after it is applied, the
+// applied table says why and counts it for the index, one line names it, and the active
+// resends from that very change. A store that works again is back in step without a gsync;
+// one that refuses the resend too stays out of sync and leaves the gsync to its daemon.
+TEST_F(ReceiveLoopTest, AChangeTheStoreRefusesStopsTheStreamUntilAResendOrAGsync) {
+  namespace sm = hadra::plat::sysmgr;
+  cl::set_library(&kFakeCounting);
+  ASSERT_EQ(mts_bind(kActive), 0);
+  plat_test_log_capture(1);
+  const uint8_t payload[4] = {1, 0, 0, 0};
+  auto send = [&](int count) {
+    for (int i = 0; i < count; ++i)
+      ASSERT_EQ(mts_send(kActive, MTS_ADDR_PEER, kSap, kSyncOpc, payload, 4, nullptr, 0, nullptr), 0);
+  };
+  auto drain = [&] {
+    while (next() != SYSMGR_RX_NONE) {
+    }
+  };
+  seen_.refuse = {3};
+  send(5);
+  forward_all();
+  drain();
+  EXPECT_EQ(seen_.dispatched, (std::vector<uint64_t>{1, 2, 3}));  // 4 and 5 wait
+  sm::SeqnoTable t = applied_table(root());
+  EXPECT_EQ(t.out_of_sync, sm::kOutOfSyncApplyFailed);
+  EXPECT_EQ(t.slot[1].failed, 1u);
+  EXPECT_EQ(t.slot[1].reports, 2u);
+  bool logged = false;
+  for (size_t i = 0; i < plat_test_log_count(); ++i) {
+    char line[512];
+    int level = 0;
+    plat_test_log_get(i, &level, line, sizeof line);
+    const std::string l = line;
+    logged = logged || (l.find("standby out of sync: apply of sync opcode 1 (HA number 3)") != std::string::npos &&
+                        l.find("1 apply failed") != std::string::npos);
+  }
+  EXPECT_TRUE(logged);
+  // The request reaches the active, which resends 3..5; the store takes them now.
+  forward_all();
+  mts_msg_ref other;
+  EXPECT_EQ(sysmgr_client_next(kActive, 0, &other), SYSMGR_RX_EVENT);
+  forward_all();
+  drain();
+  EXPECT_EQ(seen_.dispatched, (std::vector<uint64_t>{1, 2, 3, 3, 4, 5}));
+  EXPECT_EQ(plat_test_sysmgr_gsync_requests(), 0u);
+  t = applied_table(root());
+  EXPECT_EQ(t.out_of_sync, 0u);
+  EXPECT_EQ(t.slot[1].reports, 5u);
+
+  // Refused again, and refused in the resend: nothing more applied, no request of its own.
+  seen_.dispatched.clear();
+  seen_.refuse = {6, 6};
+  send(2);
+  forward_all();
+  drain();
+  forward_all();
+  EXPECT_EQ(sysmgr_client_next(kActive, 0, &other), SYSMGR_RX_EVENT);
+  forward_all();
+  drain();
+  send(1);
+  forward_all();
+  drain();
+  EXPECT_EQ(seen_.dispatched, (std::vector<uint64_t>{6, 6}));
+  EXPECT_EQ(plat_test_sysmgr_gsync_requests(), 0u);
+  t = applied_table(root());
+  EXPECT_EQ(t.out_of_sync, sm::kOutOfSyncApplyFailed);
+  EXPECT_EQ(t.slot[1].failed, 3u);
+}
