@@ -108,8 +108,7 @@ pid_t start_daemon(const std::string& base, int slot, long backlog) {
 // The library's entry points, linked into this program, for the receive loop.
 const sm::client::Lib kLib = {&hadra_ha_dispatch, &sysmgrcb_gsync_snapshot, &sysmgrcb_gsync_ready,
                               &sysmgrcb_gsync_failed, &sysmgrcb_switchover, &sysmgrcb_switchover_active_marker,
-                              &sysmgrcb_switchover_done, &hadra_sysmgr_cfg_write_cb, hadra_ha_pss, &hadra_ha_handle,
-                              &hadra_ha_dispatch_failures};
+                              &sysmgrcb_switchover_done, &hadra_sysmgr_cfg_write_cb, hadra_ha_pss, &hadra_ha_handle};
 
 int service(const std::string& base, int slot, long backlog, uint64_t keys) {
   set_env(base, slot, backlog);

@@ -22,13 +22,7 @@
 // The message is trusted for nothing: the index selects an entry only inside 1..10, and every
 // byte handed on (key, data, batch) lies inside the received payload. Batches are applied by
 // the SDB subsystem's bounded readers, which stop at the end of the bytes the header
-// describes. The dispatcher neither drops nor answers the message.
-//
-// A change the store or its writer refused (disk full, I/O error, a full map) leaves the
-// standby's copy behind the active's. The return value stays 0
-// as for every sync message, so the dispatcher counts the failure and remembers its index and
-// sync opcode: a receive loop reads them with hadra_ha_dispatch_failures() after each message
-// and takes the copy out of sync instead of applying what follows.
+// describes. The dispatcher keeps no state and neither drops nor answers the message.
 #include <cstdint>
 
 #include "core/diag.h"
@@ -52,20 +46,6 @@ constexpr uint32_t kLastOpcode = HADRA_SYNC_PSS_PURGE;
 // One row per sync opcode, indexed by it; row 0 is never used (opcode 0 is ignored). Zero
 // before any store registers (constant-initialised): an unregistered opcode is ignored.
 constinit ApplyRow g_rows[kLastOpcode + 1] = {};
-
-// Sync messages that were not applied, and the last of them.
-struct Failures {
-  uint32_t count;
-  uint8_t index;
-  uint32_t opcode;
-};
-constinit Failures g_failures = {0, 0, 0};
-
-void failed(uint8_t index, uint32_t opcode) noexcept {
-  ++g_failures.count;
-  g_failures.index = index;
-  g_failures.opcode = opcode;
-}
 
 bool entry_fits(const hadra_ha_pss_entry& e, Target t) noexcept {
   return t == Target::kPssFile ? e.pss_handle != 0 : e.db_type == HADRA_DB_SDB;
@@ -103,15 +83,12 @@ void dispatch_change(uint8_t* payload, uint32_t size) noexcept {
   if (row.apply == nullptr) return;
   hadra_ha_pss_entry* entry = entry_at(d.db_index);
   if (entry == nullptr || fit != DecodeResult::kOk || !entry_fits(*entry, row.target)) {
-    // Not counted: no resync can give the standby a database it does not have, and asking
-    // for one at every such message would only repeat gsyncs; the report says it each time.
     refuse(d.opcode, d.db_index);
     return;
   }
   uint8_t* const key = payload + HADRA_SYNC_HDR_LEN;
   const Change c{entry, key, d.key_len, key + d.key_len, d.data_len};
-  if (row.apply(c) == 0) return failed(d.db_index, d.opcode);
-  if (row.callback != Callback::kNone) notify_client(row, c, d.db_index, d.opcode);
+  if (row.apply(c) != 0 && row.callback != Callback::kNone) notify_client(row, c, d.db_index, d.opcode);
 }
 
 }  // namespace
@@ -148,11 +125,4 @@ extern "C" HADRA_API int hadra_ha_dispatch(const mts_msg_ref* msg) noexcept {
   if (sync_opcode == 0 || sync_opcode > kLastOpcode) return 0;
   dispatch_change(payload, size);
   return 0;
-}
-
-extern "C" HADRA_API uint32_t hadra_ha_dispatch_failures(uint8_t* index, uint32_t* sync_opcode) noexcept {
-  const auto& f = hadra::sync::g_failures;
-  if (index != nullptr) *index = f.index;
-  if (sync_opcode != nullptr) *sync_opcode = f.opcode;
-  return f.count;
 }

@@ -80,16 +80,6 @@ HADRA_API int hadra_ha_sync(const hadra_ha_pss_entry *entry, const datum *key, c
 HADRA_API int hadra_ha_dispatch(const mts_msg_ref *msg) HADRA_NOEXCEPT;
 
 /*
- * Sync messages hadra_ha_dispatch() could not apply since the process started: the store or
- * its writer refused the change (and reported why); a message refused with the invalid-index
- * report is not counted (no resync gives the standby a database it lacks). Such a
- * standby copy is behind the active's: a receive loop compares the count before and after
- * each message and stops applying that stream until a resync. When not null, *index and
- * *sync_opcode receive the registry index and sync opcode of the last failure (0 before any).
- */
-HADRA_API uint32_t hadra_ha_dispatch_failures(uint8_t *index, uint32_t *sync_opcode) HADRA_NOEXCEPT;
-
-/*
  * Printable hexadecimal form of the first bytes of buf (at most 128 characters: groups of
  * "0x" + 2 digits per byte, each group followed by a blank). The result is a static buffer
  * overwritten by the next call; never null (the empty string for len 0). Not reentrant.

@@ -55,8 +55,10 @@ struct Lib {
   // The registry and the handle, to check what a configuration write left (null: unchecked).
   hadra_ha_pss_entry* registry = nullptr;
   const hadra_ha_handle_t* handle = nullptr;
-  // Optional (null: failed applies go unnoticed): the dispatcher's count of changes not applied.
-  decltype(&hadra_ha_dispatch_failures) dispatch_failures = nullptr;
+  // Writes the stores of this thread could not make, so far: a count that moves during a
+  // dispatch means the change was not applied (null: the platform's own count of store write
+  // failures). The dispatcher answers 0 either way, so the loop watches beneath it.
+  uint64_t (*store_failures)() noexcept = nullptr;
 };
 // Use lib instead of the library found by name (null: back to it). For tests of the loop's
 // routing; not thread-safe against a loop in progress.

@@ -74,7 +74,6 @@ const Lib* lib() {
                     find(&l.active_marker, "sysmgrcb_switchover_active_marker") &&
                     find(&l.switchover_done, "sysmgrcb_switchover_done") &&
                     find(&l.cfg_write, "hadra_sysmgr_cfg_write_cb");
-    (void)find(&l.dispatch_failures, "hadra_ha_dispatch_failures");
     l.registry = static_cast<hadra_ha_pss_entry*>(::dlsym(RTLD_DEFAULT, "hadra_ha_pss"));
     l.handle = static_cast<const hadra_ha_handle_t*>(::dlsym(RTLD_DEFAULT, "hadra_ha_handle"));
     return ok ? &l : nullptr;
@@ -182,15 +181,25 @@ std::string database_name(uint8_t index) {
 
 // The dispatcher did not apply mi (number n): the copy misses it. The number is given back so
 // that a resend starts with it; nothing after it is applied until the copy is back in step.
-void apply_failed(uint32_t sap, const mts::MsgInfo& mi, uint8_t index, uint32_t opcode, uint64_t store_serial) {
+void apply_failed(uint32_t sap, const mts::MsgInfo& mi, uint64_t store_serial) {
   Step& st = step();
   st.last = mi.h.ha_seqno - 1;
   const uint32_t n = ++apply_failures();
+  // Which database and change: read from the message's own sync header.
+  uint8_t index = 0;
+  uint32_t opcode = 0;
+  const auto* p = static_cast<const uint8_t*>(mi.payload);
+  if (p != nullptr && mi.h.payload_len > 0) index = p[0];
+  if (p != nullptr && mi.h.payload_len >= sizeof(hadra_sync_hdr)) {
+    hadra_sync_hdr h;
+    std::memcpy(&h, p, sizeof h);
+    opcode = (uint32_t{h.sync_opcode[0]} << 24) | (uint32_t{h.sync_opcode[1]} << 16) |
+             (uint32_t{h.sync_opcode[2]} << 8) | uint32_t{h.sync_opcode[3]};
+  }
   applied_failed(index);
   const WriteFailure& wf = last_write_failure();
-  std::string cause = wf.serial != store_serial
-                          ? std::string(mdb_strerror(wf.rc)) + " (" + wf.path + ")"
-                          : std::string("refused by the store or the library (its report above says why)");
+  const std::string cause = wf.serial != store_serial ? std::string(failure_cause(wf.rc)) + " (" + wf.path + ")"
+                                           : std::string("refused by the store (its report above says why)");
   char head[160];
   std::snprintf(head, sizeof head, "apply of sync opcode %u (HA number %llu) to ", opcode,
                 static_cast<unsigned long long>(mi.h.ha_seqno));
@@ -247,16 +256,14 @@ int dispatch_in_order(uint32_t sap, const mts_msg_ref& ref, const mts::MsgInfo& 
   st.epoch = mi.h.epoch;
   st.last = mi.h.ha_seqno;
   const Lib* l = lib();
-  const uint32_t failures = l->dispatch_failures != nullptr ? l->dispatch_failures(nullptr, nullptr) : 0;
   const uint64_t store_serial = last_write_failure().serial;
+  const uint64_t before = l->store_failures != nullptr ? l->store_failures() : store_serial;
   if (l->dispatch(&ref) != 0) {
     *other = ref;
     return SYSMGR_RX_OTHER;
   }
-  uint8_t index = 0;
-  uint32_t opcode = 0;
-  if (l->dispatch_failures != nullptr && l->dispatch_failures(&index, &opcode) != failures) {
-    apply_failed(sap, mi, index, opcode, store_serial);
+  if ((l->store_failures != nullptr ? l->store_failures() : last_write_failure().serial) != before) {
+    apply_failed(sap, mi, store_serial);
     (void)mts_drop(sap, &ref);
     return SYSMGR_RX_SYNC;
   }

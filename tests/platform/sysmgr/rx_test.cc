@@ -43,11 +43,7 @@ int fake_dispatch(const mts_msg_ref* m) noexcept {
   if (auto it = std::find(r.begin(), r.end(), n); it != r.end()) r.erase(it), ++g_seen->failures;
   return g_seen->dispatch_result;
 }
-uint32_t fake_failures(uint8_t* index, uint32_t* opcode) noexcept {
-  if (index != nullptr) *index = 1;
-  if (opcode != nullptr) *opcode = 1;
-  return g_seen->failures;
-}
+uint64_t fake_failures() noexcept { return g_seen->failures; }
 int fake_gsync(void*, const char* uri, void*) noexcept {
   return g_seen->calls.push_back(std::string("ready ") + uri), g_seen->ready_result;
 }
@@ -444,10 +440,11 @@ TEST_F(ReceiveLoopTest, AChangeTheStoreRefusesStopsTheStreamUntilAResendOrAGsync
   cl::set_library(&kFakeCounting);
   ASSERT_EQ(mts_bind(kActive), 0);
   plat_test_log_capture(1);
-  const uint8_t payload[4] = {1, 0, 0, 0};
+  // A sync header: database 1, no key or data, sync opcode 1.
+  const uint8_t payload[12] = {1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1};
   auto send = [&](int count) {
     for (int i = 0; i < count; ++i)
-      ASSERT_EQ(mts_send(kActive, MTS_ADDR_PEER, kSap, kSyncOpc, payload, 4, nullptr, 0, nullptr), 0);
+      ASSERT_EQ(mts_send(kActive, MTS_ADDR_PEER, kSap, kSyncOpc, payload, 12, nullptr, 0, nullptr), 0);
   };
   auto drain = [&] {
     while (next() != SYSMGR_RX_NONE) {
