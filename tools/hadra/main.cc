@@ -113,6 +113,19 @@ int cmd_verify(const Common& c, const std::string& service, const std::string& d
   return diffs == 0 || repair ? 0 : 1;
 }
 
+int cmd_history(const Common& c, bool both, bool diverge, int max) {
+  json arg{{"both", both}, {"diverge", diverge}, {"max", max}, {"timeout_ms", c.timeout_ms}};
+  // The daemon answers when the peer's records are in, or says it gave up at timeout_ms.
+  tool::Answer a = tool::send_command(c.root, proto::Cmd::kHistory, arg.dump(), c.timeout_ms + 2000);
+  if (a.exit != 0) return fail(a.error, a.exit);
+  if (c.json)
+    std::printf("%s\n", a.body.dump(2).c_str());
+  else
+    std::fputs(tool::history_report(a.body).c_str(), stdout);
+  // A divergence found is a failed check, as with diff(1).
+  return a.body.value("divergence", json::object()).value("found", false) ? 1 : 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -163,6 +176,17 @@ int main(int argc, char** argv) {
   dump->add_option("URI", uri, "the store's URI, <area>:/<path>")->required();
   dump->add_flag("--json", c.json, "records as JSON (keys and values as text or 0x-hex)");
 
+  CLI::App* history = app.add_subcommand("history", "the sync messages and history records of the services, merged by\n"
+                                                    "time; with --diverge, the first sync message the two\n"
+                                                    "supervisors disagree on\n"
+                                                    "Example:\n  hadra history --both --max 50\n  hadra history --diverge");
+  bool both = false, diverge = false;
+  int max = 100;
+  history->add_flag("--both", both, "both supervisors' records, merged by time");
+  history->add_flag("--diverge", diverge, "compare the two supervisors' sync messages (implies the peer's records)");
+  history->add_option("--max", max, "newest records shown")->check(CLI::Range(1, 8192));
+  history->add_flag("--json", c.json, "the records (and the divergence) as JSON");
+
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {
@@ -202,5 +226,6 @@ int main(int argc, char** argv) {
   if (*save) return cmd_simple(c, proto::Cmd::kConfigSave, "", "configuration saved by every service");
   if (*verify) return cmd_verify(c, service, db, repair);
   if (*dump) return tool::dump_store(c.root, uri, c.json);
+  if (*history) return cmd_history(c, both, diverge, max);
   return 2;
 }
