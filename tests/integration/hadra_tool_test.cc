@@ -520,6 +520,19 @@ TEST_F(HadraTool, EverySubcommandAgainstALivePair) {
   EXPECT_NE(refused.err.find("--yes"), std::string::npos) << refused.err;
   ASSERT_EQ(tool(1, "switchover --yes").exit, 0);
   EXPECT_TRUE(wait_for([&] { return tool_json(2, "status")["role"] == "active"; }));
+  // A peer whose daemon stops answering (frozen, its link not yet seen down): the history
+  // that needs it ends at --timeout with one line, never hangs.
+  ASSERT_EQ(kill(daemons_[1], SIGSTOP), 0);
+  const auto t0 = std::chrono::steady_clock::now();
+  const ToolRun frozen = tool(2, "--timeout 400 history --both");
+  const auto took = std::chrono::steady_clock::now() - t0;
+  kill(daemons_[1], SIGCONT);
+  EXPECT_EQ(frozen.exit, 1) << frozen.out;
+  EXPECT_TRUE(frozen.err.find("did not send its history in time") != std::string::npos ||
+              frozen.err.find("the peer is down") != std::string::npos)
+      << frozen.err;
+  EXPECT_EQ(std::count(frozen.err.begin(), frozen.err.end(), '\n'), 1) << frozen.err;
+  EXPECT_LT(took, std::chrono::seconds(4));
   EXPECT_TRUE(scrape_until(metrics_port2_, &m2, [](auto& x) {
     return x["hadra_switchover_duration_seconds_count{slot=\"2\"}"] == 1 &&
            x["hadra_switchovers_total{slot=\"2\"}"] == 1 && x["hadra_supervisor_role{slot=\"2\",role=\"active\"}"] == 1;
@@ -551,6 +564,19 @@ TEST_F(HadraTool, BadInputGivesOneLineAndANonZeroExit) {
   r = tool(1, "gsync nosuch");
   EXPECT_EQ(r.exit, 1);
   EXPECT_NE(r.err.find("no service nosuch"), std::string::npos) << r.err;
+  // Every subcommand that needs the peer says it is down, in one line.
+  for (const char* args : {"history --both", "history --diverge", "switchover --yes"}) {
+    r = tool(1, args);
+    EXPECT_EQ(r.exit, 1) << args;
+    EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << args << ": " << r.err;
+    EXPECT_NE(r.err.find("peer"), std::string::npos) << args << ": " << r.err;
+  }
+  // This supervisor's own history needs no peer; bad settings are refused before asking.
+  EXPECT_EQ(tool(1, "history").exit, 0);
+  r = tool(1, "history --max 0");
+  EXPECT_EQ(r.exit, 2);
+  EXPECT_NE(r.err.find("--max"), std::string::npos) << r.err;
+  EXPECT_NE(tool(1, "history --help").out.find("hadra history --diverge"), std::string::npos);
   EXPECT_NE(tool(1, "status --help").out.find("hadra status --watch"), std::string::npos);
 }
 
