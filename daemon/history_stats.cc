@@ -83,7 +83,11 @@ std::map<std::pair<uint32_t, uint8_t>, DbView> Daemon::db_views() const {
     }
   }
   if (role_ == 2 && peer_up() && hs.lags_at_ns + 5000000000ull > now_ns())
-    for (const proto::DbLag& l : hs.peer_lags) out[{l.uuid, l.index}].lag_ms = static_cast<int64_t>(l.lag_ms);
+    for (const proto::DbLag& l : hs.peer_lags) {
+      DbView& v = out[{l.uuid, l.index}];
+      v.lag_ms = static_cast<int64_t>(l.lag_ms);
+      if (v.name.empty()) v.name = l.name;
+    }
   return out;
 }
 
@@ -123,7 +127,7 @@ std::vector<proto::DbLag> Daemon::own_lags() const {
   std::vector<proto::DbLag> out;
   if (role_ != 1) return out;
   for (const auto& [id, v] : db_views())
-    if (v.lag_ms >= 0) out.push_back({id.first, id.second, static_cast<uint64_t>(v.lag_ms)});
+    if (v.lag_ms >= 0) out.push_back({id.first, id.second, static_cast<uint64_t>(v.lag_ms), v.name.substr(0, 64)});
   return out;
 }
 

@@ -97,7 +97,7 @@ void make_seeds(const std::string& dir) {
   ha.entries.push_back({1764000000000000000ull, 7, 601, 0x1234, 4242, 1, 3501, 9, 6520, 0x5a1, 40, 1, "pair-sample", ""});
   ha.entries.push_back({1764000000000100000ull, 8, 0, 0, 4242, 3, 0, 0, 0x31, 0x5a1, 20, 0, "", "[4242]: switchover"});
   write_seed(dir, "history-answer", static_cast<uint8_t>(n - 2), bytes(encode(ha)));
-  write_seed(dir, "ping", static_cast<uint8_t>(n - 1), bytes(encode(proto::Ping{123456789, {{0x5a1, 1, 12}, {0x5a1, 2, 0}}})));
+  write_seed(dir, "ping", static_cast<uint8_t>(n - 1), bytes(encode(proto::Ping{123456789, {{0x5a1, 1, 12, "routes"}, {0x5a1, 2, 0, "peers"}}})));
 }
 
 }  // namespace

@@ -754,7 +754,7 @@ inline bool decode(const void* p, size_t n, Repair* m) {
 //
 // HIST_REQ asks the peer's daemon for the newest records of its services' history rings
 // (log/hist_ring.h); HIST_ANS carries them, oldest first, with the same id. PING is sent
-// every second with the sender's own clock; PONG echoes it, and the difference on arrival is
+// four times a second with the sender's own clock; PONG echoes it, and the difference on arrival is
 // the link's round-trip time. Command 7 (history) carries its settings as a JSON object.
 
 constexpr uint32_t kHistReq = SYSMGR_SAP + 0x53;
@@ -797,6 +797,7 @@ struct DbLag {
   uint32_t uuid = 0;
   uint8_t index = 0;
   uint64_t lag_ms = 0;
+  std::string name;  // the database's registered name, for a standby that has not seen it yet
 };
 
 struct Ping {
@@ -842,7 +843,7 @@ inline bool decode(const void* p, size_t n, HistAns* m) {
 inline std::vector<uint8_t> encode(const Ping& m) {
   Writer w;
   w.u64(m.sent_ns), w.u16(static_cast<uint16_t>(m.lags.size()));
-  for (const DbLag& l : m.lags) w.u32(l.uuid), w.u8(l.index), w.u64(l.lag_ms);
+  for (const DbLag& l : m.lags) w.u32(l.uuid), w.u8(l.index), w.u64(l.lag_ms), w.str(l.name);
   return w.bytes();
 }
 inline bool decode(const void* p, size_t n, Ping* m) {
@@ -851,7 +852,9 @@ inline bool decode(const void* p, size_t n, Ping* m) {
   if (!r.u64(&m->sent_ns) || !r.u16(&count) || count > 64 * kMaxIndex) return false;
   m->lags.assign(count, DbLag{});
   for (DbLag& l : m->lags)
-    if (!r.u32(&l.uuid) || !r.u8(&l.index) || l.index < 1 || l.index > kMaxIndex || !r.u64(&l.lag_ms)) return false;
+    if (!r.u32(&l.uuid) || !r.u8(&l.index) || l.index < 1 || l.index > kMaxIndex || !r.u64(&l.lag_ms) ||
+        !r.str(&l.name) || l.name.size() > 64)
+      return false;
   return r.done();
 }
 

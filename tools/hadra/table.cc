@@ -79,10 +79,11 @@ std::string status_table(const json& st, bool colour) {
       std::string state = !known ? paint(colour, "33", "no peer") : lag > 0 ? paint(colour, "33", "behind")
                                                                              : paint(colour, "32", "in sync");
       const auto v = info.find(id);
-      std::string db = std::to_string(id.second), lag_ms = "-";
+      // Nothing outstanding is no lag, whatever age the last measure had.
+      std::string db = std::to_string(id.second), lag_ms = known && lag <= 0 ? "0" : "-";
       if (v != info.end()) {
         if (!v->second.value("name", "").empty()) db = v->second.value("name", "");
-        if (known && v->second.contains("lag_ms") && v->second["lag_ms"].is_number())
+        if (known && lag > 0 && v->second.contains("lag_ms") && v->second["lag_ms"].is_number())
           lag_ms = std::to_string(v->second["lag_ms"].get<int64_t>());
       }
       out += fmt::format("{:<20} {:<12} {:>12} {:>10} {:>12} {:>10} {:>8} {:>9}  {}\n", s.value("name", "?"), db,

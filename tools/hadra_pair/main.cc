@@ -179,7 +179,9 @@ uint64_t sync_count(const nlohmann::json& st, const char* field) {
 // The operator's tool on supervisor slot's root, as an operator runs it: its exit status,
 // and its output (stdout and stderr) in *out, also printed indented after the command.
 int hadra_tool(const Run& r, int slot, const std::string& args, std::string* out) {
-  const std::string cmd = std::string(HADRA_TOOL_PATH) + " --root " + pairkit::root_of(r.base, slot) + " " + args;
+  // The supervisor's slot as its daemon has it (the pair's roots keep it in the environment).
+  const std::string cmd = "HADRA_SLOT=" + std::to_string(slot) + " " + HADRA_TOOL_PATH + " --root " +
+                          pairkit::root_of(r.base, slot) + " " + args;
   out->clear();
   FILE* p = ::popen((cmd + " </dev/null 2>&1").c_str(), "r");
   if (p == nullptr) return -1;
