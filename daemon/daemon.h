@@ -227,6 +227,7 @@ class Daemon {
   void verify_finish(const std::string& failure);
   void verify_tick(uint64_t now);
   bool verify_apply_repair(const proto::Repair& r, std::string* why);
+  nlohmann::json verify_progress() const;  // null when none runs
 
   // history.cc: the history command, the peer's history, the link's round-trip time
   int history_start(const mts_msg_ref& ref, const std::string& arg, std::string* why);

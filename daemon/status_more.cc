@@ -31,6 +31,7 @@ void Daemon::status_more(nlohmann::json* j) const {
   const uint64_t rtt = link_rtt_ns();
   (*j)["peer"]["rtt_ms"] = rtt != 0 ? nlohmann::json(static_cast<double>(rtt / 1000) / 1e3) : nlohmann::json();
   (*j)["verify_running"] = verify_ != nullptr;
+  (*j)["verify_progress"] = verify_progress();
 }
 
 }  // namespace hadra::sysmgrd

@@ -523,6 +523,23 @@ TEST_F(HadraTool, EverySubcommandAgainstALivePair) {
   // A peer whose daemon stops answering (frozen, its link not yet seen down): the history
   // that needs it ends at --timeout with one line, never hangs.
   ASSERT_EQ(kill(daemons_[1], SIGSTOP), 0);
+  // On a terminal (script(1) gives it one), a verify that runs long shows its progress while
+  // it waits; this one waits for a peer that no longer answers, until its --timeout.
+  {
+    const std::string cmd = "HADRA_SLOT=2 timeout 30 script -qec '" + std::string(HADRA_TOOL_PATH) + " --root " +
+                            pk::root_of(base_.path(), 2) + " --timeout 2500 verify' /dev/null </dev/null";
+    std::string out;
+    FILE* p = ::popen(cmd.c_str(), "r");
+    ASSERT_NE(p, nullptr);
+    std::array<char, 4096> buf;
+    size_t n;
+    while ((n = std::fread(buf.data(), 1, buf.size(), p)) > 0) out.append(buf.data(), n);
+    const int st = ::pclose(p);
+    EXPECT_TRUE(WIFEXITED(st) && WEXITSTATUS(st) == 1) << out;
+    EXPECT_NE(out.find("0/2 stores"), std::string::npos) << out;
+    EXPECT_NE(out.find("ETA ?"), std::string::npos) << out;
+    EXPECT_NE(out.find("hadra: "), std::string::npos) << out;
+  }
   const auto t0 = std::chrono::steady_clock::now();
   const ToolRun frozen = tool(2, "--timeout 400 history --both");
   const auto took = std::chrono::steady_clock::now() - t0;
