@@ -242,6 +242,7 @@ class Daemon {
   std::map<std::pair<uint32_t, uint8_t>, DbView> db_views() const;  // by (uuid, index)
   void watch_procedures(uint64_t now);
   std::vector<proto::DbLag> own_lags() const;
+  void prune_rings();
 
   Options o_;
   int lock_fd_ = -1;

@@ -112,6 +112,10 @@ void Daemon::history_finish(const proto::HistAns* ans, const std::string& failur
 void Daemon::history_tick(uint64_t now) {
   HistoryState& h = history_state();
   watch_procedures(now);
+  if (now >= h.next_prune_ns) {
+    h.next_prune_ns = now + 10 * 1000000000ull;
+    prune_rings();
+  }
   if (h.job && now >= h.job->deadline_ns)
     history_finish(nullptr, "the peer's daemon did not send its history in time (--timeout)");
   if (peer_up() && now >= h.next_ping_ns) {

@@ -28,6 +28,7 @@ struct HistoryState {
   uint32_t next_id = 1;
   std::unique_ptr<HistoryJob> job;
   uint64_t next_ping_ns = 0;
+  uint64_t next_prune_ns = 0;
   uint64_t rtt_ns = 0;       // last round trip measured; 0 none yet
   uint64_t rtt_at_ns = 0;    // when
   std::vector<proto::DbLag> peer_lags;  // the active's lags, from its last ping

@@ -7,13 +7,20 @@
 //   - how long gsyncs and switchovers took. The procedures keep their own records; their start
 //     is their deadline less the timeout they were given, and their end is seen at the next
 //     tick after it (the loop ticks every 20 ms), so no procedure needs to report to metrics.
+#include <dirent.h>
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
 #include "daemon.h"
+#include "hadra_platform/log.h"
 #include "history_core.h"
 #include "history_state.h"
 
@@ -129,6 +136,36 @@ std::vector<proto::DbLag> Daemon::own_lags() const {
   for (const auto& [id, v] : db_views())
     if (v.lag_ms >= 0) out.push_back({id.first, id.second, static_cast<uint64_t>(v.lag_ms), v.name.substr(0, 64)});
   return out;
+}
+
+// Every process that ever kept a ring left its file; those of live processes stay, and of
+// the ended ones the newest few (a crash is best read soon after), the rest are removed,
+// each with a line in the log.
+void Daemon::prune_rings() {
+  constexpr size_t kKeepEnded = 4;
+  const std::string dir = o_.root + "/log";
+  DIR* d = ::opendir(dir.c_str());
+  if (d == nullptr) return;
+  std::vector<std::pair<int64_t, std::string>> ended;  // mtime, name
+  while (const dirent* e = ::readdir(d)) {
+    const std::string name = e->d_name;
+    if (!name.starts_with("hist-") || !name.ends_with(".ring")) continue;
+    const long pid = std::strtol(name.c_str() + 5, nullptr, 10);
+    if (pid > 0 && (::kill(static_cast<pid_t>(pid), 0) == 0 || errno == EPERM)) continue;
+    struct stat st {};
+    if (::stat((dir + "/" + name).c_str(), &st) == 0) ended.emplace_back(st.st_mtim.tv_sec, name);
+  }
+  ::closedir(d);
+  if (ended.size() <= kKeepEnded) return;
+  std::sort(ended.begin(), ended.end());
+  for (size_t i = 0; i + kKeepEnded < ended.size(); ++i) {
+    const std::string path = dir + "/" + ended[i].second;
+    if (::unlink(path.c_str()) == 0)
+      plat_syslog(PLAT_LOG_INFO, "sysmgrd: history ring %s of an ended process removed (the newest %zu are kept)",
+                  path.c_str(), kKeepEnded);
+    else
+      plat_syslog(PLAT_LOG_WARNING, "sysmgrd: history ring %s not removed: %s", path.c_str(), std::strerror(errno));
+  }
 }
 
 }  // namespace hadra::sysmgrd

@@ -570,9 +570,27 @@ TEST_F(HadraTool, BadInputGivesOneLineAndANonZeroExit) {
   EXPECT_EQ(r.exit, 1);
   EXPECT_NE(r.err.find("run/no/such/store"), std::string::npos) << r.err;
 
+  // Ring files of ended processes: the daemon keeps the newest four and removes the rest;
+  // a live process's ring is never touched.
+  const std::string logs = pk::root_of(base_.path(), 1) + "/log";
+  std::filesystem::create_directories(logs);
+  auto ring = [&](long pid) { return logs + "/hist-" + std::to_string(pid) + ".ring"; };
+  for (int i = 0; i < 6; ++i) {
+    std::ofstream(ring(2147483000 + i)) << "x";
+    const auto t = std::filesystem::file_time_type::clock::now() - std::chrono::hours(10 - i);
+    std::filesystem::last_write_time(ring(2147483000 + i), t);
+  }
+  std::ofstream(ring(::getpid())) << "x";
+  std::filesystem::last_write_time(ring(::getpid()),
+                                   std::filesystem::file_time_type::clock::now() - std::chrono::hours(20));
+
   std::string why;
   daemons_[1] = pk::start_daemon(base_.path(), 1, "active", {}, 10000, &why);
   ASSERT_GT(daemons_[1], 0) << why;
+  EXPECT_TRUE(wait_for([&] { return !std::filesystem::exists(ring(2147483001)); }));
+  EXPECT_FALSE(std::filesystem::exists(ring(2147483000)));
+  for (int i = 2; i < 6; ++i) EXPECT_TRUE(std::filesystem::exists(ring(2147483000 + i))) << i;
+  EXPECT_TRUE(std::filesystem::exists(ring(::getpid())));
   // A peer that is gone: verify says so at once.
   r = tool(1, "verify");
   EXPECT_EQ(r.exit, 1);
