@@ -162,12 +162,27 @@ void compare(const Side& sender, const Side& applier, std::optional<Found>* best
 
 }  // namespace
 
+std::string printable(const std::string& s) {
+  std::string out;
+  out.reserve(s.size());
+  for (const unsigned char c : s) {
+    if (c >= 0x20 && c < 0x7f) {
+      out += static_cast<char>(c);
+    } else {
+      char b[8];
+      std::snprintf(b, sizeof b, "\\x%02x", c);
+      out += b;
+    }
+  }
+  return out;
+}
+
 json entry_json(int slot, const proto::HistEntry& e) {
   json j{{"slot", slot}, {"time_ns", e.time_ns}, {"kind", kind_name(e.kind)}, {"pid", e.pid}, {"uuid", e.uuid},
-         {"service", e.service}};
+         {"service", printable(e.service)}};
   if (e.kind == hist::kEvent) {
     j["event"] = e.opcode;
-    j["text"] = e.text;
+    j["text"] = printable(e.text);
   } else {
     j["sap"] = e.sap, j["epoch"] = e.epoch, j["ha_seqno"] = e.ha_seqno, j["db"] = e.index;
     j["opcode"] = e.opcode, j["bytes"] = e.len, j["digest"] = hex64(e.digest);
@@ -203,7 +218,7 @@ json divergence_json(const std::optional<Divergence>& d, uint64_t compared, uint
   if (!d) return j;
   j["what"] = d->what;
   j["sap"] = d->sap, j["epoch"] = d->epoch, j["ha_seqno"] = d->ha_seqno, j["db"] = d->index;
-  j["uuid"] = d->uuid, j["service"] = d->service;
+  j["uuid"] = d->uuid, j["service"] = printable(d->service);
   j["sender_slot"] = d->sender_slot, j["applier_slot"] = d->applier_slot;
   if (d->sent) j["sent"] = entry_json(d->sender_slot, *d->sent);
   if (d->applied) j["applied"] = entry_json(d->applier_slot, *d->applied);

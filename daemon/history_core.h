@@ -31,6 +31,10 @@ std::vector<proto::HistEntry> newest(const std::vector<hist::Ring>& rings, size_
 // Drops the oldest records until the answer fits a message of at most limit bytes.
 void fit(proto::HistAns* a, size_t limit);
 
+// Text from a ring or from the peer as it may go into JSON: printable ASCII kept, any other
+// byte as \xNN (a JSON text must be valid UTF-8, and these bytes were never checked).
+std::string printable(const std::string& s);
+
 // One supervisor's records.
 struct Side {
   int slot = 0;

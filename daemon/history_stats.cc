@@ -74,7 +74,7 @@ std::map<std::pair<uint32_t, uint8_t>, DbView> Daemon::db_views() const {
       const hist::DbTotals& t = r.db[i];
       if (t.name.empty() && t.sent_msgs == 0 && t.applied_msgs == 0) continue;
       DbView& v = out[{uuid, i}];
-      v.name = t.name, v.uri = t.uri;
+      v.name = history::printable(t.name), v.uri = history::printable(t.uri);
       v.sent_msgs = t.sent_msgs, v.sent_bytes = t.sent_bytes;
       v.applied_msgs = t.applied_msgs, v.applied_bytes = t.applied_bytes;
       if (role_ == 1) {
@@ -93,7 +93,7 @@ std::map<std::pair<uint32_t, uint8_t>, DbView> Daemon::db_views() const {
     for (const proto::DbLag& l : hs.peer_lags) {
       DbView& v = out[{l.uuid, l.index}];
       v.lag_ms = static_cast<int64_t>(l.lag_ms);
-      if (v.name.empty()) v.name = l.name;
+      if (v.name.empty()) v.name = history::printable(l.name);
     }
   return out;
 }

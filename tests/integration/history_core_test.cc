@@ -164,6 +164,19 @@ TEST(HistoryDivergence, AMessageAppliedThatWasNeverSentOrAppliedTwiceDifferently
   EXPECT_EQ(d->applied->digest, 99u);
 }
 
+TEST(HistoryMerge, BytesFromARingOrThePeerCannotBreakTheAnswer) {
+  // A record's text and a service's name are whatever the writer put there: the answer must
+  // still be a JSON text (dump throws on bytes that are not UTF-8).
+  proto::HistEntry e = msg(hist::kEvent, 0, 0, 1);
+  e.text = std::string("ok \xff\xfe\x01 end");
+  e.service = std::string("svc\xc3");
+  hc::Side a{1, {e}}, s{2, {}};
+  std::string text;
+  ASSERT_NO_THROW(text = hc::merged(a, s).dump());
+  EXPECT_NE(text.find("ok \\\\xff\\\\xfe\\\\x01 end"), std::string::npos) << text;
+  EXPECT_EQ(hc::printable("plain text"), "plain text");
+}
+
 TEST(HistoryMerge, BothSidesByTimeAndAnAnswerCutToFit) {
   hc::Side a{1, {msg(hist::kSent, 1, 1, 10), msg(hist::kSent, 2, 2, 30)}};
   hc::Side s{2, {msg(hist::kApplied, 1, 1, 10), msg(hist::kApplied, 2, 2, 20)}};
