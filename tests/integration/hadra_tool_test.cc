@@ -426,6 +426,16 @@ TEST_F(HadraTool, EverySubcommandAgainstALivePair) {
   ASSERT_EQ(v["stores"].size(), 2u) << v.dump();
   for (const json& s : v["stores"]) EXPECT_EQ(s["records"], kRecords + 100) << s.dump();
   EXPECT_EQ(tool_json(2, "verify")["differences"], 0);
+  // Unknown services and databases: one line naming them.
+  for (const auto& [args, says] : std::vector<std::pair<std::string, std::string>>{
+           {"verify nosuch", "no service nosuch on either supervisor"},
+           {"verify tool-service nosuch", "no database nosuch of tool-service"},
+           {"dump run:/nosuch", "nosuch"}}) {
+    const ToolRun r = tool(1, args);
+    EXPECT_EQ(r.exit, 1) << args;
+    EXPECT_NE(r.err.find(says), std::string::npos) << args << ": " << r.err;
+    EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << args << ": " << r.err;
+  }
 
   // Three records changed behind the library on the standby, in each store: exactly those.
   const std::string root2 = pk::root_of(base_.path(), 2);
