@@ -21,6 +21,7 @@
 namespace hadra::sysmgrd {
 
 namespace hc = history;
+namespace hist = hadra::plat::hist;
 
 namespace {
 
@@ -28,6 +29,25 @@ namespace {
 constexpr uint64_t kPingEveryNs = 250000000ull;
 // An answer must fit one transport message, with room for its header.
 constexpr size_t kAnswerLimit = MTS_PAYLOAD_MAX - 4096;
+
+// The databases' names by (uuid, index), as this supervisor's rings have them (the peer's
+// services register the same names under the same indexes).
+std::map<std::pair<uint32_t, uint32_t>, std::string> db_names(const std::vector<hist::Ring>& rings) {
+  std::map<std::pair<uint32_t, uint32_t>, std::string> out;
+  for (const hist::Ring& r : rings)
+    for (uint32_t i = 1; i <= hist::kRingMaxIndex; ++i)
+      if (!r.db[i].name.empty()) out[{r.uuid, i}] = hc::printable(r.db[i].name);
+  return out;
+}
+
+// Adds db_name to the sync records of entries that name a known database.
+void name_dbs(nlohmann::json* entries, const std::map<std::pair<uint32_t, uint32_t>, std::string>& names) {
+  for (nlohmann::json& e : *entries) {
+    if (!e.contains("db")) continue;
+    const auto n = names.find({e.value("uuid", 0u), e.value("db", 0u)});
+    if (n != names.end()) e["db_name"] = n->second;
+  }
+}
 
 }  // namespace
 
@@ -59,8 +79,10 @@ int Daemon::history_start(const mts_msg_ref& ref, const std::string& arg, std::s
     return *why = "max must be 1.." + std::to_string(proto::kMaxHistEntries), EINVAL;
   HistoryState& h = history_state();
   if (!both && !diverge) {
-    hc::Side mine{o_.slot, hc::newest(hc::read_rings(o_.root, nullptr), static_cast<size_t>(max), service_names())};
+    const std::vector<hist::Ring> rings = hc::read_rings(o_.root, nullptr);
+    hc::Side mine{o_.slot, hc::newest(rings, static_cast<size_t>(max), service_names())};
     nlohmann::json out{{"slot", o_.slot}, {"entries", hc::merged(mine, hc::Side{})}};
+    name_dbs(&out["entries"], db_names(rings));
     reply(ref, 0, out.dump());
     return 0;
   }
@@ -93,16 +115,24 @@ void Daemon::history_finish(const proto::HistAns* ans, const std::string& failur
     out["error"] = ans == nullptr ? failure : "the peer could not read its history: " + ans->error;
   } else {
     const size_t want = job->diverge ? proto::kMaxHistEntries : job->max;
-    hc::Side mine{o_.slot, hc::newest(hc::read_rings(o_.root, nullptr), want, service_names())};
+    const std::vector<hist::Ring> rings = hc::read_rings(o_.root, nullptr);
+    const auto names = db_names(rings);
+    hc::Side mine{o_.slot, hc::newest(rings, want, service_names())};
     hc::Side theirs{peer_ ? static_cast<int>(peer_->slot) : 0, ans->entries};
     nlohmann::json all = hc::merged(mine, theirs);
     if (all.size() > job->max) all.erase(all.begin(), all.end() - static_cast<std::ptrdiff_t>(job->max));
+    name_dbs(&all, names);
     out["entries"] = all;
     out["peer_slot"] = theirs.slot;
     if (job->diverge) {
       uint64_t compared = 0, not_applied = 0;
       const auto d = hc::first_divergence(mine, theirs, &compared, &not_applied);
       out["divergence"] = hc::divergence_json(d, compared, not_applied);
+      if (d) {
+        nlohmann::json one = nlohmann::json::array({out["divergence"]});
+        name_dbs(&one, names);
+        out["divergence"] = one[0];
+      }
     }
   }
   reply(job->command, status, out.dump());

@@ -408,6 +408,7 @@ TEST_F(HadraTool, EverySubcommandAgainstALivePair) {
       EXPECT_EQ(d["what"], "payload differs") << d.dump();
       EXPECT_EQ(d["ha_seqno"], ha) << d.dump();
       EXPECT_EQ(d["db"], kPeers);
+      EXPECT_EQ(d["db_name"], "peers");
       EXPECT_EQ(d["service"], "tool-service");
       EXPECT_EQ(d["applied"]["digest"], hex);
       EXPECT_EQ(d["applied"]["slot"], 2);
@@ -416,7 +417,7 @@ TEST_F(HadraTool, EverySubcommandAgainstALivePair) {
     }
     const ToolRun text = tool(1, "history --diverge --max 1");
     EXPECT_EQ(text.exit, 1);
-    EXPECT_NE(text.out.find("first divergence: tool-service db 2, HA number " + std::to_string(ha)), std::string::npos)
+    EXPECT_NE(text.out.find("first divergence: tool-service db peers, HA number " + std::to_string(ha)), std::string::npos)
         << text.out;
   }
 

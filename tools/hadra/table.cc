@@ -132,13 +132,19 @@ std::string when(uint64_t ns) {
   return fmt::format("{}.{:06}", b, (ns % 1000000000ull) / 1000);
 }
 
+// A database by its name where the answer gives one, else by its index.
+std::string db_of(const json& e) {
+  const std::string name = e.value("db_name", "");
+  return name.empty() ? std::to_string(e.value("db", 0)) : name;
+}
+
 std::string record_line(const json& e) {
   const std::string kind = e.value("kind", "");
   std::string what;
   if (kind == "event")
     what = fmt::format("event 0x{:x}  {}", e.value("event", 0u), e.value("text", ""));
   else
-    what = fmt::format("{:<7}  db {}  HA {}  {} bytes  digest {}", kind, e.value("db", 0), e.value("ha_seqno", 0),
+    what = fmt::format("{:<7}  db {}  HA {}  {} bytes  digest {}", kind, db_of(e), e.value("ha_seqno", 0),
                        e.value("bytes", 0), e.value("digest", ""));
   const std::string svc = e.value("service", "");
   return fmt::format("{}  {}  {:<16}  {}\n", when(e.value("time_ns", uint64_t{0})), e.value("slot", 0),
@@ -157,7 +163,7 @@ std::string history_report(const json& a) {
     return out;
   }
   out += fmt::format("first divergence: {} db {}, HA number {} (SAP {}, epoch {}): {}\n", d.value("service", ""),
-                     d.value("db", 0), d.value("ha_seqno", 0), d.value("sap", 0), d.value("epoch", 0),
+                     db_of(d), d.value("ha_seqno", 0), d.value("sap", 0), d.value("epoch", 0),
                      d.value("what", ""));
   for (const char* side : {"sent", "applied"})
     if (d.contains(side))
