@@ -223,7 +223,7 @@ void Daemon::on_message(const mts_msg_ref& ref) {
     on_peer_message(opcode, p, n);
   } else if (opcode == proto::kCommand) {
     on_command(ref, p, n);
-    keep = (cfg_.command.has_value() && cfg_.command->gen == ref.gen) || verify_keeps(ref);
+    keep = (cfg_.command.has_value() && cfg_.command->gen == ref.gen) || verify_keeps(ref) || history_keeps(ref);
   } else if (opcode == SYSMGR_OPC_HS_QUERY) {
     on_hs_query(ref, p, n);
   } else {
@@ -485,7 +485,7 @@ void Daemon::on_peer_message(uint32_t opcode, const void* p, uint32_t n) {
       return;
     }
     default:
-      if (verify_on_peer(opcode, p, n)) return;
+      if (verify_on_peer(opcode, p, n) || history_on_peer(opcode, p, n)) return;
       plat_syslog(PLAT_LOG_ERR, "sysmgrd: unexpected opcode 0x%x (%u bytes) from the peer; dropped", opcode, n);
   }
 }
@@ -515,6 +515,7 @@ void Daemon::tick() {
   cfg_tick(now);
   resync_tick(now);
   verify_tick(now);
+  history_tick(now);
   metrics_tick(now);
 }
 
@@ -564,6 +565,10 @@ void Daemon::on_command(const mts_msg_ref& ref, const void* p, uint32_t n) {
     case proto::Cmd::kVerify:
       rc = verify_start(ref, c.arg, &why);
       if (rc == 0) return;  // answered when the comparison ends
+      break;
+    case proto::Cmd::kHistory:
+      rc = history_start(ref, c.arg, &why);
+      if (rc == 0) return;  // answered now, or when the peer's records arrive
       break;
   }
   nlohmann::json j = nlohmann::json::parse(status_json());

@@ -124,6 +124,14 @@ struct ResyncWatch {
 };
 struct VerifyJob;      // verify.cc
 struct MetricsServer;  // metrics.cc
+struct HistoryState;   // history.cc
+
+// One database of a live service as its history ring shows it (history_stats.cc).
+struct DbView {
+  std::string name, uri;
+  uint64_t sent_msgs = 0, sent_bytes = 0, applied_msgs = 0, applied_bytes = 0;
+  int64_t lag_ms = -1;  // -1: not known here (no standby, or no word from the active)
+};
 
 class Daemon {
  public:
@@ -227,6 +235,22 @@ class Daemon {
   void verify_finish(const std::string& failure);
   void verify_tick(uint64_t now);
   bool verify_apply_repair(const proto::Repair& r, std::string* why);
+  nlohmann::json verify_progress() const;  // null when none runs
+
+  // history.cc: the history command, the peer's history, the link's round-trip time
+  int history_start(const mts_msg_ref& ref, const std::string& arg, std::string* why);
+  bool history_keeps(const mts_msg_ref& ref) const;
+  bool history_on_peer(uint32_t opcode, const void* p, uint32_t n);
+  void history_finish(const proto::HistAns* ans, const std::string& failure);
+  void history_tick(uint64_t now);
+  HistoryState& history_state() const;
+  std::map<uint32_t, std::string> service_names() const;
+  uint64_t link_rtt_ns() const;  // 0 when not measured lately
+  // history_stats.cc
+  std::map<std::pair<uint32_t, uint8_t>, DbView> db_views() const;  // by (uuid, index)
+  void watch_procedures(uint64_t now);
+  std::vector<proto::DbLag> own_lags() const;
+  void prune_rings();
 
   Options o_;
   int lock_fd_ = -1;
@@ -261,6 +285,7 @@ class Daemon {
   std::string last_role_change_;
   std::shared_ptr<VerifyJob> verify_;
   std::shared_ptr<MetricsServer> metrics_;
+  mutable std::shared_ptr<HistoryState> history_;
 };
 
 // Small file helpers (files.cc).

@@ -13,6 +13,7 @@
 #include <string>
 
 #include "daemon.h"
+#include "history_state.h"
 #include "hadra_platform/config.h"
 #include "hadra_platform/log.h"
 #include "sysmgr/seqno_table.h"
@@ -159,6 +160,45 @@ std::string Daemon::metrics_text() const {
   for (const Row& r : rows) sample(o, "hadra_db_lag_messages", r.labels, r.lag);
   family(o, "hadra_db_out_of_sync", "gauge", "1 when the standby is behind or its peer unknown");
   for (const Row& r : rows) sample(o, "hadra_db_out_of_sync", r.labels, !r.known || r.lag > 0);
+
+  // From the services' history rings: bytes, names, lag in time.
+  const auto views = db_views();
+  std::vector<std::pair<std::string, DbView>> vrows;
+  for (const proto::ServiceSeq& s : mine)
+    for (const proto::DbSeq& d : s.dbs) {
+      const auto v = views.find({s.uuid, d.index});
+      vrows.emplace_back(slot + ",service=\"" + label(s.name) + "\",db=\"" + std::to_string(d.index) + "\"",
+                         v != views.end() ? v->second : DbView{});
+    }
+  family(o, "hadra_db_info", "gauge", "1 per database, naming it (name, URI)");
+  for (const auto& [l, v] : vrows)
+    sample(o, "hadra_db_info", l + ",name=\"" + label(v.name) + "\",uri=\"" + label(v.uri) + "\"", 1);
+  family(o, "hadra_db_sent_bytes_total", "counter", "payload bytes of the sync messages this side sent, per database");
+  for (const auto& [l, v] : vrows) sample(o, "hadra_db_sent_bytes_total", l, static_cast<double>(v.sent_bytes));
+  family(o, "hadra_db_applied_bytes_total", "counter",
+         "payload bytes of the sync messages this side applied, per database");
+  for (const auto& [l, v] : vrows) sample(o, "hadra_db_applied_bytes_total", l, static_cast<double>(v.applied_bytes));
+  family(o, "hadra_db_lag_seconds", "gauge",
+         "age of the oldest sync message the standby has not applied; absent when not known");
+  for (const auto& [l, v] : vrows)
+    if (v.lag_ms >= 0) sample(o, "hadra_db_lag_seconds", l, static_cast<double>(v.lag_ms) / 1e3);
+
+  family(o, "hadra_peer_role", "gauge", "1 for the role the peer last said it holds");
+  for (int r : {1, 2, 0})
+    sample(o, "hadra_peer_role", slot + ",role=\"" + proto::role_name(r) + "\"", peer_ && peer_up() && peer_->role == r);
+  family(o, "hadra_peer_rtt_seconds", "gauge", "round-trip time of the peer link; absent when not measured lately");
+  if (const uint64_t rtt = link_rtt_ns(); rtt != 0) sample(o, "hadra_peer_rtt_seconds", slot, static_cast<double>(rtt) / 1e9);
+
+  const HistoryState& hs = history_state();
+  family(o, "hadra_gsync_duration_seconds", "summary", "gsyncs of this supervisor as the standby, request to end");
+  for (const auto& [result, d] : {std::pair<const char*, const Durations*>{"done", &hs.gsync_done}, {"failed", &hs.gsync_failed}}) {
+    sample(o, "hadra_gsync_duration_seconds_sum", slot + ",result=\"" + result + "\"", d->sum_s);
+    sample(o, "hadra_gsync_duration_seconds_count", slot + ",result=\"" + result + "\"", static_cast<double>(d->count));
+  }
+  family(o, "hadra_switchover_duration_seconds", "summary",
+         "switchovers and takeovers this daemon made, role change to the last service's answer");
+  sample(o, "hadra_switchover_duration_seconds_sum", slot, hs.switchover.sum_s);
+  sample(o, "hadra_switchover_duration_seconds_count", slot, static_cast<double>(hs.switchover.count));
 
   family(o, "hadra_gsyncs_total", "counter", "gsyncs ended, by result");
   sample(o, "hadra_gsyncs_total", slot + ",result=\"done\"", static_cast<double>(gsyncs_done_));

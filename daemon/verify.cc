@@ -447,3 +447,22 @@ bool Daemon::verify_apply_repair(const proto::Repair& r, std::string* why) {
 }
 
 }  // namespace hadra::sysmgrd
+
+namespace hadra::sysmgrd {
+
+// How far a running verify is, for the tool's progress bar: stores done of all, the records
+// of the stores opened so far, and the bytes over the peer link.
+nlohmann::json Daemon::verify_progress() const {
+  if (!verify_) return nullptr;
+  const VerifyJob& j = *verify_;
+  uint64_t records = 0;
+  for (const VerifyStore& s : j.stores)
+    if (s.verifier) records += s.verifier->local_records();
+  return {{"stores", j.stores.size()},
+          {"stores_done", j.current},
+          {"records_seen", records},
+          {"bytes", j.bytes_sent + j.bytes_received},
+          {"elapsed_ms", (now_ns() - j.started_ns) / 1000000ull}};
+}
+
+}  // namespace hadra::sysmgrd

@@ -5,7 +5,7 @@
 //   0 hello   1 bye   2 gsync request   3 answer   4 welcome   5 event   6 peer hello
 //   7 peer gsync request   8 file piece   9 manifest   10 gsync failure   11 takeover
 //   12 command   13 command reply   14 state file   15 verify request   16 verify answer
-//   17 repair
+//   17 repair   then: history request, history answer, ping or pong (the last three of kDecoders)
 //
 // A decoder must refuse or accept without reading past its input; what it accepts must
 // encode and decode again to the same bytes (the state file: to the same text).
@@ -53,6 +53,7 @@ constexpr Decoder kDecoders[] = {
     round_trip<proto::Command>,   round_trip<proto::CommandReply>, state_file,
     round_trip<proto::ResendGet>,
     round_trip<proto::VerifyReq>, round_trip<proto::VerifyAns>,   round_trip<proto::Repair>,
+    round_trip<proto::HistReq>,   round_trip<proto::HistAns>,     round_trip<proto::Ping>,
 };
 
 std::string bytes(const std::vector<uint8_t>& v) { return std::string(v.begin(), v.end()); }
@@ -89,6 +90,14 @@ void make_seeds(const std::string& dir) {
   write_seed(dir, "repair", 17,
              bytes(encode(proto::Repair{0x80000000u, "run:/svc/sessions",
                                         {{"k1", 1, "value", std::string("\x01\0\0\0\x01\0\x02\0u1", 10)}, {"k2", 0, "", ""}}})));
+  constexpr size_t n = sizeof kDecoders / sizeof kDecoders[0];
+  write_seed(dir, "history-request", static_cast<uint8_t>(n - 3), bytes(encode(proto::HistReq{4, 500})));
+  proto::HistAns ha;
+  ha.id = 4;
+  ha.entries.push_back({1764000000000000000ull, 7, 601, 0x1234, 4242, 1, 3501, 9, 6520, 0x5a1, 40, 1, "pair-sample", ""});
+  ha.entries.push_back({1764000000000100000ull, 8, 0, 0, 4242, 3, 0, 0, 0x31, 0x5a1, 20, 0, "", "[4242]: switchover"});
+  write_seed(dir, "history-answer", static_cast<uint8_t>(n - 2), bytes(encode(ha)));
+  write_seed(dir, "ping", static_cast<uint8_t>(n - 1), bytes(encode(proto::Ping{123456789, {{0x5a1, 1, 12, "routes"}, {0x5a1, 2, 0, "peers"}}})));
 }
 
 }  // namespace

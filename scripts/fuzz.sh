@@ -19,7 +19,7 @@ here="$(cd "$(dirname "$0")/.." && pwd)"
 seconds="${1:-${HADRA_FUZZ_SECONDS:-30}}"
 build="${HADRA_FUZZ_BUILD:-$here/build-fuzz}"
 jobs="${HADRA_FUZZ_JOBS:-2}"
-targets=(dispatch_fuzz platform_input_fuzz snapshot_fuzz sysmgr_proto_fuzz role_files_fuzz)
+targets=(dispatch_fuzz platform_input_fuzz snapshot_fuzz sysmgr_proto_fuzz role_files_fuzz hist_ring_fuzz)
 if [ "$#" -gt 1 ]; then targets=("${@:2}"); fi
 
 # libFuzzer's runtime comes with clang's compiler-rt (Debian: libclang-rt-<version>-dev).

@@ -8,7 +8,12 @@
 // exported switch that any code may set. So every call first looks the pointer up among the
 // live buffers: a stale or made-up pointer gets an error, never a write through it. One
 // mutex guards the buffers and the lookup; records are only made while tracing is on.
+#include <dlfcn.h>
 #include <fcntl.h>
+#include <strings.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -20,9 +25,14 @@
 #include <vector>
 
 #include "common/call.h"
+#include "hadra/registry.h"
 #include "hadra_platform/config.h"
 #include "hadra_platform/log.h"
+#include "hadra_platform/sysmgr.h"
 #include "hadra_platform_testing.h"
+#include "log/hist_ring.h"
+#define XXH_INLINE_ALL
+#include <xxhash.h>
 
 struct sdwrap_hist_buf {
   char name[32];
@@ -88,6 +98,130 @@ void set_member(std::vector<uint32_t>& v, uint32_t x, bool on) {
   if (on) v.push_back(x);
 }
 
+
+bool is_text_record(const sdwrap_hist_rec& rec);
+
+// ---- The history ring file (hist_ring.h) ------------------------------------------------------
+
+namespace ring {
+
+namespace h = hadra::plat::hist;
+
+struct Writer {
+  std::mutex mu;
+  bool tried = false;
+  h::RingHdr* hdr = nullptr;
+  h::RingRec* recs = nullptr;
+  const hadra_ha_pss_entry* registry = nullptr;
+  // The library's handle, hadra_ha_handle_t: its first word is the service's uuid, its third
+  // the opcode of the service's sync messages.
+  const uint32_t* handle = nullptr;
+};
+
+Writer& writer() {
+  static auto* w = new Writer();
+  return *w;
+}
+
+uint64_t wall_ns() {
+  timespec ts{};
+  ::clock_gettime(CLOCK_REALTIME, &ts);
+  return static_cast<uint64_t>(ts.tv_sec) * 1000000000ull + static_cast<uint64_t>(ts.tv_nsec);
+}
+
+// Only the services of a pair (their system manager is the supervisor's daemon) keep a ring,
+// and HIST_RING=0 turns it off. A ring that cannot be made is said once and not tried again.
+void open_locked(Writer& w) {
+  w.tried = true;
+  const std::string transport = plat_config_get("TRANSPORT", "loopback");
+  const std::string mode = plat_config_get("SYSMGR", strcasecmp(transport.c_str(), "zmq") == 0 ? "daemon" : "local");
+  if (strcasecmp(mode.c_str(), "daemon") != 0 || plat_config_get_long("HIST_RING", 1) == 0) return;
+  const char* root = plat_root();
+  if (root == nullptr || *root == '\0') return;
+  const std::string dir = std::string(root) + "/log";
+  (void)::mkdir(dir.c_str(), 0755);
+  const std::string path = dir + "/hist-" + std::to_string(::getpid()) + ".ring";
+  const size_t size = h::ring_file_size(h::kRingRecords);
+  const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  void* map = MAP_FAILED;
+  if (fd >= 0 && ::ftruncate(fd, static_cast<off_t>(size)) == 0)
+    map = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+  const int err = errno;
+  if (fd >= 0) ::close(fd);
+  if (map == MAP_FAILED) {
+    plat_syslog(PLAT_LOG_WARNING, "history ring %s not kept: %s", path.c_str(), std::strerror(err));
+    return;
+  }
+  auto* hdr = static_cast<h::RingHdr*>(map);
+  hdr->version = h::kRingVersion;
+  hdr->rec_size = sizeof(h::RingRec);
+  hdr->pid = static_cast<uint32_t>(::getpid());
+  hdr->cap = h::kRingRecords;
+  std::atomic_thread_fence(std::memory_order_release);
+  hdr->magic = h::kRingMagic;
+  w.hdr = hdr;
+  w.recs = reinterpret_cast<h::RingRec*>(static_cast<char*>(map) + sizeof(h::RingHdr));
+  // The library, when this process loaded it, names the databases and the service.
+  w.registry = static_cast<const hadra_ha_pss_entry*>(::dlsym(RTLD_DEFAULT, "hadra_ha_pss"));
+  w.handle = static_cast<const uint32_t*>(::dlsym(RTLD_DEFAULT, "hadra_ha_handle"));
+}
+
+// The next record, its guard cleared; null when this process keeps no ring.
+h::RingRec* begin_locked(Writer& w, uint64_t* seq) {
+  if (!w.tried) open_locked(w);
+  if (w.hdr == nullptr) return nullptr;
+  *seq = w.hdr->next.load(std::memory_order_relaxed);
+  h::RingRec* r = &w.recs[*seq % w.hdr->cap];
+  r->guard.store(0, std::memory_order_relaxed);
+  std::atomic_thread_fence(std::memory_order_release);
+  if (w.handle != nullptr && w.handle[0] != 0) w.hdr->uuid.store(w.handle[0], std::memory_order_relaxed);
+  r->uuid = w.hdr->uuid.load(std::memory_order_relaxed);
+  r->time_ns = wall_ns();
+  return r;
+}
+
+void end_locked(Writer& w, h::RingRec* r, uint64_t seq) {
+  r->guard.store(seq + 1, std::memory_order_release);
+  w.hdr->next.store(seq + 1, std::memory_order_release);
+}
+
+void name_locked(Writer& w, uint8_t index) {
+  if (w.registry == nullptr || index == 0 || index > h::kRingMaxIndex || w.hdr->names[index][0] != '\0') return;
+  // The registry is an array indexed by the database's own number.
+  const hadra_ha_pss_entry& e = w.registry[index];
+  std::snprintf(w.hdr->uris[index], sizeof w.hdr->uris[index], "%.*s", static_cast<int>(strnlen(e.uri, sizeof e.uri)),
+                e.uri);
+  std::snprintf(w.hdr->names[index], sizeof w.hdr->names[index], "%.*s",
+                static_cast<int>(strnlen(e.name, sizeof e.name)), e.name);
+}
+
+}  // namespace ring
+
+// A copy of a history buffer's record in the ring file: its event, uuid and text.
+void ring_event(const sdwrap_hist_rec& rec) {
+  ring::Writer& w = ring::writer();
+  std::lock_guard<std::mutex> lock(w.mu);
+  uint64_t seq;
+  hadra::plat::hist::RingRec* r = ring::begin_locked(w, &seq);
+  if (r == nullptr) return;
+  r->kind = hadra::plat::hist::kEvent;
+  r->opcode = rec.event;
+  if (rec.uuid != 0) r->uuid = rec.uuid;
+  r->len = rec.length;
+  r->ha_seqno = r->digest = 0;
+  r->sap = r->epoch = 0;
+  r->index = 0;
+  if (is_text_record(rec)) {
+    std::snprintf(r->text, sizeof r->text, "%s", reinterpret_cast<const char*>(rec.data + 4));
+  } else {
+    size_t at = 0;
+    for (uint32_t i = 0; i < rec.length && at + 3 < sizeof r->text; ++i, at += 2)
+      std::snprintf(r->text + at, sizeof r->text - at, "%02x", rec.data[i]);
+    r->text[at] = '\0';
+  }
+  ring::end_locked(w, r, seq);
+}
+
 int append(const void* buf, uint32_t uuid, uint32_t event, uint32_t length, const void* record) {
   if (record == nullptr && length > 0) return -1;
   Registry& r = reg();
@@ -101,6 +235,7 @@ int append(const void* buf, uint32_t uuid, uint32_t event, uint32_t length, cons
   rec.event = event;
   rec.length = std::min<uint32_t>(length, PLAT_HIST_MAX_REC);
   if (rec.length > 0) std::memcpy(rec.data, record, rec.length);
+  ring_event(rec);
   return 0;
 }
 
@@ -264,3 +399,39 @@ HADRA_PLAT_API void plat_test_hist_filter_event(uint32_t event, int filtered) no
 }
 
 }  // extern "C"
+
+namespace hadra::plat::hist {
+
+void note_sync(uint32_t kind, uint32_t sap, uint32_t epoch, uint64_t ha_seqno, uint32_t opcode, const void* payload,
+               uint32_t len) noexcept {
+  if ((kind != kSent && kind != kApplied) || (payload == nullptr && len > 0)) return;
+  // The daemons' own traffic on the peer link is not a service's sync stream.
+  if (opcode >= SYSMGR_SAP && opcode <= SYSMGR_SAP + 0xff) return;
+  ring::Writer& w = ring::writer();
+  // The digest is taken before the lock: the payload is the caller's, and hashing it is the
+  // only part of the note that grows with the message.
+  const uint64_t digest = XXH3_64bits(payload, len);
+  std::lock_guard<std::mutex> lock(w.mu);
+  if (!w.tried) ring::open_locked(w);
+  // Of what the service sends on its stream, only its sync messages (the library's opcode);
+  // the notifications of its SDBs travel there too. What the receive loop applied was one.
+  if (w.hdr == nullptr || (kind == kSent && (w.handle == nullptr || w.handle[2] != opcode))) return;
+  uint64_t seq;
+  RingRec* r = ring::begin_locked(w, &seq);
+  if (r == nullptr) return;
+  const uint8_t index = len > 0 ? static_cast<const uint8_t*>(payload)[0] : 0;
+  r->kind = kind, r->sap = sap, r->epoch = epoch, r->ha_seqno = ha_seqno, r->opcode = opcode, r->len = len;
+  r->digest = digest, r->index = index, r->text[0] = '\0';
+  if (index >= 1 && index <= kRingMaxIndex) {
+    ring::name_locked(w, index);
+    RingDb& d = w.hdr->db[index];
+    std::atomic<uint64_t>& msgs = kind == kSent ? d.sent_msgs : d.applied_msgs;
+    std::atomic<uint64_t>& bytes = kind == kSent ? d.sent_bytes : d.applied_bytes;
+    msgs.store(msgs.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+    bytes.store(bytes.load(std::memory_order_relaxed) + len, std::memory_order_relaxed);
+    (kind == kSent ? d.last_sent_ns : d.last_applied_ns).store(r->time_ns, std::memory_order_relaxed);
+  }
+  ring::end_locked(w, r, seq);
+}
+
+}  // namespace hadra::plat::hist

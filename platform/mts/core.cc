@@ -47,6 +47,7 @@
 
 #include "hadra_platform/config.h"
 #include "hadra_platform/log.h"
+#include "log/hist_ring.h"
 
 namespace hadra::plat::mts {
 namespace {
@@ -476,6 +477,8 @@ int send_ordered(Global& s, Endpoint& ep, Transport* tp, const Outgoing& o, Wire
   TxStream* ts = o.route.peer ? &tx_stream(ep, o.route.sap) : nullptr;
   h.ha_seqno = ts != nullptr ? ts->st.last + 1 : 0;
   encode(h, f.data());
+  if (ts != nullptr)
+    hist::note_sync(hist::kSent, ep.sap, h.epoch, h.ha_seqno, h.opcode, f.data() + kWireHdrSize, h.payload_len);
   if (out_ref != nullptr && !hold_sent(s, ep, h, out_ref)) return -1;
   const bool bounded = ts != nullptr && (o.flags & MTS_SEND_NONBLOCK) == 0;
   Outgoing how = o;

@@ -304,8 +304,9 @@ struct TakeOver {
 
 // ---- Commands ---------------------------------------------------------------------------------
 
-enum class Cmd : uint8_t { kStatus = 1, kSwitchover = 2, kTakeover = 3, kGsync = 4, kConfigSave = 5, kVerify = 6 };
-constexpr bool valid_cmd(uint8_t c) { return c >= 1 && c <= 6; }
+enum class Cmd : uint8_t { kStatus = 1, kSwitchover = 2, kTakeover = 3, kGsync = 4, kConfigSave = 5, kVerify = 6,
+                           kHistory = 7 };
+constexpr bool valid_cmd(uint8_t c) { return c >= 1 && c <= 7; }
 
 struct Command {
   Cmd cmd = Cmd::kStatus;
@@ -749,6 +750,114 @@ inline bool decode(const void* p, size_t n, Repair* m) {
   for (RepairRecord& rec : m->records)
     if (!get_key(r, &rec.key, false) || !r.u8(&rec.present) || rec.present > 1 || !get_bytes(r, &rec.value) ||
         !get_bytes(r, &rec.mkeys))
+      return false;
+  return r.done();
+}
+
+// ---- History and link round trip (daemon <-> daemon) -----------------------------------------
+//
+// HIST_REQ asks the peer's daemon for the newest records of its services' history rings
+// (log/hist_ring.h); HIST_ANS carries them, oldest first, with the same id. PING is sent
+// four times a second with the sender's own clock; PONG echoes it, and the difference on arrival is
+// the link's round-trip time. Command 7 (history) carries its settings as a JSON object.
+
+constexpr uint32_t kHistReq = SYSMGR_SAP + 0x53;
+constexpr uint32_t kHistAns = SYSMGR_SAP + 0x54;
+constexpr uint32_t kPing = SYSMGR_SAP + 0x55;
+constexpr uint32_t kPong = SYSMGR_SAP + 0x56;
+
+constexpr size_t kMaxHistEntries = 8192;
+constexpr size_t kMaxHistText = 64;
+
+struct HistReq {
+  uint32_t id = 0;
+  uint32_t max = 0;  // newest records wanted, at most kMaxHistEntries
+};
+
+struct HistEntry {
+  uint64_t time_ns = 0;   // wall clock of the recording side
+  uint64_t seq = 0;       // order in its ring
+  uint64_t ha_seqno = 0;
+  uint64_t digest = 0;
+  uint32_t pid = 0;
+  uint32_t kind = 0;      // 1 sent, 2 applied, 3 event
+  uint32_t sap = 0, epoch = 0, opcode = 0, uuid = 0, len = 0;
+  uint8_t index = 0;
+  std::string service;    // the service's name as its daemon knows it; "" when unknown
+  std::string text;
+};
+
+struct HistAns {
+  uint32_t id = 0;
+  int32_t status = 0;     // 0, or an errno value with error naming the cause
+  std::string error;
+  std::vector<HistEntry> entries;
+};
+
+// The active's lag per database as it sees it: the age of the oldest sync message the
+// standby has not applied yet (0 when none), carried by the active's pings so that the
+// standby's status shows it too.
+struct DbLag {
+  uint32_t uuid = 0;
+  uint8_t index = 0;
+  uint64_t lag_ms = 0;
+  std::string name;  // the database's registered name, for a standby that has not seen it yet
+};
+
+struct Ping {
+  uint64_t sent_ns = 0;   // the asking side's clock, echoed unchanged
+  std::vector<DbLag> lags;  // a ping from the active; empty in a pong
+};
+
+inline std::vector<uint8_t> encode(const HistReq& m) {
+  Writer w;
+  w.u32(m.id), w.u32(m.max);
+  return w.bytes();
+}
+inline bool decode(const void* p, size_t n, HistReq* m) {
+  Reader r(p, n);
+  return r.u32(&m->id) && r.u32(&m->max) && m->max <= kMaxHistEntries && r.done();
+}
+
+inline std::vector<uint8_t> encode(const HistAns& m) {
+  Writer w;
+  w.u32(m.id), w.i32(m.status), w.str(m.error), w.u32(static_cast<uint32_t>(m.entries.size()));
+  for (const HistEntry& e : m.entries) {
+    w.u64(e.time_ns), w.u64(e.seq), w.u64(e.ha_seqno), w.u64(e.digest);
+    w.u32(e.pid), w.u32(e.kind), w.u32(e.sap), w.u32(e.epoch), w.u32(e.opcode), w.u32(e.uuid), w.u32(e.len);
+    w.u8(e.index), w.str(e.service), w.str(e.text);
+  }
+  return w.bytes();
+}
+inline bool decode(const void* p, size_t n, HistAns* m) {
+  Reader r(p, n);
+  uint32_t count;
+  if (!r.u32(&m->id) || !r.i32(&m->status) || !r.str(&m->error) || !r.u32(&count) || count > kMaxHistEntries)
+    return false;
+  m->entries.assign(count, HistEntry{});
+  for (HistEntry& e : m->entries)
+    if (!r.u64(&e.time_ns) || !r.u64(&e.seq) || !r.u64(&e.ha_seqno) || !r.u64(&e.digest) || !r.u32(&e.pid) ||
+        !r.u32(&e.kind) || e.kind < 1 || e.kind > 3 || !r.u32(&e.sap) || !r.u32(&e.epoch) || !r.u32(&e.opcode) ||
+        !r.u32(&e.uuid) || !r.u32(&e.len) || !r.u8(&e.index) || !r.str(&e.service) || e.service.size() > 255 ||
+        !r.str(&e.text) || e.text.size() > kMaxHistText)
+      return false;
+  return r.done();
+}
+
+inline std::vector<uint8_t> encode(const Ping& m) {
+  Writer w;
+  w.u64(m.sent_ns), w.u16(static_cast<uint16_t>(m.lags.size()));
+  for (const DbLag& l : m.lags) w.u32(l.uuid), w.u8(l.index), w.u64(l.lag_ms), w.str(l.name);
+  return w.bytes();
+}
+inline bool decode(const void* p, size_t n, Ping* m) {
+  Reader r(p, n);
+  uint16_t count;
+  if (!r.u64(&m->sent_ns) || !r.u16(&count) || count > 64 * kMaxIndex) return false;
+  m->lags.assign(count, DbLag{});
+  for (DbLag& l : m->lags)
+    if (!r.u32(&l.uuid) || !r.u8(&l.index) || l.index < 1 || l.index > kMaxIndex || !r.u64(&l.lag_ms) ||
+        !r.str(&l.name) || l.name.size() > 64)
       return false;
   return r.done();
 }

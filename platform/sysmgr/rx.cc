@@ -46,6 +46,7 @@
 #include "hadra_platform/errors.h"
 #include "hadra_platform/log.h"
 #include "hadra_platform/sysmgr_client.h"
+#include "log/hist_ring.h"
 #include "log/log_internal.h"
 #include "mts/auth.h"
 #include "mts/core.h"
@@ -270,6 +271,7 @@ int dispatch_in_order(uint32_t sap, const mts_msg_ref& ref, const mts::MsgInfo& 
   // The first payload byte of a sync message is its registry index.
   const auto* p = static_cast<const uint8_t*>(mi.payload);
   if (p != nullptr && mi.h.payload_len > 0) applied_note(p[0], mi.h.ha_seqno);
+  hist::note_sync(hist::kApplied, sap, mi.h.epoch, mi.h.ha_seqno, mi.h.opcode, p, mi.h.payload_len);
   (void)mts_drop(sap, &ref);
   return SYSMGR_RX_SYNC;
 }

@@ -9,3 +9,7 @@ endif()
 # The comparing core of verify on two stores side by side.
 hadra_e2e_test(verify_core_test verify_core_test.cc)
 target_link_libraries(verify_core_test PRIVATE hadra_verify_core)
+
+# The history's ring reader and the comparison of two supervisors' records.
+hadra_e2e_test(history_core_test history_core_test.cc)
+target_link_libraries(history_core_test PRIVATE hadra_history_core)

@@ -11,6 +11,7 @@
 #include <sys/socket.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -32,6 +33,7 @@
 #include "hadra_platform/sysmgr_client.h"
 #include "pairkit/daemons.h"
 #include "pairkit/two_sup.h"
+#include "log/hist_ring.h"
 #include "verify_core.h"
 
 namespace {
@@ -160,6 +162,51 @@ std::map<std::string, double> parse_metrics(const std::string& body) {
   return out;
 }
 
+// The samples served on port, once pred holds for them (the text is rendered every 500 ms).
+template <class F>
+bool scrape_until(int port, std::map<std::string, double>* m, F pred) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+  while (std::chrono::steady_clock::now() < deadline) {
+    const std::string answer = http_get(port, "/metrics");
+    const size_t body = answer.find("\r\n\r\n");
+    if (answer.rfind("HTTP/1.", 0) == 0 && body != std::string::npos) {
+      *m = parse_metrics(answer.substr(body + 4));
+      if (pred(*m)) return true;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  }
+  return false;
+}
+
+// Changes the digest of one record of the standby's history ring that says it applied the
+// message (database index, HA number ha), as if another payload had been applied: the
+// planted divergence. false when no such record is held.
+bool plant_divergence(const std::string& ring_path, uint8_t index, uint64_t* ha, uint64_t* digest) {
+  namespace hist = hadra::plat::hist;
+  const int fd = ::open(ring_path.c_str(), O_RDWR);
+  if (fd < 0) return false;
+  const size_t size = hist::ring_file_size(hist::kRingRecords);
+  void* map = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+  ::close(fd);
+  if (map == MAP_FAILED) return false;
+  auto* h = static_cast<hist::RingHdr*>(map);
+  auto* recs = reinterpret_cast<hist::RingRec*>(static_cast<char*>(map) + sizeof(hist::RingHdr));
+  // The middle one of the applied records of the database: neither end of what both hold.
+  std::vector<hist::RingRec*> applied;
+  for (uint32_t i = 0; i < h->cap; ++i)
+    if (recs[i].guard.load() != 0 && recs[i].kind == hist::kApplied && recs[i].index == index) applied.push_back(&recs[i]);
+  std::sort(applied.begin(), applied.end(), [](auto* a, auto* b) { return a->ha_seqno < b->ha_seqno; });
+  const bool ok = applied.size() > 10;
+  if (ok) {
+    hist::RingRec* r = applied[applied.size() / 2];
+    r->digest ^= 0x5a5a;
+    *ha = r->ha_seqno;
+    *digest = r->digest;
+  }
+  ::munmap(map, size);
+  return ok;
+}
+
 struct ToolRun {
   int exit = -1;
   std::string out, err;
@@ -215,7 +262,9 @@ class HadraTool : public ::testing::Test {
     daemons_[1] = pk::start_daemon(base_.path(), 1, "active", {{"METRICS_PORT", std::to_string(metrics_port_)}}, 10000,
                                    &why);
     ASSERT_GT(daemons_[1], 0) << why;
-    daemons_[2] = pk::start_daemon(base_.path(), 2, "standby", {}, 10000, &why);
+    metrics_port2_ = free_port();
+    daemons_[2] = pk::start_daemon(base_.path(), 2, "standby", {{"METRICS_PORT", std::to_string(metrics_port2_)}},
+                                   10000, &why);
     ASSERT_GT(daemons_[2], 0) << why;
     start_service(1, "active", &writes_, &stop_[1]);
     ASSERT_TRUE(wait_for([] { return g_shared->up[1] != 0; }));
@@ -256,7 +305,7 @@ class HadraTool : public ::testing::Test {
   }
 
   pk::BaseDir base_{"/tmp/hadra-tool-XXXXXX"};
-  int metrics_port_ = 0;
+  int metrics_port_ = 0, metrics_port2_ = 0;
   pk::Signal writes_, stop_[3];
   pid_t daemons_[3] = {-1, -1, -1};
   pid_t services_[3] = {-1, -1, -1};
@@ -298,11 +347,79 @@ TEST_F(HadraTool, EverySubcommandAgainstALivePair) {
   size_t rows = 0;
   for (size_t at = 0; (at = table.out.find("tool-service", at)) != std::string::npos; ++at) ++rows;
   EXPECT_EQ(rows, 2u) << table.out;
+  // Databases by their registered names, the lag in time too.
+  EXPECT_NE(table.out.find(" routes "), std::string::npos) << table.out;
+  EXPECT_NE(table.out.find(" peers "), std::string::npos) << table.out;
   const json st = tool_json(2, "status");
   EXPECT_EQ(st["role"], "standby");
   EXPECT_EQ(st["peer"]["role"], "active");
   ASSERT_TRUE(wait_for([] { return g_shared->writing[1] == 0; }));
   ASSERT_TRUE(caught_up());
+  // Caught up: on both sides a lag of 0 ms (the standby has it from the active's pings), and
+  // the link's round trip measured.
+  for (int slot : {1, 2})
+    EXPECT_TRUE(wait_for([&] {
+      const json s2 = tool_json(slot, "status");
+      bool all_zero = s2["db_info"].size() == 2 && s2["peer"]["rtt_ms"].is_number();
+      for (const json& v : s2["db_info"]) all_zero = all_zero && v["lag_ms"].is_number() && v["lag_ms"] == 0;
+      return all_zero;
+    })) << tool_json(slot, "status").dump();
+  {
+    const json s1 = tool_json(1, "status");
+    std::set<std::string> names;
+    for (const json& v : s1["db_info"]) names.insert(v["name"].get<std::string>());
+    EXPECT_EQ(names, (std::set<std::string>{"routes", "peers"})) << s1.dump();
+    EXPECT_GT(s1["peer"]["rtt_ms"].get<double>(), 0.0);
+    EXPECT_LT(s1["peer"]["rtt_ms"].get<double>(), 1000.0);
+  }
+
+  // history: both supervisors merged by time; every message the active sent was applied by
+  // the standby with the same digest, until one applied record is changed behind its back.
+  {
+    const json h = tool_json(1, "history --both --max 8192");
+    std::map<int, size_t> by_kind;
+    uint64_t last = 0;
+    bool ordered = true;
+    for (const json& e : h["entries"]) {
+      by_kind[e["slot"].get<int>() * 10 + (e["kind"] == "sent" ? 1 : e["kind"] == "applied" ? 2 : 3)]++;
+      ordered = ordered && e["time_ns"].get<uint64_t>() >= last;
+      last = e["time_ns"].get<uint64_t>();
+    }
+    EXPECT_TRUE(ordered);
+    // Two stores: the active sent every change as a message; the standby, started after the
+    // first kRecords, had those in its gsync's snapshot and applied the later ones.
+    EXPECT_EQ(by_kind[11], 2u * (kRecords + 100)) << h["entries"].size();
+    EXPECT_EQ(by_kind[22], 2u * 100);
+    EXPECT_EQ(by_kind[12] + by_kind[21], 0u);
+    const json d = tool_json(2, "history --diverge");
+    EXPECT_EQ(d["divergence"]["found"], false) << d["divergence"].dump();
+    EXPECT_EQ(d["divergence"]["compared"], 2u * 100);
+    EXPECT_EQ(tool(1, "history --max 3").out.size() > 0, true);
+  }
+  {
+    const std::string ring = pk::root_of(base_.path(), 2) + "/log/hist-" + std::to_string(services_[2]) + ".ring";
+    uint64_t ha = 0, digest = 0;
+    ASSERT_TRUE(plant_divergence(ring, kPeers, &ha, &digest)) << ring;
+    char hex[20];
+    std::snprintf(hex, sizeof hex, "%016llx", static_cast<unsigned long long>(digest));
+    for (int slot : {1, 2}) {
+      const json d = tool_json(slot, "history --diverge", 1)["divergence"];
+      EXPECT_EQ(d["found"], true);
+      EXPECT_EQ(d["what"], "payload differs") << d.dump();
+      EXPECT_EQ(d["ha_seqno"], ha) << d.dump();
+      EXPECT_EQ(d["db"], kPeers);
+      EXPECT_EQ(d["db_name"], "peers");
+      EXPECT_EQ(d["service"], "tool-service");
+      EXPECT_EQ(d["applied"]["digest"], hex);
+      EXPECT_EQ(d["applied"]["slot"], 2);
+      EXPECT_EQ(d["sent"]["slot"], 1);
+      EXPECT_NE(d["sent"]["digest"], hex);
+    }
+    const ToolRun text = tool(1, "history --diverge --max 1");
+    EXPECT_EQ(text.exit, 1);
+    EXPECT_NE(text.out.find("first divergence: tool-service db peers, HA number " + std::to_string(ha)), std::string::npos)
+        << text.out;
+  }
 
   // Equal copies: nothing to report, from either side.
   json v = tool_json(1, "verify");
@@ -310,6 +427,16 @@ TEST_F(HadraTool, EverySubcommandAgainstALivePair) {
   ASSERT_EQ(v["stores"].size(), 2u) << v.dump();
   for (const json& s : v["stores"]) EXPECT_EQ(s["records"], kRecords + 100) << s.dump();
   EXPECT_EQ(tool_json(2, "verify")["differences"], 0);
+  // Unknown services and databases: one line naming them.
+  for (const auto& [args, says] : std::vector<std::pair<std::string, std::string>>{
+           {"verify nosuch", "no service nosuch on either supervisor"},
+           {"verify tool-service nosuch", "no database nosuch of tool-service"},
+           {"dump run:/nosuch", "nosuch"}}) {
+    const ToolRun r = tool(1, args);
+    EXPECT_EQ(r.exit, 1) << args;
+    EXPECT_NE(r.err.find(says), std::string::npos) << args << ": " << r.err;
+    EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << args << ": " << r.err;
+  }
 
   // Three records changed behind the library on the standby, in each store: exactly those.
   const std::string root2 = pk::root_of(base_.path(), 2);
@@ -357,6 +484,29 @@ TEST_F(HadraTool, EverySubcommandAgainstALivePair) {
   EXPECT_EQ(m["hadra_db_out_of_sync" + db1], 0);
   EXPECT_EQ(m.count("hadra_gsyncs_total{slot=\"1\",result=\"done\"}"), 1u);
   EXPECT_NE(http_get(metrics_port_, "/other").find("404"), std::string::npos);
+  EXPECT_GT(m["hadra_db_sent_bytes_total" + db1], static_cast<double>(kRecords + 100)) << "one byte a message at least";
+  EXPECT_EQ(m["hadra_db_lag_seconds" + db1], 0);
+  EXPECT_EQ(m.count("hadra_db_info{slot=\"1\",service=\"tool-service\",db=\"1\",name=\"routes\",uri=\"" +
+                    [&] {
+                      for (const std::string& u : stores)
+                        if (u.ends_with("routes")) return u;
+                      return std::string();
+                    }() + "\"}"),
+            1u);
+  EXPECT_EQ(m["hadra_peer_role{slot=\"1\",role=\"standby\"}"], 1);
+  EXPECT_GT(m["hadra_peer_rtt_seconds{slot=\"1\"}"], 0);
+  // The bytes of every message the active sent, and of those the standby applied (the ones
+  // after its gsync), as the history shows them message by message.
+  std::map<std::string, double> m2;
+  const std::string db1_2 = "{slot=\"2\",service=\"tool-service\",db=\"1\"}";
+  double sent_bytes = 0, applied_bytes = 0;
+  const json both = tool_json(1, "history --both --max 8192");
+  for (const json& e : both["entries"])
+    if (e["kind"] != "event" && e["db"] == 1) (e["kind"] == "sent" ? sent_bytes : applied_bytes) += e["bytes"].get<double>();
+  EXPECT_EQ(m["hadra_db_sent_bytes_total" + db1], sent_bytes);
+  EXPECT_TRUE(scrape_until(metrics_port2_, &m2, [&](auto& x) {
+    return x["hadra_db_applied_bytes_total" + db1_2] == applied_bytes;
+  })) << m2["hadra_db_applied_bytes_total" + db1_2] << " vs " << applied_bytes;
 
   // dump: the records of one store, as text and JSON.
   const json d = tool_json(2, "dump " + stores[0]);
@@ -368,6 +518,11 @@ TEST_F(HadraTool, EverySubcommandAgainstALivePair) {
   const json before = tool_json(2, "status");
   EXPECT_EQ(tool(2, "gsync tool-service").exit, 0);
   ASSERT_TRUE(wait_for([&] { return tool_json(2, "status")["gsync"]["done"] > before["gsync"]["done"]; }));
+  // Its duration, Prometheus style.
+  EXPECT_TRUE(scrape_until(metrics_port2_, &m2, [](auto& x) {
+    return x["hadra_gsync_duration_seconds_count{slot=\"2\",result=\"done\"}"] >= 1 &&
+           x["hadra_gsync_duration_seconds_sum{slot=\"2\",result=\"done\"}"] > 0;
+  }));
   EXPECT_EQ(tool(1, "gsync").exit, 1);  // not on the active
 
   // switchover: confirmation needed without a terminal, then done with --yes.
@@ -376,6 +531,40 @@ TEST_F(HadraTool, EverySubcommandAgainstALivePair) {
   EXPECT_NE(refused.err.find("--yes"), std::string::npos) << refused.err;
   ASSERT_EQ(tool(1, "switchover --yes").exit, 0);
   EXPECT_TRUE(wait_for([&] { return tool_json(2, "status")["role"] == "active"; }));
+  // A peer whose daemon stops answering (frozen, its link not yet seen down): the history
+  // that needs it ends at --timeout with one line, never hangs.
+  ASSERT_EQ(kill(daemons_[1], SIGSTOP), 0);
+  // On a terminal (script(1) gives it one), a verify that runs long shows its progress while
+  // it waits; this one waits for a peer that no longer answers, until its --timeout.
+  {
+    const std::string cmd = "HADRA_SLOT=2 timeout 30 script -qec '" + std::string(HADRA_TOOL_PATH) + " --root " +
+                            pk::root_of(base_.path(), 2) + " --timeout 2500 verify' /dev/null </dev/null";
+    std::string out;
+    FILE* p = ::popen(cmd.c_str(), "r");
+    ASSERT_NE(p, nullptr);
+    std::array<char, 4096> buf;
+    size_t n;
+    while ((n = std::fread(buf.data(), 1, buf.size(), p)) > 0) out.append(buf.data(), n);
+    const int st = ::pclose(p);
+    EXPECT_TRUE(WIFEXITED(st) && WEXITSTATUS(st) == 1) << out;
+    EXPECT_NE(out.find("0/2 stores"), std::string::npos) << out;
+    EXPECT_NE(out.find("ETA ?"), std::string::npos) << out;
+    EXPECT_NE(out.find("hadra: "), std::string::npos) << out;
+  }
+  const auto t0 = std::chrono::steady_clock::now();
+  const ToolRun frozen = tool(2, "--timeout 400 history --both");
+  const auto took = std::chrono::steady_clock::now() - t0;
+  kill(daemons_[1], SIGCONT);
+  EXPECT_EQ(frozen.exit, 1) << frozen.out;
+  EXPECT_TRUE(frozen.err.find("did not send its history in time") != std::string::npos ||
+              frozen.err.find("the peer is down") != std::string::npos)
+      << frozen.err;
+  EXPECT_EQ(std::count(frozen.err.begin(), frozen.err.end(), '\n'), 1) << frozen.err;
+  EXPECT_LT(took, std::chrono::seconds(4));
+  EXPECT_TRUE(scrape_until(metrics_port2_, &m2, [](auto& x) {
+    return x["hadra_switchover_duration_seconds_count{slot=\"2\"}"] == 1 &&
+           x["hadra_switchovers_total{slot=\"2\"}"] == 1 && x["hadra_supervisor_role{slot=\"2\",role=\"active\"}"] == 1;
+  }));
 }
 
 TEST_F(HadraTool, BadInputGivesOneLineAndANonZeroExit) {
@@ -392,9 +581,27 @@ TEST_F(HadraTool, BadInputGivesOneLineAndANonZeroExit) {
   EXPECT_EQ(r.exit, 1);
   EXPECT_NE(r.err.find("run/no/such/store"), std::string::npos) << r.err;
 
+  // Ring files of ended processes: the daemon keeps the newest four and removes the rest;
+  // a live process's ring is never touched.
+  const std::string logs = pk::root_of(base_.path(), 1) + "/log";
+  std::filesystem::create_directories(logs);
+  auto ring = [&](long pid) { return logs + "/hist-" + std::to_string(pid) + ".ring"; };
+  for (int i = 0; i < 6; ++i) {
+    std::ofstream(ring(2147483000 + i)) << "x";
+    const auto t = std::filesystem::file_time_type::clock::now() - std::chrono::hours(10 - i);
+    std::filesystem::last_write_time(ring(2147483000 + i), t);
+  }
+  std::ofstream(ring(::getpid())) << "x";
+  std::filesystem::last_write_time(ring(::getpid()),
+                                   std::filesystem::file_time_type::clock::now() - std::chrono::hours(20));
+
   std::string why;
   daemons_[1] = pk::start_daemon(base_.path(), 1, "active", {}, 10000, &why);
   ASSERT_GT(daemons_[1], 0) << why;
+  EXPECT_TRUE(wait_for([&] { return !std::filesystem::exists(ring(2147483001)); }));
+  EXPECT_FALSE(std::filesystem::exists(ring(2147483000)));
+  for (int i = 2; i < 6; ++i) EXPECT_TRUE(std::filesystem::exists(ring(2147483000 + i))) << i;
+  EXPECT_TRUE(std::filesystem::exists(ring(::getpid())));
   // A peer that is gone: verify says so at once.
   r = tool(1, "verify");
   EXPECT_EQ(r.exit, 1);
@@ -403,6 +610,19 @@ TEST_F(HadraTool, BadInputGivesOneLineAndANonZeroExit) {
   r = tool(1, "gsync nosuch");
   EXPECT_EQ(r.exit, 1);
   EXPECT_NE(r.err.find("no service nosuch"), std::string::npos) << r.err;
+  // Every subcommand that needs the peer says it is down, in one line.
+  for (const char* args : {"history --both", "history --diverge", "switchover --yes"}) {
+    r = tool(1, args);
+    EXPECT_EQ(r.exit, 1) << args;
+    EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << args << ": " << r.err;
+    EXPECT_NE(r.err.find("peer"), std::string::npos) << args << ": " << r.err;
+  }
+  // This supervisor's own history needs no peer; bad settings are refused before asking.
+  EXPECT_EQ(tool(1, "history").exit, 0);
+  r = tool(1, "history --max 0");
+  EXPECT_EQ(r.exit, 2);
+  EXPECT_NE(r.err.find("--max"), std::string::npos) << r.err;
+  EXPECT_NE(tool(1, "history --help").out.find("hadra history --diverge"), std::string::npos);
   EXPECT_NE(tool(1, "status --help").out.find("hadra status --watch"), std::string::npos);
 }
 

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -99,8 +100,31 @@ int cmd_verify(const Common& c, const std::string& service, const std::string& d
   // The daemon answers when the whole comparison is over: wait a little longer than it may take.
   Common longer = c;
   longer.timeout_ms = c.timeout_ms + 2000;
-  if (::isatty(STDERR_FILENO) != 0 && !c.json) std::fprintf(stderr, "verifying...\r");
-  tool::Answer a = tool::send_command(c.root, proto::Cmd::kVerify, arg.dump(), longer.timeout_ms);
+  // On a terminal, a long run shows how far it is: the daemon's status, asked for while the
+  // comparison runs, has its progress. Nothing of it goes to --json or to a pipe.
+  const bool bar = ::isatty(STDERR_FILENO) != 0 && !c.json;
+  bool drawn = false;
+  auto progress = [&](const json& st) {
+    const json p = st.value("verify_progress", json());
+    if (!p.is_object()) return;
+    const double elapsed = p.value("elapsed_ms", 0.0) / 1000.0;
+    if (elapsed < 1.0) return;  // short runs need no bar
+    const double stores = std::max(1.0, p.value("stores", 1.0)), done = p.value("stores_done", 0.0);
+    const double mb = p.value("bytes", 0.0) / 1e6, f = done / stores;
+    constexpr int kWidth = 30;
+    const int filled = static_cast<int>(f * kWidth);
+    std::string line = "\r[" + std::string(static_cast<size_t>(filled), '#') +
+                       std::string(static_cast<size_t>(kWidth - filled), '.') + "] ";
+    char rest[160];
+    std::snprintf(rest, sizeof rest, "%.0f/%.0f stores  %.0f records  %.1f MB at %.1f MB/s  ETA %s", done, stores,
+                  p.value("records_seen", 0.0), mb, mb / elapsed,
+                  f > 0 ? (std::to_string(static_cast<long>(elapsed * (1 - f) / f + 0.5)) + " s").c_str() : "?");
+    std::fprintf(stderr, "%s%s\033[K", line.c_str(), rest);
+    drawn = true;
+  };
+  tool::Answer a = tool::send_command_watching(c.root, proto::Cmd::kVerify, arg.dump(), longer.timeout_ms, "stores",
+                                               bar ? 500 : 0, progress);
+  if (drawn) std::fprintf(stderr, "\r\033[K");
   // Refused before it began (no peer, a bad name): the reason alone.
   if (a.exit == 3 || !a.body.is_object() || !a.body.contains("stores")) return fail(a.error, a.exit == 0 ? 1 : a.exit);
   if (c.json)
@@ -111,6 +135,19 @@ int cmd_verify(const Common& c, const std::string& service, const std::string& d
   const uint64_t diffs = a.body.value("differences", uint64_t{0});
   // Differences left unrepaired are a failed check, as with diff(1).
   return diffs == 0 || repair ? 0 : 1;
+}
+
+int cmd_history(const Common& c, bool both, bool diverge, int max) {
+  json arg{{"both", both}, {"diverge", diverge}, {"max", max}, {"timeout_ms", c.timeout_ms}};
+  // The daemon answers when the peer's records are in, or says it gave up at timeout_ms.
+  tool::Answer a = tool::send_command(c.root, proto::Cmd::kHistory, arg.dump(), c.timeout_ms + 2000);
+  if (a.exit != 0) return fail(a.error, a.exit);
+  if (c.json)
+    std::printf("%s\n", a.body.dump(2).c_str());
+  else
+    std::fputs(tool::history_report(a.body).c_str(), stdout);
+  // A divergence found is a failed check, as with diff(1).
+  return a.body.value("divergence", json::object()).value("found", false) ? 1 : 0;
 }
 
 }  // namespace
@@ -163,6 +200,17 @@ int main(int argc, char** argv) {
   dump->add_option("URI", uri, "the store's URI, <area>:/<path>")->required();
   dump->add_flag("--json", c.json, "records as JSON (keys and values as text or 0x-hex)");
 
+  CLI::App* history = app.add_subcommand("history", "the sync messages and history records of the services, merged by\n"
+                                                    "time; with --diverge, the first sync message the two\n"
+                                                    "supervisors disagree on\n"
+                                                    "Example:\n  hadra history --both --max 50\n  hadra history --diverge");
+  bool both = false, diverge = false;
+  int max = 100;
+  history->add_flag("--both", both, "both supervisors' records, merged by time");
+  history->add_flag("--diverge", diverge, "compare the two supervisors' sync messages (implies the peer's records)");
+  history->add_option("--max", max, "newest records shown")->check(CLI::Range(1, 8192));
+  history->add_flag("--json", c.json, "the records (and the divergence) as JSON");
+
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {
@@ -202,5 +250,6 @@ int main(int argc, char** argv) {
   if (*save) return cmd_simple(c, proto::Cmd::kConfigSave, "", "configuration saved by every service");
   if (*verify) return cmd_verify(c, service, db, repair);
   if (*dump) return tool::dump_store(c.root, uri, c.json);
+  if (*history) return cmd_history(c, both, diverge, max);
   return 2;
 }

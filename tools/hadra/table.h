@@ -11,6 +11,10 @@ namespace hadra::tool {
 // in messages and whether the standby is behind. colour: ANSI colours (a terminal only).
 std::string status_table(const nlohmann::json& status, bool colour);
 
+// The merged history of the daemon's answer to `history`, one line per record, then what
+// --diverge found.
+std::string history_report(const nlohmann::json& answer);
+
 std::string verify_report(const nlohmann::json& result);
 
 }  // namespace hadra::tool

@@ -5,7 +5,7 @@
 // and the sample service (service.h), each supervisor with its own platform root under the
 // base directory and the ZeroMQ transport between them. The daemons run gsync and the
 // takeover; the driver only starts and kills processes, sends the daemons commands, reads
-// their status, prints a table after each step, and compares the two roots' stores record
+// their status, shows `hadra status` after each step, and compares the two roots' stores record
 // by record. Every wait is bounded by kStepMs and watches the processes, so a supervisor
 // that dies ends the run at once with its reason.
 #include <sys/mman.h>
@@ -60,9 +60,11 @@ its own platform root. Gsync goes through the daemons: the standby's service ask
 daemon, the active's daemon has its service write the snapshot, ships the area's files with
 a checksum each and a manifest, and the standby's daemon checks them before gsync ready.
 
-A status table follows each step: per supervisor its role, each database's HA state and
-record count (read from its stores), and the sync messages it sent and applied (from its
-daemon). The last line is the verdict; the exit status is 0 only when every check held.
+After each step, the operator's tool shows each running supervisor: `hadra status` (roles,
+the peer link and its round trip, per database its name, sequence numbers sent and applied
+and the lag); after the live changes `hadra verify` compares both copies online and must
+find 0 differences. The last line is the verdict; the exit status is 0 only when every
+check held.
 
 Everything is real: the processes, the daemons, the LMDB stores, the ZeroMQ transport, the
 library and the platform; no testing interface is used.
@@ -174,26 +176,36 @@ uint64_t sync_count(const nlohmann::json& st, const char* field) {
   return n;
 }
 
-void table(const Run& r, const Dumps& d) {
-  std::printf("\n   %-4s %-8s", "sup", "role");
-  for (const char* name : kDbNames) std::printf(" | %-18s", name);
-  std::printf(" | %9s %9s\n", "sync sent", "applied");
-  for (int s = 0; s < 2; ++s) {
-    const SupStatus& st = r.sup[s];
-    const nlohmann::json ds = daemon_status(r, s);
-    const bool running = r.pid[s] > 0 && st.up != 0 && !r.gone[s];
-    const std::string role = r.gone[s] ? "gone" : ds.contains("role") ? ds["role"].get<std::string>() : "-";
-    std::printf("   %-4d %-8s", s + 1, role.c_str());
-    for (int i = 0; i < kDatabases; ++i) {
-      const char* state = running && st.ha_state[i] < 4 ? hadra_ha_pss_state2str[st.ha_state[i]] + 9 : "-";
-      const pairkit::StoreDump* store = store_of(d.sup[s], kDbNames[i]);
-      const std::string count = store != nullptr ? std::to_string(store->records.size()) : "-";
-      std::printf(" | %-8s %9s", state, count.c_str());
-    }
-    std::printf(" | %9llu %9llu\n", static_cast<unsigned long long>(sync_count(ds, "sent")),
-                static_cast<unsigned long long>(sync_count(ds, "applied")));
+// The operator's tool on supervisor slot's root, as an operator runs it: its exit status,
+// and its output (stdout and stderr) in *out, also printed indented after the command.
+int hadra_tool(const Run& r, int slot, const std::string& args, std::string* out) {
+  // The supervisor's slot as its daemon has it (the pair's roots keep it in the environment).
+  const std::string cmd = "HADRA_SLOT=" + std::to_string(slot) + " " + HADRA_TOOL_PATH + " --root " +
+                          pairkit::root_of(r.base, slot) + " " + args;
+  out->clear();
+  FILE* p = ::popen((cmd + " </dev/null 2>&1").c_str(), "r");
+  if (p == nullptr) return -1;
+  char buf[4096];
+  size_t n;
+  while ((n = std::fread(buf, 1, sizeof buf, p)) > 0) out->append(buf, n);
+  const int st = ::pclose(p);
+  std::printf("\n   $ hadra --root sup%d %s\n", slot, args.c_str());
+  for (size_t at = 0; at < out->size();) {
+    const size_t nl = out->find('\n', at);
+    const size_t end = nl == std::string::npos ? out->size() : nl;
+    std::printf("   %s\n", out->substr(at, end - at).c_str());
+    at = end + 1;
   }
   std::fflush(stdout);
+  return WIFEXITED(st) ? WEXITSTATUS(st) : -1;
+}
+
+// The status table after a step is the operator's: `hadra status` on each supervisor whose
+// daemon runs.
+void table(const Run& r) {
+  std::string out;
+  for (int s = 0; s < 2; ++s)
+    if (!r.gone[s] && r.daemon[s] > 0) (void)hadra_tool(r, s + 1, "status", &out);
 }
 
 // Supervisor 1 holds what the service wrote, and supervisor 2 the same records, secondary
@@ -303,7 +315,7 @@ bool step_a(Run& r) {
   heading("a. supervisor 1 starts as active; the service writes its first records");
   if (!start_daemon(r, 1) || !start_daemon(r, 2)) return false;
   if (start(r, 1) <= 0 || !await(r, r.steps.written, "the first records")) return false;
-  table(r, dump_both(r));
+  table(r);
   return true;
 }
 
@@ -316,7 +328,7 @@ bool step_b(Run& r) {
         "the snapshot area was shipped, verified against its manifest and rebuilt on supervisor 2",
         st["gsync"]["last_error"].get<std::string>());
   const Dumps d = dump_both(r);
-  table(r, d);
+  table(r);
   compare(r, d, false, "after gsync");
   return true;
 }
@@ -324,22 +336,8 @@ bool step_b(Run& r) {
 // The operator's view of the same moment, through the operator's tool (docs/hadra.md): its
 // status table, and its online verify of both supervisors' copies finding no difference.
 void operator_view(Run& r) {
-  const std::string tool = std::string(HADRA_TOOL_PATH) + " --root " + pairkit::root_of(r.base, 1) + " ";
   std::string out;
-  auto run = [&](const std::string& args) {
-    out.clear();
-    FILE* p = ::popen((tool + args + " </dev/null 2>&1").c_str(), "r");
-    if (p == nullptr) return -1;
-    char buf[4096];
-    size_t n;
-    while ((n = std::fread(buf, 1, sizeof buf, p)) > 0) out.append(buf, n);
-    const int st = ::pclose(p);
-    std::printf("   $ hadra %s\n%s", args.c_str(), out.c_str());
-    std::fflush(stdout);
-    return WIFEXITED(st) ? WEXITSTATUS(st) : -1;
-  };
-  (void)run("status");
-  const int rc = run("verify");
+  const int rc = hadra_tool(r, 1, "verify", &out);
   check(r, rc == 0 && out.find("\n0 difference(s)") != std::string::npos, "hadra verify finds 0 differences",
         "exit " + std::to_string(rc));
 }
@@ -358,7 +356,7 @@ bool step_c(Run& r) {
   });
   if (!caught_up) return false;
   const Dumps d = dump_both(r);
-  table(r, d);
+  table(r);
   check(r, true, "every sync message sent was applied or covered by the snapshot", std::to_string(sent) + " messages");
   compare(r, d, true, "after the live changes");
   operator_view(r);
@@ -390,7 +388,7 @@ bool step_d(Run& r) {
   if (!await_cond(r, "the switchover", [&] { return all_in(r.sup[1], HADRA_HA_ACTIVE) && r.sup[1].switched != 0; }))
     return false;
   const Dumps d = dump_both(r);
-  table(r, d);
+  table(r);
   check(r, r.sup[1].supstate == 1, "supervisor 2 is active with every database HADRA_HA_ACTIVE");
   compare(r, d, true, "after the takeover");
   r.steps.finish.raise();
