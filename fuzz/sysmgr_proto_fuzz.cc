@@ -4,8 +4,8 @@
 //
 //   0 hello   1 bye   2 gsync request   3 answer   4 welcome   5 event   6 peer hello
 //   7 peer gsync request   8 file piece   9 manifest   10 gsync failure   11 takeover
-//   12 command   13 command reply   14 state file   15 verify request   16 verify answer
-//   17 repair   then: history request, history answer, ping or pong (the last three of kDecoders)
+//   12 command   13 command reply   14 state file   15 resend request   16 verify request
+//   17 verify answer   18 repair   19 history request   20 history answer   21 ping or pong
 //
 // A decoder must refuse or accept without reading past its input; what it accepts must
 // encode and decode again to the same bytes (the state file: to the same text).

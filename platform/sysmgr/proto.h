@@ -27,7 +27,8 @@ namespace hadra::plat::sysmgr::proto {
 constexpr uint16_t kProtoVersion = 0x0100;  // major 1, minor 0
 constexpr bool version_compatible(uint16_t v) { return (v >> 8) == (kProtoVersion >> 8); }
 
-// Opcodes. All messages of the system manager use the range SYSMGR_SAP .. SYSMGR_SAP + 0xff.
+// Opcodes. All messages of the system manager use the range SYSMGR_SAP .. SYSMGR_SAP + 0xff,
+// each opcode once, whichever link carries it.
 enum Opcode : uint32_t {
   // client -> daemon
   kHello = SYSMGR_SAP + 0x10,
@@ -54,8 +55,8 @@ enum Opcode : uint32_t {
   // service <-> the same service on the peer: a standby that missed part of the sync stream
   // asks for it again (ResendGet); the active's MTS closes the resend with kResendReply
   // (mts/core.h resend: numbered with the last frame resent, payload the result).
-  kResendGet = SYSMGR_SAP + 0x50,
-  kResendReply = SYSMGR_SAP + 0x51,
+  kResendGet = SYSMGR_SAP + 0x60,
+  kResendReply = SYSMGR_SAP + 0x61,
 };
 
 constexpr bool is_sysmgr_opcode(uint32_t opc) { return opc >= SYSMGR_SAP && opc <= SYSMGR_SAP + 0xff; }
