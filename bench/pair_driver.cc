@@ -200,7 +200,7 @@ int active_gsync(kit::Signal& ready, kit::Signal& snapped, kit::Signal& finished
   plat_test_sysmgr_ctx_init(&ctx, 0);
   if (sysmgrcb_gsync_snapshot(&ctx, kArea, nullptr) != 0 || !answered(PLAT_TEST_SYSMGR_GSYNC_SNAPSHOT_DONE))
     return kit::log("active", "snapshot failed"), 32;
-  report("active", {{"cpu", cpu_s() - c0}, {"start", t0}});
+  report("active", {{"cpu", cpu_s() - c0}, {"start", t0}, {"phase", now_s() - t0}});
   snapped.raise();
   return finished.wait(kWaitMs) ? 0 : 33;
 }
@@ -209,13 +209,13 @@ int standby_gsync(kit::Signal& ready, kit::Signal& shipped, kit::Signal& finishe
   if (!start_client()) return kit::log("standby", "start failed"), 40;
   ready.raise();
   if (!shipped.wait(kWaitMs)) return 41;
-  const double c0 = cpu_s();
+  const double c0 = cpu_s(), t0 = now_s();
   sysmgr_req_ctx ctx;
   plat_test_sysmgr_ctx_init(&ctx, 0);
   if (sysmgrcb_gsync_ready(&ctx, kArea, nullptr) != 0 || !answered(PLAT_TEST_SYSMGR_GSYNC_READY_DONE))
     return kit::log("standby", "gsync ready failed"), 42;
   const double t1 = now_s();
-  report("standby", {{"cpu", cpu_s() - c0}, {"end", t1}});
+  report("standby", {{"cpu", cpu_s() - c0}, {"end", t1}, {"phase", t1 - t0}});
   finished.raise();
   return 0;
 }
@@ -269,9 +269,11 @@ int main(int argc, char** argv) {
   }
   const double secs = s["end"] - a["start"], n = static_cast<double>(g_records);
   const double want = gsync ? n : static_cast<double>(g_mode == "pss" || g_mode == "sdb" ? g_records : (g_records + kBatch - 1) / kBatch);
-  std::printf("mode=%s records=%zu seconds=%.4f rate=%.0f mb_per_s=%.2f active_cpu_us=%.3f standby_cpu_us=%.3f ship_s=%.4f\n",
+  std::printf("mode=%s records=%zu seconds=%.4f rate=%.0f mb_per_s=%.2f active_cpu_us=%.3f standby_cpu_us=%.3f ship_s=%.4f",
               g_mode.c_str(), g_records, secs, n / secs, n * (kKey + kValue) / secs / 1e6, a["cpu"] * 1e6 / n,
               s["cpu"] * 1e6 / n, ship_s);
+  if (gsync) std::printf(" snapshot_s=%.4f ready_s=%.4f", a["phase"], s["phase"]);
+  std::printf("\n");
   if (s["sync"] < want) return std::fprintf(stderr, "bench_pair: the standby saw %.0f of %.0f\n", s["sync"], want), 1;
   return 0;
 }
