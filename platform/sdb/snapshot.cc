@@ -19,8 +19,9 @@
 // the checked snapshot file into place as the SDB's data file (the snapshot is used up): a
 // rename, atomic on its own, with the SDB's lock file held exclusively meanwhile so that no
 // process opens the SDB half way and the lock file is rebuilt for the new data. Where the
-// SDB is open somewhere, or the files lie on different file systems, the restore replaces
-// the contents in one write transaction instead, so that other processes see the old or
+// SDB is open somewhere, the files lie on different file systems, or the snapshot has a list
+// of free pages (not one the compacting copy wrote), the restore replaces the contents in
+// one write transaction instead, so that other processes see the old or
 // the new contents, never a mix.
 #include <fcntl.h>
 #include <sys/file.h>
@@ -253,8 +254,13 @@ uint32_t read_snapshot(const std::string& path, const std::string& snap, uint32_
       sdb::read_meta(rt.get(), file, sm) != 0)
     return PLAT_ERR_SDB_IO;
   if (sm.kind != kind) return PLAT_ERR_SDB_BAD_ARG;
+  // The damage check walks what a reader reaches, not the list of free pages that a writer
+  // takes pages from: only a file without one (as the compacting copy writes it) may become
+  // a live store whole.
+  MDB_stat fst;
+  const bool no_free_list = mdb_stat(rt.get(), 0, &fst) == 0 && fst.ms_entries == 0;
   rt.abort();
-  if (sdb::find_path(path) == nullptr) {
+  if (no_free_list && sdb::find_path(path) == nullptr) {
     file.close();
     if (uint32_t moved = adopt_file(path, snap, sm); moved != kNotMoved) return moved;
     if (file.open(snap, MDB_NOSUBDIR | MDB_RDONLY | MDB_NOLOCK, false) != 0 || rt.begin(file, true) != 0)
