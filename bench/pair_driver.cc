@@ -13,8 +13,12 @@
 //                 standby's root (the driver plays the system manager, as tools/pairkit does),
 //                 gsync ready on the standby; MB/s of record payload
 // One line on stdout, "key=value" pairs: records, seconds, rate (records/s), mb_per_s,
-// active_cpu_us and standby_cpu_us (CPU per record of each process, all threads). Exit 0
-// only when the standby saw every change.
+// active_cpu_us and standby_cpu_us (CPU per record of each process, all threads); for the
+// update modes active_heap_kib and standby_heap_kib, the heap the process gained from the
+// library's initialisation to the end of the run (the library's and what the platform holds
+// for it: stores, queues, buffers; the transport's own start-up is before); for gsync
+// snapshot_s and ready_s, the two sides' calls. Exit 0 only when the standby saw every change.
+#include <malloc.h>
 #include <sys/resource.h>
 #include <time.h>
 
@@ -93,8 +97,18 @@ struct Records {
   uint8_t* value(size_t i) { return &values[i * kValue]; }
 };
 
+// Heap in use by the process (every arena, mapped chunks included).
+double heap_bytes() {
+  const struct mallinfo2 mi = mallinfo2();
+  return static_cast<double>(mi.uordblks + mi.hblkhd);
+}
+double g_heap_before_library = 0;
+
 bool start_client() {
-  if (mts_bind(kSap) != 0 || hadra_ha_register_pss(kPss, "bench_pss") == nullptr ||
+  if (mts_bind(kSap) != 0) return false;
+  // From here on what the heap gains is the library's and what the platform does for it.
+  g_heap_before_library = heap_bytes();
+  if (hadra_ha_register_pss(kPss, "bench_pss") == nullptr ||
       hadra_ha_register_sdb(kSdb, "bench_sdb", 6501, 6502) == nullptr ||
       hadra_ha_register_msdb(kMsdb, "bench_msdb", 6503, 6504) == nullptr)
     return false;
@@ -155,8 +169,9 @@ int active_updates(kit::Signal& ready, kit::Signal& finished) {
   if (!ready.wait(kWaitMs) || !start_client() || !raise_pss_limit()) return kit::log("active", "start failed"), 10;
   const double t0 = now_s(), c0 = cpu_s();
   if (!write_all(r)) return kit::log("active", "an update failed"), 11;
+  const double heap = heap_bytes() - g_heap_before_library;
   if (mts_send(kSap, MTS_ADDR_PEER, MTS_SAP_SAME, kDoneOpc, &t0, sizeof t0, nullptr, 0, nullptr) != 0) return 12;
-  report("active", {{"cpu", cpu_s() - c0}, {"start", t0}});
+  report("active", {{"cpu", cpu_s() - c0}, {"start", t0}, {"heap", heap}});
   return finished.wait(kWaitMs) ? 0 : 13;
 }
 
@@ -173,7 +188,10 @@ int standby_updates(kit::Signal& ready, kit::Signal& finished) {
   int rc = kit::receive_loop(kSap, kWaitMs, [](const mts_msg_ref& ref) { return mts_opc_get(&ref) == kDoneOpc; },
                              &stats);
   const double t1 = now_s();
-  report("standby", {{"cpu", cpu_s() - c0}, {"end", t1}, {"sync", static_cast<double>(stats.sync)}});
+  report("standby", {{"cpu", cpu_s() - c0},
+                     {"end", t1},
+                     {"sync", static_cast<double>(stats.sync)},
+                     {"heap", heap_bytes() - g_heap_before_library}});
   finished.raise();
   return rc == 0 ? 0 : 22;
 }
@@ -200,7 +218,7 @@ int active_gsync(kit::Signal& ready, kit::Signal& snapped, kit::Signal& finished
   plat_test_sysmgr_ctx_init(&ctx, 0);
   if (sysmgrcb_gsync_snapshot(&ctx, kArea, nullptr) != 0 || !answered(PLAT_TEST_SYSMGR_GSYNC_SNAPSHOT_DONE))
     return kit::log("active", "snapshot failed"), 32;
-  report("active", {{"cpu", cpu_s() - c0}, {"start", t0}});
+  report("active", {{"cpu", cpu_s() - c0}, {"start", t0}, {"phase", now_s() - t0}});
   snapped.raise();
   return finished.wait(kWaitMs) ? 0 : 33;
 }
@@ -209,13 +227,13 @@ int standby_gsync(kit::Signal& ready, kit::Signal& shipped, kit::Signal& finishe
   if (!start_client()) return kit::log("standby", "start failed"), 40;
   ready.raise();
   if (!shipped.wait(kWaitMs)) return 41;
-  const double c0 = cpu_s();
+  const double c0 = cpu_s(), t0 = now_s();
   sysmgr_req_ctx ctx;
   plat_test_sysmgr_ctx_init(&ctx, 0);
   if (sysmgrcb_gsync_ready(&ctx, kArea, nullptr) != 0 || !answered(PLAT_TEST_SYSMGR_GSYNC_READY_DONE))
     return kit::log("standby", "gsync ready failed"), 42;
   const double t1 = now_s();
-  report("standby", {{"cpu", cpu_s() - c0}, {"end", t1}});
+  report("standby", {{"cpu", cpu_s() - c0}, {"end", t1}, {"phase", t1 - t0}});
   finished.raise();
   return 0;
 }
@@ -269,9 +287,12 @@ int main(int argc, char** argv) {
   }
   const double secs = s["end"] - a["start"], n = static_cast<double>(g_records);
   const double want = gsync ? n : static_cast<double>(g_mode == "pss" || g_mode == "sdb" ? g_records : (g_records + kBatch - 1) / kBatch);
-  std::printf("mode=%s records=%zu seconds=%.4f rate=%.0f mb_per_s=%.2f active_cpu_us=%.3f standby_cpu_us=%.3f ship_s=%.4f\n",
+  std::printf("mode=%s records=%zu seconds=%.4f rate=%.0f mb_per_s=%.2f active_cpu_us=%.3f standby_cpu_us=%.3f ship_s=%.4f",
               g_mode.c_str(), g_records, secs, n / secs, n * (kKey + kValue) / secs / 1e6, a["cpu"] * 1e6 / n,
               s["cpu"] * 1e6 / n, ship_s);
+  if (gsync) std::printf(" snapshot_s=%.4f ready_s=%.4f", a["phase"], s["phase"]);
+  else std::printf(" active_heap_kib=%.1f standby_heap_kib=%.1f", a["heap"] / 1024, s["heap"] / 1024);
+  std::printf("\n");
   if (s["sync"] < want) return std::fprintf(stderr, "bench_pair: the standby saw %.0f of %.0f\n", s["sync"], want), 1;
   return 0;
 }

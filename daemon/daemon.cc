@@ -617,7 +617,7 @@ std::string Daemon::status_json() const {
   j["peer_reported"] = peer_reported;
   j["gsync"] = {{"in_progress", incoming_.size() + outgoing_.size()}, {"done", gsyncs_done_},
                 {"failed", gsyncs_failed_}, {"last_error", last_gsync_error_}};
-  j["switchover"] = {{"running", swo_.running}, {"count", switchovers_}, {"notes", swo_.notes}};
+  j["switchover"] = {{"running", swo_.running}, {"count", switchovers_}, {"notes", swo_.notes}, {"took_us", swo_.took_us}};
   json rows = json::array();
   uint64_t lost = 0;
   for (const LossRow& r : loss_) {

@@ -103,6 +103,8 @@ struct Switchover {
   uint64_t deadline_ns = 0;
   std::set<uint32_t> waiting;  // uuids whose answer is awaited
   std::vector<std::string> notes;
+  uint64_t started_ns = 0;  // when the first event went out
+  uint64_t took_us = 0;     // from then to the last answer (0 until every service answered)
 };
 
 struct CfgWrite {

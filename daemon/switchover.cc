@@ -210,6 +210,7 @@ int Daemon::takeover(bool planned, std::string* why, bool by_source) {
   uint64_t lost = 0;
   for (const LossRow& r : loss_) lost += r.missing;
   uint32_t n = 0;
+  swo_.started_ns = now_ns();
   for (const auto& [uuid, c] : clients_) {
     proto::Event ev;
     ev.kind = proto::EventKind::kSwitchover;
@@ -275,7 +276,9 @@ void Daemon::switchover_on_answer(const Client& c, const proto::Answer& a) {
   }
   if (swo_.waiting.empty()) {
     swo_.running = false;
-    plat_syslog(PLAT_LOG_NOTICE, "sysmgrd: switchover complete on slot %d", o_.slot);
+    swo_.took_us = (now_ns() - swo_.started_ns) / 1000;
+    plat_syslog(PLAT_LOG_NOTICE, "sysmgrd: switchover complete on slot %d in %llu us", o_.slot,
+                static_cast<unsigned long long>(swo_.took_us));
   }
 }
 

@@ -35,6 +35,7 @@ echo "== build (Release) in $build"
 HADRA_JOBS="${HADRA_JOBS:-$(nproc)}" "$here/scripts/build.sh" "$build" -DCMAKE_BUILD_TYPE=Release \
   -DHADRA_BUILD_BENCHMARKS=ON >/dev/null
 pair="$build/bench/bench_pair"
+stream="$build/bench/stream_bench"
 
 scratch="$(mktemp -d /tmp/hadra-redis-XXXXXX)"
 pids=()
@@ -136,15 +137,31 @@ hadra() {
   echo "${out[*]}"
 }
 
+# hadra on the daemons (stream_bench: two hadra-sysmgrd and two services): the manual times
+# in ms of the cases matching the filter, in the order given, one per case.
+stream_ms() {
+  local out
+  out="$("$stream" --benchmark_filter="$1" --benchmark_format=csv 2>>"$scratch/stream.log" || true)"
+  shift
+  local c v vals=()
+  for c in "$@"; do
+    v="$(echo "$out" | awk -F, -v c="$c" 'index($1, c) && $3 != "" && $0 !~ /error_occurred.*true/ { print $3; exit }')"
+    vals+=("${v:--}")
+  done
+  echo "${vals[*]}"
+}
+
 declare -A H R  # per row: the values of every round, space separated
 add() { eval "$1[\$2]+=\"\$3 \""; }
 
 run_hadra() {
   local v
-  v="$(hadra pss "$records" rate active_cpu_us standby_cpu_us)"
+  v="$(hadra pss "$records" rate active_cpu_us standby_cpu_us active_heap_kib standby_heap_kib)"
   add H pss "${v%% *}"
   add H cpu_a "$(echo "$v" | cut -d' ' -f2)"
   add H cpu_s "$(echo "$v" | cut -d' ' -f3)"
+  add H heap_a "$(echo "$v" | cut -d' ' -f4)"
+  add H heap_s "$(echo "$v" | cut -d' ' -f5)"
   add H sdb "$(hadra sdb "$records" rate)"
   add H sdb_batch "$(hadra sdb_batch "$records" rate)"
   add H msdb_batch "$(hadra msdb_batch "$records" rate)"
@@ -152,6 +169,10 @@ run_hadra() {
   local few=$((records < 5000 ? records : 5000))
   add H pss_none "$(HADRA_DURABILITY=none hadra pss "$records" rate)"
   add H pss_sync "$(HADRA_DURABILITY=sync hadra pss "$few" rate)"
+  v="$(stream_ms 'CatchUpAfterOneSecondBreak/./5000/|SwitchoverTenDatabases' /1/5000/ /0/5000/ Switchover)"
+  add H catchup_backlog "$(echo "$v" | cut -d' ' -f1)"
+  add H catchup_gsync "$(echo "$v" | cut -d' ' -f2)"
+  add H switchover "$(echo "$v" | cut -d' ' -f3)"
 }
 run_redis() {
   local v
@@ -177,7 +198,7 @@ for r in $(seq "$rounds"); do
 done
 
 # min / median / max of the values given
-stats() { tr ' ' '\n' | sed '/^$/d' | sort -g | awk '{ v[NR] = $1 } END { if (NR == 0) { print "- - -"; exit }
+stats() { tr ' ' '\n' | sed '/^$/d;/^-$/d' | sort -g | awk '{ v[NR] = $1 } END { if (NR == 0) { print "- - -"; exit }
   printf "%s %s %s\n", v[1], v[int((NR + 1) / 2)], v[NR] }'; }
 fmt() { awk -v x="$1" 'BEGIN { if (x == "-") print "-"; else if (x >= 1000) printf "%.0fk", x / 1000; else printf "%.3g", x }'; }
 row() {  # label, hadra row, Redis row (or -), Redis label
@@ -210,12 +231,19 @@ row() {  # label, hadra row, Redis row (or -), Redis label
   row "CPU µs per record, standby / replica (single updates)" cpu_s cpu_s ""
   row "single PSS updates, DURABILITY=none (rec/s)" pss_none - ""
   row "single PSS updates, DURABILITY=sync (rec/s)" pss_sync - ""
-  echo "| catch-up of a standby after a 1-second break | needs the daemon | | |"
-  echo "| switchover, daemon's event to its answer, 10 databases | needs the daemon | | |"
+  row "catch-up after a 1-second break, from the backlog (ms)" catchup_backlog - ""
+  row "catch-up after a 1-second break, backlog off: gsync (ms)" catchup_gsync - ""
+  row "switchover, daemon's event to its answer, 10 databases (ms)" switchover - ""
+  row "process heap gained from the library's start, active (KiB)" heap_a - ""
+  row "process heap gained from the library's start, standby (KiB)" heap_s - ""
   echo
   echo "Ratio: hadra ÷ Redis (rates: higher is better for hadra; CPU: lower is). Redis runs"
   echo "without snapshots or append-only file, so its commits reach no disk; hadra's reach it"
   echo "within 100 ms (group). The sync row flushes every commit to disk before returning."
+  echo "Catch-up and switchover run on two hadra-sysmgrd daemons (bench/stream_bench): catch-up"
+  echo "with the active writing 20000 changes a second to a PSS file of 5000 records; the heap"
+  echo "rows are the whole process's (the platform's stores, queues, call trace and backlog"
+  echo "included) after the single PSS updates."
 } | tee "$out"
 
 # The active never waits on its standby: its writes with the standby absent, stopped and slow

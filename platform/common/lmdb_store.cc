@@ -4,6 +4,7 @@
 
 #include <fcntl.h>
 #include <pthread.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
@@ -231,6 +232,17 @@ int StoreEnv::commit(MDB_txn* txn) {
   int rc = g_ops.txn_commit(txn);
   if (rc == 0 && tracked_ != nullptr) static_cast<Tracked*>(tracked_)->dirty.store(true, std::memory_order_release);
   return note_failure(env_, rc);
+}
+
+int env_copy_to(MDB_env* env, const char* path) {
+  ::unlink(path);
+  const int fd = ::open(path, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+  if (fd < 0) return errno;
+  int rc = mdb_env_copyfd2(env, fd, MDB_CP_COMPACT);
+  if (rc == 0 && ::fsync(fd) != 0) rc = errno;
+  if (::close(fd) != 0 && rc == 0) rc = errno;
+  if (rc != 0) ::unlink(path);
+  return rc;
 }
 
 }  // namespace hadra::plat

@@ -92,4 +92,9 @@ class StoreEnv {
   off_t allocated_ = 0;  // bytes from the start of the file known to have blocks
 };
 
+// A consistent, compacted copy of env (one read transaction, free pages left out) written to
+// a new file at path, flushed to disk before the call returns; a file already there is
+// replaced. 0, or an LMDB or errno value; on failure nothing is left at path.
+int env_copy_to(MDB_env* env, const char* path);
+
 }  // namespace hadra::plat

@@ -1,6 +1,7 @@
 // Record operations of the PSS store: store, delete, prefix delete, purge, fetch, the size
 // limit and the copy of one file into another.
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -186,46 +187,38 @@ int copy_meta(MDB_txn* from, MDB_dbi fm, MDB_txn* to, MDB_dbi tm) {
   return rc == MDB_NOTFOUND ? 0 : rc;
 }
 
-// Writes the copy into a new file tmp beside dst: dst's meta, then src's records in commits
-// of c->chunk, flushed to disk before the file is closed. Its map is dst's, so that a copy
-// that would not fit dst's limit fails as full.
-int write_copy(const std::string& tmp, Env& dst, Copy* c) {
-  MDB_env* env;
-  int rc = mdb_env_create(&env);
-  if (rc != 0) return rc;
+// The copy as a file: LMDB's compacting copy of src (one read transaction, so a consistent
+// one), then dst's meta records in place of src's, flushed to disk before the file is
+// closed. Its map is dst's: a copy that would not fit dst's limit fails as full.
+int write_file_copy(const std::string& tmp, Env& src, Env& dst) {
   MDB_envinfo info;
   mdb_env_info(dst.env, &info);
-  size_t map = info.me_mapsize > dst.limit ? info.me_mapsize : static_cast<size_t>(dst.limit);
+  const size_t map = info.me_mapsize > dst.limit ? info.me_mapsize : static_cast<size_t>(dst.limit);
+  int rc = env_copy_to(src.env, tmp.c_str());
+  struct stat st;
+  if (rc == 0 && ::stat(tmp.c_str(), &st) != 0) rc = errno;
+  if (rc == 0 && static_cast<size_t>(st.st_size) > map) rc = MDB_MAP_FULL;
+  MDB_env* env = nullptr;
+  if (rc == 0) rc = mdb_env_create(&env);
+  if (rc != 0) return rc;
   rc = mdb_env_set_maxdbs(env, 4);
   if (rc == 0) rc = mdb_env_set_mapsize(env, map);
   if (rc == 0) rc = mdb_env_open(env, tmp.c_str(), MDB_NOSUBDIR | MDB_NOLOCK | MDB_NOSYNC | MDB_NOTLS, 0664);
-  Env out;  // the new file as the copy loop sees it: its records database
-  out.env = env;
-  out.path = tmp;
   MDB_txn* txn = nullptr;
   MDB_txn* mt = nullptr;
+  MDB_dbi meta;
   if (rc == 0) rc = mdb_txn_begin(env, nullptr, 0, &txn);
-  if (rc == 0) rc = mdb_dbi_open(txn, kRecordsDb, MDB_CREATE, &out.recs);
-  if (rc == 0) rc = mdb_dbi_open(txn, kMetaDb, MDB_CREATE, &out.meta);
+  if (rc == 0) rc = mdb_dbi_open(txn, kMetaDb, MDB_CREATE, &meta);
+  if (rc == 0) rc = mdb_drop(txn, meta, 0);
   if (rc == 0) rc = mdb_txn_begin(dst.env, nullptr, MDB_RDONLY, &mt);
-  if (rc == 0) rc = copy_meta(mt, dst.meta, txn, out.meta);
+  if (rc == 0) rc = copy_meta(mt, dst.meta, txn, meta);
   if (mt != nullptr) mdb_txn_abort(mt);
   if (rc == 0) {
     rc = lmdb_ops().txn_commit(txn);
     txn = nullptr;
   }
   if (txn != nullptr) mdb_txn_abort(txn);
-  c->first = false;  // the new file has no records to drop
-  while (rc == 0 && !c->done) {
-    if ((rc = mdb_txn_begin(env, nullptr, 0, &txn)) != 0) break;
-    if ((rc = copy_body(txn, out, c)) != 0) {
-      mdb_txn_abort(txn);
-      break;
-    }
-    rc = lmdb_ops().txn_commit(txn);
-  }
   if (rc == 0) rc = lmdb_ops().env_sync(env, 1);
-  out.env = nullptr;
   mdb_env_close(env);
   return rc;
 }
@@ -241,8 +234,8 @@ int sync_dir_of(const std::string& path) {
 
 }  // namespace
 
-// The copy is built in a scratch file in dst's directory, flushed, and renamed over dst's
-// file, whose environment is then opened again: a crash at any point leaves dst's old file
+// The copy is built in a scratch file in dst's directory (LMDB's environment copy of src, at
+// file speed), flushed, and renamed over dst's file, whose environment is then opened again: a crash at any point leaves dst's old file
 // or the whole copy under dst's name, never part of it. (A destination with a multi-get phase
 // open keeps its read transaction on the old file: it gets the copy in one transaction in
 // place instead, which LMDB makes as whole.)
@@ -267,7 +260,7 @@ uint32_t snapshot(Handle& src, Handle& dst) {
     static std::atomic<unsigned> serial{0};
     std::string tmp = d.path + ".tmp-" + std::to_string(::getpid()) + "-" + std::to_string(serial++);
     ::unlink(tmp.c_str());
-    rc = write_copy(tmp, d, &c);
+    rc = write_file_copy(tmp, *src.env, d);
     if (rc == 0 && ::rename(tmp.c_str(), d.path.c_str()) != 0) rc = errno;
     if (rc != 0) {
       log_failure("snapshot copy", d, rc);

@@ -10,12 +10,25 @@
 // so snapshots of several services and SDBs share an area without clashing with the PSS
 // snapshot files there, and both supervisors find a snapshot by the SDB's URI alone. A
 // snapshot is written to a scratch file and renamed into place: a reader never meets half
-// a snapshot. Restoring replaces the SDB's contents in one write transaction, so other
-// processes that have the SDB open see the old or the new contents, never a mix.
+// a snapshot.
+//
+// Both directions are file operations where they can be. Writing is LMDB's compacting copy
+// of the live environment (one read transaction: a consistent copy, at disk speed); only an
+// SDB whose meta record is not plainly live is copied record by record. An SDB's data file
+// and a snapshot have the same format, so restoring an SDB that no process has open moves
+// the checked snapshot file into place as the SDB's data file (the snapshot is used up): a
+// rename, atomic on its own, with the SDB's lock file held exclusively meanwhile so that no
+// process opens the SDB half way and the lock file is rebuilt for the new data. Where the
+// SDB is open somewhere, the files lie on different file systems, or the snapshot has a list
+// of free pages (not one the compacting copy wrote), the restore replaces the contents in
+// one write transaction instead, so that other processes see the old or
+// the new contents, never a mix.
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
 #include <string>
 
@@ -23,6 +36,7 @@
 #include "hadra_platform/config.h"
 #include "hadra_platform/log.h"
 #include "common/lmdb_check.h"
+#include "common/lmdb_store.h"
 #include "sdb/store.h"
 
 namespace sdb = hadra::plat::sdb;
@@ -105,6 +119,29 @@ uint32_t write_file(const sdb::Env& src, MDB_txn* rt, const sdb::Meta& m, const 
   return rc;
 }
 
+uint32_t sync_dir_of(const std::string& file) {
+  const std::string dir = file.substr(0, file.find_last_of('/'));
+  const int fd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  uint32_t rc = fd < 0 || ::fsync(fd) != 0 ? PLAT_ERR_SDB_IO : 0;
+  if (fd >= 0) ::close(fd);
+  return rc;
+}
+
+// The live environment copied as a file: a scratch file flushed by the copy, then renamed.
+uint32_t copy_file(const sdb::Env& src, const std::string& path, const std::string& snap) {
+  const std::string tmp = snap + ".tmp-" + std::to_string(::getpid());
+  if (int e = hadra::plat::env_copy_to(src.env(), tmp.c_str()); e != 0) {
+    plat_syslog(PLAT_LOG_ERR, "SDB: copying %s to %s failed: %s", path.c_str(), tmp.c_str(), mdb_strerror(e));
+    return sdb::map_err(e);
+  }
+  if (::rename(tmp.c_str(), snap.c_str()) != 0) {
+    plat_syslog(PLAT_LOG_ERR, "SDB: renaming %s to %s failed: %s", tmp.c_str(), snap.c_str(), std::strerror(errno));
+    ::unlink(tmp.c_str());
+    return PLAT_ERR_SDB_IO;
+  }
+  return sync_dir_of(snap);
+}
+
 uint32_t write_snapshot(const std::string& path, const std::string& snap, uint32_t kind) {
   sdb::Env scratch;
   const sdb::Env* src = nullptr;
@@ -114,7 +151,9 @@ uint32_t write_snapshot(const std::string& path, const std::string& snap, uint32
   sdb::Meta m;
   if ((rc = rt.begin(*src, true)) != 0 || (rc = sdb::read_meta(rt.get(), *src, m)) != 0) return rc;
   if (m.kind != kind) return PLAT_ERR_SDB_BAD_ARG;
-  return write_file(*src, rt.get(), m, snap);
+  if (m.state != sdb::kStateLive) return write_file(*src, rt.get(), m, snap);
+  rt.abort();  // the copy reads in a transaction of its own
+  return copy_file(*src, path, snap);
 }
 
 // The environment to restore into: this process's opening, or the SDB (created when
@@ -145,6 +184,61 @@ uint32_t replace_contents(const sdb::Env& from, MDB_txn* rt, const sdb::Meta& sm
   return rc;
 }
 
+constexpr uint32_t kNotMoved = ~0u;
+
+// The SDB's lock file, locked the way LMDB's first opener locks it: held, no other process
+// has the SDB open, and one that opens it meanwhile waits for the release. Closing it
+// releases every lock this process holds on the file, so it goes after any environment
+// opened under it.
+struct LockFile {
+  int fd = -1;
+  ~LockFile() {
+    if (fd >= 0) ::close(fd);
+  }
+  bool take(const std::string& dir) {
+    fd = ::open((dir + "/lock.mdb").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+    if (fd < 0) return false;
+    struct flock l{};
+    l.l_type = F_WRLCK;
+    l.l_whence = SEEK_SET;
+    l.l_start = 0;
+    l.l_len = 1;
+    return ::fcntl(fd, F_SETLK, &l) == 0;
+  }
+};
+
+// Moves the snapshot file snap (meta sm, already checked) into place as the data file of the
+// SDB at path, which this process does not have open. kNotMoved when that cannot be done
+// here (the SDB is open in another process, the files are on different file systems):
+// the caller then copies the records; else 0 or the error that stopped the restore.
+uint32_t adopt_file(const std::string& path, const std::string& snap, const sdb::Meta& sm) {
+  uint32_t rc = sdb::create_at(path, sm.kind, sm.uuid);
+  if (rc != 0 && rc != PLAT_ERR_SDB_EXISTS) return rc;
+  LockFile lf;
+  if (!lf.take(path)) return kNotMoved;
+  const std::string data = path + "/data.mdb";
+  if (::rename(snap.c_str(), data.c_str()) != 0) {
+    if (errno == EXDEV) return kNotMoved;
+    plat_syslog(PLAT_LOG_ERR, "SDB: moving %s to %s failed: %s", snap.c_str(), data.c_str(), std::strerror(errno));
+    return PLAT_ERR_SDB_IO;
+  }
+  if ((rc = sync_dir_of(data)) != 0) return rc;
+  // Opened once under the lock: LMDB, finding itself the only opener, rebuilds the lock file
+  // from the new data file; the blocks of the writable map are allocated.
+  sdb::Env env;
+  sdb::Meta now;
+  rc = sdb::open_existing(path, env, &now);
+  if (rc == 0 && now.state != sdb::kStateLive) {
+    sdb::Txn wt;
+    now.state = sdb::kStateLive;
+    rc = wt.begin(env, false);
+    if (rc == 0) rc = sdb::write_meta(wt.get(), env, now);
+    if (rc == 0) rc = wt.commit();
+  }
+  if (rc != 0) plat_syslog(PLAT_LOG_ERR, "SDB: %s could not be opened after its snapshot was moved in", path.c_str());
+  return rc;
+}
+
 uint32_t read_snapshot(const std::string& path, const std::string& snap, uint32_t kind) {
   struct stat st;
   if (::stat(snap.c_str(), &st) != 0) return PLAT_ERR_SDB_NOT_FOUND;
@@ -160,6 +254,20 @@ uint32_t read_snapshot(const std::string& path, const std::string& snap, uint32_
       sdb::read_meta(rt.get(), file, sm) != 0)
     return PLAT_ERR_SDB_IO;
   if (sm.kind != kind) return PLAT_ERR_SDB_BAD_ARG;
+  // The damage check walks what a reader reaches, not the list of free pages that a writer
+  // takes pages from: only a file without one (as the compacting copy writes it) may become
+  // a live store whole.
+  MDB_stat fst;
+  const bool no_free_list = mdb_stat(rt.get(), 0, &fst) == 0 && fst.ms_entries == 0;
+  rt.abort();
+  if (no_free_list && sdb::find_path(path) == nullptr) {
+    file.close();
+    if (uint32_t moved = adopt_file(path, snap, sm); moved != kNotMoved) return moved;
+    if (file.open(snap, MDB_NOSUBDIR | MDB_RDONLY | MDB_NOLOCK, false) != 0 || rt.begin(file, true) != 0)
+      return PLAT_ERR_SDB_IO;
+  } else if (rt.begin(file, true) != 0) {
+    return PLAT_ERR_SDB_IO;
+  }
   sdb::Env scratch;
   sdb::Db* db = nullptr;
   const sdb::Env* dst = nullptr;

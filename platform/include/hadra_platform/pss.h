@@ -80,8 +80,8 @@ PLAT_EXTERN_C_BEGIN
 typedef struct pss2_params {
   uint32_t version;        /* 0: PSS2_PARAMS_VERSION (8) */
   uint32_t max_key_len;    /* 4: longest key the file accepts, 1..511; 0 = 511 */
-  uint16_t snapshot_chunk; /* 8: when pss2_snapshot fills this file, thousands of records
-                                 per commit; 0 = 16 */
+  uint16_t snapshot_chunk; /* 8: kept, no longer read: pss2_snapshot copies the source's
+                                 file whole instead of committing records in chunks */
   uint16_t flags;          /* 10: PSS2_PARAM_* bits; other bits must be 0 */
   uint32_t max_dbsize_mib; /* 12: size limit in MiB at creation, 0 = PSS2_DEFAULT_MAX_DBSIZE;
                                   pss2_get_params reports the current limit, rounded up */

@@ -271,8 +271,10 @@ HADRA_PLAT_API uint32_t mksdb_write_snapshot(const char *db_uri, const char *bas
 
 /*
  * Rebuild the SDB at db_uri from the snapshot that service uuid wrote into area source_uri.
- * The SDB is created when it does not exist; its records are replaced by the snapshot's in one
- * transaction (readers see the old or the new contents, never a mix). An opening of it in
+ * The SDB is created when it does not exist; its records are replaced by the snapshot's at
+ * once (readers see the old or the new contents, never a mix): when no process has the SDB
+ * open the snapshot file itself becomes its data file (the area no longer holds it), else the
+ * records are copied in one transaction. An opening of it in
  * this process stays open, with its iterator unpositioned; one that did not exist is not
  * opened.
  * Results: 0; PLAT_ERR_SDB_NOT_FOUND when the area holds no snapshot of db_uri by uuid (the

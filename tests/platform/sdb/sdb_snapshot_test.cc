@@ -1,6 +1,9 @@
 // SDB snapshots: write and read back (records, secondary keys, tags), replacing an open SDB,
-// missing snapshots and kind mismatches, damaged snapshot files.
+// the snapshot file taken over only when no process has the SDB open, missing snapshots and
+// kind mismatches, damaged snapshot files.
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <fstream>
 #include <iterator>
@@ -56,6 +59,51 @@ TEST_F(SdbSnapshot, RestoreReplacesTheContentsOfAnOpenSdb) {
   datum *k = nullptr, *v = nullptr;
   EXPECT_EQ(sdb_getkey(kUri, &k, &v), PLAT_ERR_SDB_NO_ITER);  // repositioning needed
   EXPECT_EQ(all(), V{"kept=1"});
+}
+
+// The file is moved in only when no process has the SDB open: another process that has it
+// open keeps a working environment and sees the restored records; with nobody left, the
+// snapshot becomes the data file and the SDB opens and takes writes afterwards.
+TEST_F(SdbSnapshot, RestoreTakesTheFileOverOnlyWhenNoProcessHasTheSdbOpen) {
+  const std::string snap = root() + "/snap/gsync1/sdb-snapshots/300/run/svc/routes.snap";
+  create_open();
+  ASSERT_EQ(put("kept", "1"), 0u);
+  ASSERT_EQ(sdb_write_snapshot(kUri, kArea, kUuid), 0u);
+  ASSERT_EQ(put("later", "2"), 0u);
+  ASSERT_EQ(sdb_close(kUri), 0u);
+
+  int up[2], go[2];
+  ASSERT_EQ(pipe(up), 0);
+  ASSERT_EQ(pipe(go), 0);
+  const pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    char c = 0;
+    const bool opened = sdb_open(kUri, SDB_OPEN_RW, kUuid, 0, 0) == 0;
+    if (write(up[1], "r", 1) != 1 || read(go[0], &c, 1) != 1 || !opened) _exit(1);
+    _exit(all() == V{"kept=1"} && put("child", "3") == 0 ? 0 : 2);
+  }
+  char c = 0;
+  ASSERT_EQ(read(up[0], &c, 1), 1);
+  EXPECT_EQ(sdb_read_snapshot(kUri, kArea, kUuid), 0u);
+  struct stat st;
+  EXPECT_EQ(::stat(snap.c_str(), &st), 0) << "the snapshot was taken from under an open SDB";
+  ASSERT_EQ(write(go[1], "g", 1), 1);
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+  for (int fd : {up[0], up[1], go[0], go[1]}) ::close(fd);
+
+  ASSERT_EQ(sdb_read_snapshot(kUri, kArea, kUuid), 0u);  // nobody has it open now
+  EXPECT_NE(::stat(snap.c_str(), &st), 0) << "the snapshot file should have become the data file";
+  ASSERT_EQ(sdb_open(kUri, SDB_OPEN_RW, kUuid, 0, 0), 0u);
+  EXPECT_EQ(all(), V{"kept=1"});
+  ASSERT_EQ(put("after", "4"), 0u);
+  EXPECT_EQ(all(), (V{"after=4", "kept=1"}));
+  ASSERT_EQ(sdb_close(kUri), 0u);
+  EXPECT_EQ(sdb_read_snapshot(kUri, kArea, kUuid), PLAT_ERR_SDB_NOT_FOUND);  // used up
+  ASSERT_EQ(sdb_open(kUri, SDB_OPEN_READ, kUuid, 0, 0), 0u);
+  EXPECT_EQ(all(), (V{"after=4", "kept=1"}));
 }
 
 TEST_F(SdbSnapshot, MissingSnapshotsAndKindMismatches) {
