@@ -76,10 +76,19 @@ struct RxStream {
   uint64_t overflowed = 0; // frames dropped at the queue's bound in the current run
 };
 
+// Frames in a row that must find queue room before a stream that broke is waited for again.
+constexpr uint32_t kSteadySends = 1000;
+
 struct TxStream {
   uint32_t dst_sap;
   TxState st;
   int err = 0;  // why the current break started
+  // After a break, the peer has not yet shown that it keeps up: sends do not wait for queue
+  // room until it caught up by a resend, or until kSteadySends frames in a row found room.
+  // Otherwise a slow standby that frees one place at a time would end the break at every
+  // place and cost the active a bounded wait at every next change.
+  bool wary = false;
+  uint32_t steady = 0;
   // The newest frames of the stream, as they went (or would have gone) on the wire, for a
   // receiver that missed some to have them again; at most MTS_BACKLOG_BYTES in all.
   std::deque<std::vector<uint8_t>> backlog;
@@ -280,7 +289,7 @@ void enqueue_locked(Endpoint& ep, Message&& m) {
 TxStream& tx_stream(Endpoint& ep, uint32_t dst) {
   for (TxStream& t : ep.tx)
     if (t.dst_sap == dst) return t;
-  ep.tx.push_back(TxStream{dst, TxState{}, 0, {}, 0});
+  ep.tx.push_back(TxStream{dst, TxState{}, 0, false, 0, {}, 0});
   return ep.tx.back();
 }
 
@@ -420,6 +429,8 @@ void note_missed(Global& s, Endpoint& ep, TxStream& ts, int err) {
     if (!ts.st.broken) ++ep.counters.breaks;
     bound = s.settings.peer_send_timeout_ms;
   }
+  ts.wary = true;
+  ts.steady = 0;
   if (ts.st.broken) return;
   s.broken_streams.fetch_add(1, std::memory_order_relaxed);
   ts.st.broken = true;
@@ -483,7 +494,7 @@ int send_ordered(Global& s, Endpoint& ep, Transport* tp, const Outgoing& o, Wire
   const bool bounded = ts != nullptr && (o.flags & MTS_SEND_NONBLOCK) == 0;
   Outgoing how = o;
   // A peer that has just shown it takes nothing is not waited for again on every change.
-  if (bounded && ts->st.broken) how.flags |= MTS_SEND_NONBLOCK;
+  if (bounded && (ts->st.broken || ts->wary)) how.flags |= MTS_SEND_NONBLOCK;
   if (ts != nullptr) keep_in_backlog(*ts, f, keep);
   if (route_frame(s, tp, how, h, std::move(f)) != 0) {
     int err = errno;
@@ -507,6 +518,7 @@ int send_ordered(Global& s, Endpoint& ep, Transport* tp, const Outgoing& o, Wire
   if (ts != nullptr) {
     ts->st.last = h.ha_seqno;
     if (ts->st.broken) note_resumed(ep, *ts);
+    if (ts->wary && ++ts->steady >= kSteadySends) ts->wary = false;
   }
   return 0;
 }
@@ -748,6 +760,7 @@ int resend(uint32_t sap, uint32_t dst_sap, uint32_t epoch, uint64_t from, uint32
   const uint64_t upto = n - 1;
   send_resend_reply(s, tp.get(), *ep, dst_sap, reply_opcode, node, upto, err);
   if (err == 0 && ts.st.broken) note_resumed(*ep, ts);
+  if (err == 0) ts.wary = false;  // the peer has everything: it reads at the stream's pace again
   if (end != nullptr) *end = upto;
   if (err != 0) {
     errno = err;
