@@ -92,6 +92,18 @@ uint32_t source_env(const std::string& path, sdb::Env& scratch, const sdb::Env**
   return sdb::open_live(path, scratch, m);
 }
 
+// Flushes the directory of file, so that a rename into it survives a power cut.
+uint32_t sync_dir_of(const std::string& file) {
+  const std::string dir = file.substr(0, file.find_last_of('/'));
+  const int fd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  const bool ok = fd >= 0 && ::fsync(fd) == 0;
+  if (!ok)
+    plat_syslog(PLAT_LOG_ERR, "SDB: flushing the directory %s failed: %s", dir.c_str(),
+                hadra::plat::failure_cause(errno));
+  if (fd >= 0) ::close(fd);
+  return ok ? 0 : PLAT_ERR_SDB_IO;
+}
+
 uint32_t write_file(const sdb::Env& src, MDB_txn* rt, const sdb::Meta& m, const std::string& snap) {
   std::string tmp = snap + ".tmp-" + std::to_string(::getpid());
   ::unlink(tmp.c_str());
@@ -107,35 +119,29 @@ uint32_t write_file(const sdb::Env& src, MDB_txn* rt, const sdb::Meta& m, const 
   dst.close();
   // The scratch file's commit was flushed (it is opened without MDB_NOSYNC); the rename is
   // made durable with its directory.
-  if (rc == 0 && ::rename(tmp.c_str(), snap.c_str()) != 0) rc = PLAT_ERR_SDB_IO;
+  if (rc == 0 && ::rename(tmp.c_str(), snap.c_str()) != 0) {
+    plat_syslog(PLAT_LOG_ERR, "SDB: renaming %s to %s failed: %s", tmp.c_str(), snap.c_str(),
+                hadra::plat::failure_cause(errno));
+    rc = PLAT_ERR_SDB_IO;
+  }
   if (rc != 0) {
     ::unlink(tmp.c_str());
     return rc;
   }
-  std::string dir = snap.substr(0, snap.find_last_of('/'));
-  int fd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (fd < 0 || ::fsync(fd) != 0) rc = PLAT_ERR_SDB_IO;
-  if (fd >= 0) ::close(fd);
-  return rc;
-}
-
-uint32_t sync_dir_of(const std::string& file) {
-  const std::string dir = file.substr(0, file.find_last_of('/'));
-  const int fd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  uint32_t rc = fd < 0 || ::fsync(fd) != 0 ? PLAT_ERR_SDB_IO : 0;
-  if (fd >= 0) ::close(fd);
-  return rc;
+  return sync_dir_of(snap);
 }
 
 // The live environment copied as a file: a scratch file flushed by the copy, then renamed.
 uint32_t copy_file(const sdb::Env& src, const std::string& path, const std::string& snap) {
   const std::string tmp = snap + ".tmp-" + std::to_string(::getpid());
   if (int e = hadra::plat::env_copy_to(src.env(), tmp.c_str()); e != 0) {
-    plat_syslog(PLAT_LOG_ERR, "SDB: copying %s to %s failed: %s", path.c_str(), tmp.c_str(), mdb_strerror(e));
+    plat_syslog(PLAT_LOG_ERR, "SDB: copying %s to %s failed: %s", path.c_str(), tmp.c_str(),
+                hadra::plat::failure_cause(e));
     return sdb::map_err(e);
   }
   if (::rename(tmp.c_str(), snap.c_str()) != 0) {
-    plat_syslog(PLAT_LOG_ERR, "SDB: renaming %s to %s failed: %s", tmp.c_str(), snap.c_str(), std::strerror(errno));
+    plat_syslog(PLAT_LOG_ERR, "SDB: renaming %s to %s failed: %s", tmp.c_str(), snap.c_str(),
+                hadra::plat::failure_cause(errno));
     ::unlink(tmp.c_str());
     return PLAT_ERR_SDB_IO;
   }
@@ -219,7 +225,8 @@ uint32_t adopt_file(const std::string& path, const std::string& snap, const sdb:
   const std::string data = path + "/data.mdb";
   if (::rename(snap.c_str(), data.c_str()) != 0) {
     if (errno == EXDEV) return kNotMoved;
-    plat_syslog(PLAT_LOG_ERR, "SDB: moving %s to %s failed: %s", snap.c_str(), data.c_str(), std::strerror(errno));
+    plat_syslog(PLAT_LOG_ERR, "SDB: moving %s to %s failed: %s", snap.c_str(), data.c_str(),
+                hadra::plat::failure_cause(errno));
     return PLAT_ERR_SDB_IO;
   }
   if ((rc = sync_dir_of(data)) != 0) return rc;
