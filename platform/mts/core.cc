@@ -43,11 +43,13 @@
 #include <deque>
 #include <map>
 #include <mutex>
+#include <string>
 #include <vector>
 
 #include "hadra_platform/config.h"
 #include "hadra_platform/log.h"
 #include "log/hist_ring.h"
+#include "log/log_internal.h"
 
 namespace hadra::plat::mts {
 namespace {
@@ -850,7 +852,7 @@ int deliver_frame(Frame&& f, bool force_peer) {
   uint64_t gap = 0;
   uint64_t expected = 0;
   {
-    std::lock_guard<std::mutex> lock(s.mu);
+    std::unique_lock<std::mutex> lock(s.mu);
     if (!decode(f.data(), f.size(), MTS_PAYLOAD_MAX, &h)) {
       ++s.totals.bad_frames;
       errno = EBADMSG;
@@ -858,7 +860,15 @@ int deliver_frame(Frame&& f, bool force_peer) {
     }
     EndpointPtr ep = find_locked(s, h.dst_sap);
     if (!ep || !ep->receiving) {
-      ++s.totals.undeliverable;
+      const uint64_t n = ++s.totals.undeliverable;
+      lock.unlock();
+      // Usually a service that is not running (yet) on this supervisor: said with the sender,
+      // a few lines per interval per SAP, the rest as a count.
+      const std::string key = "MTS undeliverable " + std::to_string(h.dst_sap);
+      log::limited_writef(key.c_str(), PLAT_LOG_WARNING,
+                          "MTS: dropped a frame (opcode %u) from node %u SAP %u for SAP %u: nothing receives on "
+                          "that SAP here (%llu dropped so far)",
+                          h.opcode, h.src_node, h.src_sap, h.dst_sap, static_cast<unsigned long long>(n));
       errno = EADDRNOTAVAIL;
       return -1;
     }

@@ -287,8 +287,13 @@ TEST_F(MtsLoopbackTest, MalformedFramesAreRefusedAndCounted) {
   EXPECT_EQ(mts_test_feed(good.raw.data(), 10), -1);  // shorter than a header
   Bytes elsewhere = good.raw;
   plat::mts::put_le(elsewhere.data() + 16, kSap + 1, 4);
+  plat_test_log_capture(1);
   EXPECT_EQ(mts_test_feed(elsewhere.data(), elsewhere.size()), -1);
   EXPECT_EQ(errno, EADDRNOTAVAIL);
+  // Dropped, and said with its sender and the SAP it was meant for.
+  EXPECT_TRUE(logged({"dropped a frame", "SAP " + std::to_string(kSap) + " for SAP " + std::to_string(kSap + 1),
+                      "nothing receives"}))
+      << last_log_line();
 
   mts_test_counters c;
   ASSERT_EQ(mts_test_counters_get(0, &c), 0);
