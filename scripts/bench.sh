@@ -128,12 +128,19 @@ redis_resync() {
 }
 
 # hadra: one bench_pair run; prints the named fields of its line.
+# A run that failed its own checks (the standby did not see every change, a child failed)
+# measured something else: its figures are left out ("-") and the table's counts say so.
 hadra() {
-  local line
-  line="$("$pair" --mode "$1" --records "$2" 2>>"$scratch/pair.log")"
+  local line rc=0 mode="$1"
+  line="$("$pair" --mode "$1" --records "$2" 2>>"$scratch/pair.log")" || rc=$?
   shift 2
   local f out=()
-  for f in "$@"; do out+=("$(echo "$line" | tr ' ' '\n' | sed -n "s/^$f=//p")"); done
+  if [ "$rc" -ne 0 ]; then
+    echo "bench: bench_pair --mode $mode failed its checks (exit $rc, see $scratch/pair.log); figures left out" >&2
+    for f in "$@"; do out+=("-"); done
+  else
+    for f in "$@"; do out+=("$(echo "$line" | tr ' ' '\n' | sed -n "s/^$f=//p")"); done
+  fi
   echo "${out[*]}"
 }
 
