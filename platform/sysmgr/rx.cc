@@ -547,6 +547,15 @@ int route(uint32_t sap, const mts_msg_ref& ref, mts_msg_ref* other) {
       *other = ref;
       return SYSMGR_RX_OTHER;
     }
+    // The peer's own service also sends notifications on this link (an SDB created or
+    // destroyed, for one, when a standby rebuilds from a gsync): not changes to any copy, so
+    // not refused as one on the active; they are the client's to take or leave, as on the
+    // standby, where the dispatcher hands them back.
+    if (const Lib* l = lib(); mi.from_peer && mi.h.src_sap == sap && l != nullptr && l->handle != nullptr &&
+                              mi.h.opcode != l->handle->opcode && local_supstate() != PLAT_SUP_STANDBY) {
+      *other = ref;
+      return SYSMGR_RX_OTHER;
+    }
     if (const char* why = sync_refusal(sap, mi)) {
       mts::auth::log_refusal("a sync message", "node " + std::to_string(mi.h.src_node) + " SAP " +
                                                    std::to_string(mi.h.src_sap) + " to SAP " + std::to_string(sap),

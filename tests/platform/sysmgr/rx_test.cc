@@ -421,11 +421,26 @@ TEST_F(ReceiveLoopTest, OnlyThePeersStreamChangesACopyAndOnlyOnAStandby) {
   EXPECT_NE(all.find("not from the peer supervisor"), std::string::npos) << all;
   EXPECT_NE(all.find("another service's stream"), std::string::npos) << all;
   EXPECT_NE(all.find("not the standby"), std::string::npos) << all;
+  // A notification of the peer's service (not the sync opcode; a standby rebuilt by a gsync
+  // announces its SDBs) is the client's on the active, not a refused change.
+  hadra_ha_handle_t handle{};
+  handle.opcode = kSyncOpc;
+  cl::Lib with_handle = kFake;
+  with_handle.handle = &handle;
+  cl::set_library(&with_handle);
+  const size_t lines = plat_test_log_count();
+  ASSERT_EQ(mts_test_deliver(kSap, kSap, 1, kSyncOpc + 1, MTS_SYNC_EVENT_UPDATE, 0, 0, payload, sizeof payload), 0);
+  EXPECT_EQ(next(), SYSMGR_RX_OTHER);
+  EXPECT_EQ(plat_test_log_count(), lines);
+  from_peer(2);  // the sync opcode still is refused there
+  EXPECT_EQ(next(), SYSMGR_RX_SYNC);
+  EXPECT_TRUE(seen_.dispatched.empty());
+  cl::set_library(&kFake);
   // On the standby again, the peer's own stream is applied.
   plat_test_sysmgr_set_supstate(PLAT_SUP_STANDBY);
-  from_peer(2);
+  from_peer(3);
   EXPECT_EQ(next(), SYSMGR_RX_SYNC);
-  EXPECT_EQ(seen_.dispatched, std::vector<uint64_t>{2});
+  EXPECT_EQ(seen_.dispatched, std::vector<uint64_t>{3});
   plat_test_log_capture(0);
 }
 
