@@ -86,9 +86,9 @@ struct TxStream {
   TxState st;
   int err = 0;  // why the current break started
   // After a break, the peer has not yet shown that it keeps up: sends do not wait for queue
-  // room until it caught up by a resend, or until kSteadySends frames in a row found room.
-  // Otherwise a slow standby that frees one place at a time would end the break at every
-  // place and cost the active a bounded wait at every next change.
+  // room until kSteadySends frames in a row found room. Otherwise a slow standby that frees
+  // one place at a time (or that a resend has just brought up to date, with its queue full
+  // again) would end the break at every place and cost the active a bounded wait each time.
   bool wary = false;
   uint32_t steady = 0;
   // The newest frames of the stream, as they went (or would have gone) on the wire, for a
@@ -762,7 +762,6 @@ int resend(uint32_t sap, uint32_t dst_sap, uint32_t epoch, uint64_t from, uint32
   const uint64_t upto = n - 1;
   send_resend_reply(s, tp.get(), *ep, dst_sap, reply_opcode, node, upto, err);
   if (err == 0 && ts.st.broken) note_resumed(*ep, ts);
-  if (err == 0) ts.wary = false;  // the peer has everything: it reads at the stream's pace again
   if (end != nullptr) *end = upto;
   if (err != 0) {
     errno = err;
