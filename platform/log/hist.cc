@@ -20,6 +20,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <atomic>
 #include <mutex>
 #include <new>
 #include <vector>
@@ -110,6 +111,9 @@ namespace h = hadra::plat::hist;
 struct Writer {
   std::mutex mu;
   bool tried = false;
+  // Set once the ring was tried and is not kept (not under a daemon, HIST_RING=0, no file):
+  // the sync path then returns before hashing anything.
+  std::atomic<bool> off{false};
   h::RingHdr* hdr = nullptr;
   h::RingRec* recs = nullptr;
   const hadra_ha_pss_entry* registry = nullptr;
@@ -133,6 +137,7 @@ uint64_t wall_ns() {
 // and HIST_RING=0 turns it off. A ring that cannot be made is said once and not tried again.
 void open_locked(Writer& w) {
   w.tried = true;
+  w.off.store(true, std::memory_order_relaxed);  // until the ring is made below
   const std::string transport = plat_config_get("TRANSPORT", "loopback");
   const std::string mode = plat_config_get("SYSMGR", strcasecmp(transport.c_str(), "zmq") == 0 ? "daemon" : "local");
   if (strcasecmp(mode.c_str(), "daemon") != 0 || plat_config_get_long("HIST_RING", 1) == 0) return;
@@ -161,6 +166,7 @@ void open_locked(Writer& w) {
   hdr->magic = h::kRingMagic;
   w.hdr = hdr;
   w.recs = reinterpret_cast<h::RingRec*>(static_cast<char*>(map) + sizeof(h::RingHdr));
+  w.off.store(false, std::memory_order_relaxed);
   // The library, when this process loaded it, names the databases and the service.
   w.registry = static_cast<const hadra_ha_pss_entry*>(::dlsym(RTLD_DEFAULT, "hadra_ha_pss"));
   w.handle = static_cast<const uint32_t*>(::dlsym(RTLD_DEFAULT, "hadra_ha_handle"));
@@ -410,6 +416,7 @@ void note_sync(uint32_t kind, uint32_t sap, uint32_t epoch, uint64_t ha_seqno, u
   ring::Writer& w = ring::writer();
   // The digest is taken before the lock: the payload is the caller's, and hashing it is the
   // only part of the note that grows with the message.
+  if (w.off.load(std::memory_order_relaxed)) return;
   const uint64_t digest = XXH3_64bits(payload, len);
   std::lock_guard<std::mutex> lock(w.mu);
   if (!w.tried) ring::open_locked(w);
