@@ -316,6 +316,16 @@ class DaemonPair : public ::testing::Test {
 
   void shipment_fails(const char* fault, const char* reason);
   void store_refuses(int err, const char* cause);
+  // Both daemons (the standby's retrying a failed gsync soon) and both services, the active
+  // one with `records` records of each kind and a signal to go on writing.
+  void start_pair_retrying(int records, pk::Signal* live, pk::Signal* stop1, pk::Signal* stop2) {
+    start_daemon(1, "active");
+    start_daemon(2, "standby", {{"RESYNC_RETRY_MS", "300"}, {"RESYNC_RETRY_MAX_MS", "1200"}});
+    start_service(1, "active", {records}, live, stop1);
+    ASSERT_TRUE(wait_up(1));
+    start_service(2, "standby", {}, nullptr, stop2);
+    ASSERT_TRUE(wait_up(2));
+  }
 
   // Stops both services and compares their stores record by record.
   void stop_and_compare(pk::Signal& stop1, pk::Signal& stop2) {
@@ -492,13 +502,9 @@ TEST_F(DaemonPair, AStandbyWithAFullDiskStaysOutOfSyncThenConverges) {
     while (fill.write(block.data(), static_cast<std::streamsize>(block.size())) && fill.flush()) {
     }
   }
-  start_daemon(1, "active");
-  start_daemon(2, "standby", {{"RESYNC_RETRY_MS", "300"}, {"RESYNC_RETRY_MAX_MS", "1200"}});
   pk::Signal live, stop1, stop2;
-  start_service(1, "active", {50}, &live, &stop1);
-  ASSERT_TRUE(wait_up(1));
-  start_service(2, "standby", {}, nullptr, &stop2);
-  ASSERT_TRUE(wait_up(2));
+  start_pair_retrying(50, &live, &stop1, &stop2);
+  if (HasFatalFailure()) return;
   json st;
   ASSERT_TRUE(pk::wait_status(base_.path(), 2, [](const json& j) { return j["gsync"]["failed"] >= 2; }, kWaitMs, &st));
   const std::string error = st["gsync"]["last_error"];
@@ -526,13 +532,9 @@ TEST_F(DaemonPair, AStandbyWithAFullDiskStaysOutOfSyncThenConverges) {
 // shows it; nothing after the refused change is applied; and once the store works again a
 // resync (from the backlog or a gsync) leaves both copies identical record by record.
 void DaemonPair::store_refuses(int err, const char* cause) {
-  start_daemon(1, "active");
-  start_daemon(2, "standby", {{"RESYNC_RETRY_MS", "300"}, {"RESYNC_RETRY_MAX_MS", "1200"}});
   pk::Signal live, stop1, stop2;
-  start_service(1, "active", {100}, &live, &stop1);
-  ASSERT_TRUE(wait_up(1));
-  start_service(2, "standby", {}, nullptr, &stop2);
-  ASSERT_TRUE(wait_up(2));
+  start_pair_retrying(100, &live, &stop1, &stop2);
+  if (HasFatalFailure()) return;
   ASSERT_TRUE(wait_state(2, HADRA_HA_STANDBY));
   g_shared->store_fault[2] = err;
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kWaitMs);
