@@ -17,9 +17,10 @@ platform_defined=$(echo "$defined" | grep -E '^(plat_|pss2?_|sdb_|mksdb_|mts_|ts
 if [ -n "$platform_defined" ]; then echo "platform code inside the library:"; echo "$platform_defined"; status=1; fi
 undefined=$(nm -D --undefined-only "$lib" | awk '{print $2}' | sed 's/@.*//')
 for call in plat_syslog syslog_msg_rate_limit sysmgr_supstate_get sysmgr_uri_complete hadra_strcpy; do
-  if ! echo "$undefined" | grep -qx "$call"; then echo "expected undefined platform call: $call"; status=1; fi
+  if ! grep -qx "$call" <<<"$undefined"; then echo "expected undefined platform call: $call"; status=1; fi
 done
-if readelf -d "$lib" | grep -q SYMBOLIC; then echo "library linked with -Bsymbolic"; status=1; fi
-if readelf -d "$lib" | grep -q 'libhadra_platform'; then echo "library links the platform directly"; status=1; fi
+dynamic=$(readelf -d "$lib")
+if grep -q SYMBOLIC <<<"$dynamic"; then echo "library linked with -Bsymbolic"; status=1; fi
+if grep -q 'libhadra_platform' <<<"$dynamic"; then echo "library links the platform directly"; status=1; fi
 [ $status -eq 0 ] && echo "exports: $(echo "$defined" | wc -l) public symbols, platform calls undefined"
 exit $status

@@ -34,7 +34,7 @@ for d in "${debs[@]}"; do
   echo "$(basename "$d"): $(dpkg-deb -c "$d" | grep -vc '/$') files"
 done
 for want in libhadra-sysmgr0 libhadra-platform0 libhadra-dev hadra-sysmgrd; do
-  printf '%s\n' "${names[@]}" | grep -qx "$want" || { echo "FAIL: no package $want"; exit 1; }
+  grep -qx "$want" <<<"$(printf '%s\n' "${names[@]}")" || { echo "FAIL: no package $want"; exit 1; }
 done
 
 if command -v lintian >/dev/null; then
@@ -59,7 +59,7 @@ dpkg=(dpkg --root="$root" --log=/dev/null --force-depends --force-script-chrootl
 "${dpkg[@]}" -i "${debs[@]}" >"$work/dpkg-install.log" 2>&1 ||
   { cat "$work/dpkg-install.log"; echo "FAIL: dpkg -i"; exit 1; }
 for n in "${names[@]}"; do
-  "${dpkg[@]}" -s "$n" 2>/dev/null | grep -q '^Status: install ok installed' || { echo "FAIL: $n not installed"; exit 1; }
+  grep -q '^Status: install ok installed' <<<"$("${dpkg[@]}" -s "$n" 2>/dev/null)" || { echo "FAIL: $n not installed"; exit 1; }
 done
 multiarch=$(find "$root/usr/lib" -name libhadra_sysmgr.so.0 -printf '%h\n')
 # What the packages ship is the production platform: no testing call, no testing library.
