@@ -145,6 +145,9 @@ struct Global {
   // Read without a lock by whoever publishes the stream's health (the sent table).
   std::atomic<uint32_t> broken_streams{0};
   std::atomic<uint64_t> missed_total{0};
+  // Moves whenever a held message may have gone (a drop, an unbind, a reset): what a thread
+  // remembers of a held message is good only while this has not moved (see info()).
+  std::atomic<uint64_t> releases{0};
 };
 
 Global& g() {
@@ -230,6 +233,7 @@ bool hold_locked(Endpoint& ep, Message&& m, uint8_t kind, mts_msg_ref* ref) {
 }
 
 void free_slot_locked(Endpoint& ep, uint32_t idx) {
+  g().releases.fetch_add(1, std::memory_order_release);
   Slot& s = ep.slots[idx];
   s.gen = 0;
   s.kind = MTS_REF_NONE;
@@ -608,6 +612,7 @@ int unbind(uint32_t sap) {
   ep->queue.clear();
   ep->slots.clear();
   ep->free_slots.clear();
+  s.releases.fetch_add(1, std::memory_order_release);
   return 0;
 }
 
@@ -804,8 +809,29 @@ int drop(uint32_t sap, const mts_msg_ref* ref) {
   return 0;
 }
 
+// A receiver reads several fields of the message it holds (opcode, payload, size, number...),
+// each through its own call: the first looks the message up under the lock, the others are
+// answered from what this thread remembers of it, as long as no held message of the process
+// has gone since (a drop is the only way a held message changes).
+namespace {
+struct Remembered {
+  uint32_t sap = 0, slot = 0;
+  uint64_t gen = 0;  // 0: nothing remembered
+  uint8_t kind = 0;
+  uint64_t releases = 0;
+  MsgInfo mi;
+};
+thread_local Remembered t_seen;
+}  // namespace
+
 bool info(const mts_msg_ref* ref, MsgInfo* out) {
   Global& s = g();
+  Remembered& r = t_seen;
+  if (ref != nullptr && r.gen != 0 && r.gen == ref->gen && r.sap == ref->sap && r.slot == ref->slot &&
+      r.kind == ref->kind && r.releases == s.releases.load(std::memory_order_acquire)) {
+    *out = r.mi;
+    return true;
+  }
   std::lock_guard<std::mutex> lock(s.mu);
   Slot* sl = slot_locked(s, ref, nullptr);
   if (sl == nullptr) {
@@ -817,6 +843,12 @@ bool info(const mts_msg_ref* ref, MsgInfo* out) {
   out->from_peer = sl->msg.from_peer;
   out->trouble = sl->msg.trouble;
   out->skipped = sl->msg.skipped;
+  r.sap = ref->sap;
+  r.slot = ref->slot;
+  r.gen = ref->gen;
+  r.kind = ref->kind;
+  r.releases = s.releases.load(std::memory_order_relaxed);  // only moves under the lock
+  r.mi = *out;
   return true;
 }
 
@@ -845,62 +877,118 @@ bool over_bound_locked(Global& s, Endpoint& ep, RxStream& rs, const WireHdr& h) 
 
 }  // namespace
 
-int deliver_frame(Frame&& f, bool force_peer) {
-  Global& s = g();
-  WireHdr h;
-  uint64_t gap = 0;
-  uint64_t expected = 0;
-  {
-    std::unique_lock<std::mutex> lock(s.mu);
-    if (!decode(f.data(), f.size(), MTS_PAYLOAD_MAX, &h)) {
-      ++s.totals.bad_frames;
-      errno = EBADMSG;
-      return -1;
-    }
-    EndpointPtr ep = find_locked(s, h.dst_sap);
-    if (!ep || !ep->receiving) {
-      const uint64_t n = ++s.totals.undeliverable;
-      lock.unlock();
+namespace {
+
+// What a frame taken under the lock still has to say once the lock is released.
+struct AfterLock {
+  struct Note {
+    bool gap;  // else: undeliverable
+    WireHdr h;
+    uint64_t n;  // gap: the number expected; undeliverable: how many dropped so far
+  };
+  std::vector<Note> notes;
+  std::vector<Endpoint*> woken;  // endpoints that got messages: one wake-up each
+
+  void say() const {
+    for (const Note& x : notes) {
+      if (x.gap) {
+        plat_syslog(PLAT_LOG_ERR, "MTS: SAP %u: gap in HA sequence numbers from node %u SAP %u: expected %llu, got %llu",
+                    x.h.dst_sap, x.h.src_node, x.h.src_sap, static_cast<unsigned long long>(x.n),
+                    static_cast<unsigned long long>(x.h.ha_seqno));
+        continue;
+      }
       // Usually a service that is not running (yet) on this supervisor: said with the sender,
       // a few lines per interval per SAP, the rest as a count.
-      const std::string key = "MTS undeliverable " + std::to_string(h.dst_sap);
+      const std::string key = "MTS undeliverable " + std::to_string(x.h.dst_sap);
       log::limited_writef(key.c_str(), PLAT_LOG_WARNING,
                           "MTS: dropped a frame (opcode %u) from node %u SAP %u for SAP %u: nothing receives on "
                           "that SAP here (%llu dropped so far)",
-                          h.opcode, h.src_node, h.src_sap, h.dst_sap, static_cast<unsigned long long>(n));
-      errno = EADDRNOTAVAIL;
-      return -1;
+                          x.h.opcode, x.h.src_node, x.h.src_sap, x.h.dst_sap, static_cast<unsigned long long>(x.n));
     }
+  }
+};
+
+// One frame from outside, with g.mu held; see deliver_frame for the result.
+int deliver_locked(Global& s, Frame&& f, bool force_peer, AfterLock& after) {
+  WireHdr h;
+  if (!decode(f.data(), f.size(), MTS_PAYLOAD_MAX, &h)) {
+    ++s.totals.bad_frames;
+    errno = EBADMSG;
+    return -1;
+  }
+  EndpointPtr ep = find_locked(s, h.dst_sap);
+  if (!ep || !ep->receiving) {
+    after.notes.push_back({false, h, ++s.totals.undeliverable});
+    errno = EADDRNOTAVAIL;
+    return -1;
+  }
+  const bool from_peer = force_peer || h.src_node != s.settings.slot;
+  Message m{h, std::move(f), from_peer, 0, 0};
+  if ((h.flags & kFlagResent) != 0) {
+    // Asked for by the receiver, outside the stream's count; it only moves the count on. The
+    // queue's bound holds for it too: the receiver notices what it did not get.
+    const long max = s.settings.rx_queue_max;
+    if (max > 0 && ep->queue.size() >= static_cast<size_t>(max)) {
+      ++ep->counters.overflows;
+      return 1;
+    }
+    note_resent_locked(*ep, h);
+  } else {
+    uint64_t gap = 0;
     RxStream* rs = nullptr;
-    if ((h.flags & kFlagResent) != 0) {
-      // Asked for by the receiver, outside the stream's count; it only moves the count on. The
-      // queue's bound holds for it too: the receiver notices what it did not get.
-      const long max = s.settings.rx_queue_max;
-      if (max > 0 && ep->queue.size() >= static_cast<size_t>(max)) {
-        ++ep->counters.overflows;
-        return 1;
-      }
-      note_resent_locked(*ep, h);
-      enqueue_locked(*ep, Message{h, std::move(f), force_peer || h.src_node != s.settings.slot, 0, 0});
-      return 0;
-    }
     if (!accept_seq_locked(*ep, h, &gap, &rs)) return 1;
-    expected = h.ha_seqno - gap;
+    if (gap != 0) after.notes.push_back({true, h, h.ha_seqno - gap});
     if (rs != nullptr && over_bound_locked(s, *ep, *rs, h)) return 1;
-    bool from_peer = force_peer || h.src_node != s.settings.slot;
-    Message m{h, std::move(f), from_peer, 0, 0};
     if (rs != nullptr) {
       m.trouble = std::exchange(rs->trouble, 0);
       m.skipped = gap;
       rs->overflowed = 0;
     }
-    enqueue_locked(*ep, std::move(m));
   }
-  if (gap != 0)
-    plat_syslog(PLAT_LOG_ERR, "MTS: SAP %u: gap in HA sequence numbers from node %u SAP %u: expected %llu, got %llu",
-                h.dst_sap, h.src_node, h.src_sap, static_cast<unsigned long long>(expected),
-                static_cast<unsigned long long>(h.ha_seqno));
+  ep->queue.push_back(std::move(m));
+  ++ep->counters.delivered;
+  if (std::find(after.woken.begin(), after.woken.end(), ep.get()) == after.woken.end()) after.woken.push_back(ep.get());
   return 0;
+}
+
+// With g.mu held: the receivers of what was queued learn of it, once per endpoint.
+void wake_locked(const AfterLock& after) {
+  for (Endpoint* ep : after.woken) {
+    ep->cv.notify_one();
+    update_ready_locked(*ep);
+  }
+}
+
+}  // namespace
+
+int deliver_frame(Frame&& f, bool force_peer) {
+  Global& s = g();
+  AfterLock after;
+  int rc;
+  {
+    std::lock_guard<std::mutex> lock(s.mu);
+    rc = deliver_locked(s, std::move(f), force_peer, after);
+    wake_locked(after);
+  }
+  const int err = errno;
+  after.say();
+  errno = err;
+  return rc;
+}
+
+size_t deliver_frames(std::vector<Frame>& frames, bool force_peer) {
+  Global& s = g();
+  AfterLock after;
+  size_t queued = 0;
+  {
+    std::lock_guard<std::mutex> lock(s.mu);
+    for (Frame& f : frames)
+      if (deliver_locked(s, std::move(f), force_peer, after) == 0) ++queued;
+    wake_locked(after);
+  }
+  frames.clear();
+  after.say();
+  return queued;
 }
 
 void record_done(mts_sap_id id, bool snapshot) {
@@ -992,6 +1080,7 @@ void reset() {
       ep->queue.clear();
       ep->slots.clear();
       ep->free_slots.clear();
+      s.releases.fetch_add(1, std::memory_order_release);
     }
   }
   eps.clear();

@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <vector>
 
 #include "hadra_platform/mts.h"
 #include "mts/transport.h"
@@ -104,6 +105,10 @@ bool info(const mts_msg_ref* ref, MsgInfo* out);
 // whatever its src_node says; the loopback's feed). 0 queued, 1 dropped as a repeat, -1 with
 // errno (EBADMSG malformed, EADDRNOTAVAIL no endpoint bound for it).
 int deliver_frame(Frame&& f, bool force_peer);
+// Frames that arrived together, in order: the same checks, under one lock and with one
+// wake-up per receiving endpoint instead of one per frame. Returns how many were queued;
+// frames is left empty.
+size_t deliver_frames(std::vector<Frame>& frames, bool force_peer);
 
 // Record a gsync completion (snapshot = true: active side) for id.
 void record_done(mts_sap_id id, bool snapshot);

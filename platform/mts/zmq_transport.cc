@@ -132,6 +132,7 @@ class ZmqTransport final : public Transport {
   uint64_t applied_ = 0;
   bool stop_ = false;
   std::vector<std::pair<uint32_t, void*>> rx_;  // the I/O thread's alone
+  std::vector<Frame> burst_;                     // the I/O thread's alone: frames being queued
   std::mutex tx_mu_;
   std::map<uint64_t, void*> tx_;  // (peer << 32 | sap) -> PUSH socket
   int linger_ms_ = 0;             // under tx_mu_: how long the destructor lets frames leave
@@ -235,21 +236,23 @@ bool ZmqTransport::apply_commands() {
 }
 
 void ZmqTransport::drain(void* sock) {
-  // A bounded batch, so that one busy SAP does not starve the others or the wake-up.
+  // A bounded batch, so that one busy SAP does not starve the others or the wake-up. What
+  // came together is queued together: one lock and one wake-up of the receiver per batch.
+  std::vector<Frame>& burst = burst_;
   for (int i = 0; i < 256; ++i) {
     auto* m = new zmq_msg_t;
     zmq_msg_init(m);
     if (zmq_msg_recv(m, sock, ZMQ_DONTWAIT) < 0) {
       release_msg(m);
-      return;
+      break;
     }
     if (!admit(m)) {
       release_msg(m);
       continue;
     }
-    Frame f(static_cast<uint8_t*>(zmq_msg_data(m)), zmq_msg_size(m), m, &release_msg);
-    deliver_frame(std::move(f), false);  // refusals are counted by the core
+    burst.emplace_back(static_cast<uint8_t*>(zmq_msg_data(m)), zmq_msg_size(m), m, &release_msg);
   }
+  if (!burst.empty()) deliver_frames(burst, false);  // refusals are counted by the core
 }
 
 void ZmqTransport::io_loop() {
@@ -365,18 +368,21 @@ void ZmqTransport::start_auth() {
 // does (the core counts it) after it is logged with its source; one whose claims do not fit
 // the connection it came on is refused here.
 bool ZmqTransport::admit(zmq_msg_t* m) {
-  const char* addr = zmq_msg_gets(m, "Peer-Address");
-  const std::string from = addr != nullptr ? addr : "";
+  // The sender's address is looked up only for a frame that is to be logged.
+  auto from = [m] {
+    const char* addr = zmq_msg_gets(m, "Peer-Address");
+    return std::string(addr != nullptr ? addr : "");
+  };
   const auto* p = static_cast<const uint8_t*>(zmq_msg_data(m));
   const size_t size = zmq_msg_size(m);
   WireHdr h;
   if (!decode(p, size, MTS_PAYLOAD_MAX, &h)) {
-    auth::log_refusal("a malformed frame", from, auth::frame_fault(p, size, MTS_PAYLOAD_MAX));
+    auth::log_refusal("a malformed frame", from(), auth::frame_fault(p, size, MTS_PAYLOAD_MAX));
     return true;
   }
   const char* why = auth::refuse_claim(h, auth::source_of(zmq_msg_gets(m, "User-Id")), s_.slot);
   if (why == nullptr) return true;
-  auth::log_refusal("a frame", from + " (node " + std::to_string(h.src_node) + " SAP " + std::to_string(h.src_sap) +
+  auth::log_refusal("a frame", from() + " (node " + std::to_string(h.src_node) + " SAP " + std::to_string(h.src_sap) +
                                    " to SAP " + std::to_string(h.dst_sap) + ")",
                     why);
   return false;
