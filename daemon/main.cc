@@ -208,6 +208,9 @@ int main(int argc, char** argv) {
     return 2;
   }
   setenv("HADRA_TRANSPORT", "zmq", 1);
+  // The daemon's messages to the peer are few, and each must leave (or fail) when sent: they
+  // are not grouped, and its sockets keep the frame bound as configured.
+  setenv("HADRA_MTS_COALESCE_MAX", "1", 1);
   if (root.empty()) root = plat_config_get("ROOT", "");
   if (root.empty()) {
     std::fprintf(stderr, "hadra-sysmgrd: no root: give --root or set ROOT\n");

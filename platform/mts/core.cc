@@ -44,6 +44,7 @@
 #include <map>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "hadra_platform/config.h"
@@ -95,6 +96,16 @@ struct TxStream {
   // receiver that missed some to have them again; at most MTS_BACKLOG_BYTES in all.
   std::deque<std::vector<uint8_t>> backlog;
   size_t backlog_bytes = 0;
+  // Blocking sends waiting to be handed over together (Settings::coalesce_max), already
+  // numbered and in the backlog; pending_since: when the oldest was queued (plat_now_ns).
+  std::vector<Frame> pending;
+  size_t pending_bytes = 0;
+  uint64_t pending_since = 0;
+  uint64_t pending_first = 0;
+  // A frame of this stream has gone through the transport alone: the link can be set up and
+  // this supervisor's keys are usable. Until then frames go alone, so that a fault of this
+  // side fails the call that met it instead of showing later as missed changes.
+  bool proven = false;
 };
 
 struct Endpoint {
@@ -109,7 +120,10 @@ struct Endpoint {
   bool receiving = false;
   bool closed = false;
   std::mutex send_mu;
-  std::vector<TxStream> tx;  // under send_mu
+  std::deque<TxStream> tx;  // under send_mu (a deque: a stream never moves)
+  // Streams of tx with frames waiting to be handed over (changed under send_mu; read without
+  // it to skip endpoints that have none).
+  std::atomic<uint32_t> pending_streams{0};
   // Under g.mu:
   std::deque<Message> queue;
   std::vector<Slot> slots;
@@ -148,6 +162,14 @@ struct Global {
   // Moves whenever a held message may have gone (a drop, an unbind, a reset): what a thread
   // remembers of a held message is good only while this has not moved (see info()).
   std::atomic<uint64_t> releases{0};
+  // The flusher: hands over frames that waited coalesce_us when their sender sent nothing
+  // more. Sleeps while nothing waits (due == 0).
+  std::mutex fl_mu;
+  std::condition_variable fl_cv;
+  std::thread flusher;
+  pid_t flusher_pid = 0;
+  uint64_t fl_due = 0;  // under fl_mu: when the flusher next has work (0: none)
+  bool fl_stop = false;
 };
 
 Global& g() {
@@ -295,7 +317,8 @@ void enqueue_locked(Endpoint& ep, Message&& m) {
 TxStream& tx_stream(Endpoint& ep, uint32_t dst) {
   for (TxStream& t : ep.tx)
     if (t.dst_sap == dst) return t;
-  ep.tx.push_back(TxStream{dst, TxState{}, 0, false, 0, {}, 0});
+  ep.tx.emplace_back();
+  ep.tx.back().dst_sap = dst;
   return ep.tx.back();
 }
 
@@ -424,14 +447,15 @@ void unhold_sent(Global& s, mts_msg_ref* ref) {
   std::memset(ref, 0, sizeof *ref);
 }
 
-// With the endpoint's send mutex held: a frame of a blocking peer send did not leave.
-void note_missed(Global& s, Endpoint& ep, TxStream& ts, int err) {
-  ++ts.st.missed;
-  s.missed_total.fetch_add(1, std::memory_order_relaxed);
+// With the endpoint's send mutex held: count frames of blocking peer sends, numbered from
+// `at`, did not leave.
+void note_missed(Global& s, Endpoint& ep, TxStream& ts, int err, uint64_t at, uint64_t count = 1) {
+  ts.st.missed += count;
+  s.missed_total.fetch_add(count, std::memory_order_relaxed);
   long bound;
   {
     std::lock_guard<std::mutex> lock(s.mu);
-    ++ep.counters.sends_missed;
+    ep.counters.sends_missed += count;
     if (!ts.st.broken) ++ep.counters.breaks;
     bound = s.settings.peer_send_timeout_ms;
   }
@@ -440,24 +464,86 @@ void note_missed(Global& s, Endpoint& ep, TxStream& ts, int err) {
   if (ts.st.broken) return;
   s.broken_streams.fetch_add(1, std::memory_order_relaxed);
   ts.st.broken = true;
-  ts.st.broken_at = ts.st.last;
+  ts.st.broken_at = at;
   ts.err = err;
   plat_syslog(PLAT_LOG_ERR, "MTS: SAP %u: standby out of sync: HA number %llu for the peer's SAP %u did not leave "
               "within %ld ms (%s); changes go on locally and are counted as missed until the peer reads again",
-              ep.sap, static_cast<unsigned long long>(ts.st.last), ts.dst_sap, bound, std::strerror(err));
+              ep.sap, static_cast<unsigned long long>(at), ts.dst_sap, bound, std::strerror(err));
 }
 
-// With the endpoint's send mutex held: a frame left again after a break.
-void note_resumed(Endpoint& ep, TxStream& ts) {
-  const uint64_t n = ts.st.last - ts.st.broken_at;
+// With the endpoint's send mutex held: a frame left again after a break, numbered `at`.
+void note_resumed(Endpoint& ep, TxStream& ts, uint64_t at) {
+  const uint64_t n = at - ts.st.broken_at;
   plat_syslog(PLAT_LOG_WARNING, "MTS: SAP %u: standby out of sync: %llu changes missed for the peer's SAP %u "
               "(HA numbers %llu..%llu, %s); it reads again from %llu and must resynchronise",
               ep.sap, static_cast<unsigned long long>(n), ts.dst_sap,
-              static_cast<unsigned long long>(ts.st.broken_at), static_cast<unsigned long long>(ts.st.last - 1),
-              std::strerror(ts.err), static_cast<unsigned long long>(ts.st.last));
+              static_cast<unsigned long long>(ts.st.broken_at), static_cast<unsigned long long>(at - 1),
+              std::strerror(ts.err), static_cast<unsigned long long>(at));
   ts.st.broken = false;
   ts.st.broken_at = 0;
   g().broken_streams.fetch_sub(1, std::memory_order_relaxed);
+}
+
+bool peer_side_error(int err);
+
+// With the endpoint's send mutex held: hands over the frames waiting on ts, waiting for queue
+// room as a blocking send would (not at all while the peer is known to lag). They have their
+// numbers already, so whatever does not leave is a missed change, whatever the cause.
+void flush_stream(Global& s, Endpoint& ep, Transport* tp, TxStream& ts) {
+  if (ts.pending.empty()) return;
+  const uint64_t first = ts.pending_first;
+  const size_t n = ts.pending.size();
+  size_t sent = 0;
+  int err = ENOTCONN;
+  if (tp != nullptr) {
+    if (tp->transmit_many(Route{true, ts.dst_sap}, ts.pending, ts.st.broken || ts.wary, &sent) == 0) sent = n;
+    else err = errno != 0 ? errno : EIO;
+  }
+  ts.pending.clear();
+  ts.pending_bytes = 0;
+  ts.pending_since = 0;
+  ep.pending_streams.fetch_sub(1, std::memory_order_relaxed);
+  if (sent > 0) {
+    if (ts.st.broken) note_resumed(ep, ts, first);
+    if (ts.wary && (ts.steady += static_cast<uint32_t>(sent)) >= kSteadySends) ts.wary = false;
+  }
+  if (sent < n) {
+    if (!peer_side_error(err)) ts.proven = false;  // this side's fault: the next frame goes alone and says it
+    note_missed(s, ep, ts, err, first + sent, n - sent);
+  }
+}
+
+// With the endpoint's send mutex held: every stream of ep with frames waiting, or (due != 0)
+// those whose oldest frame was queued at or before due. The earliest time a stream left
+// waiting must go, or 0.
+uint64_t flush_streams(Global& s, Endpoint& ep, Transport* tp, uint64_t due, uint64_t wait_ns) {
+  uint64_t next = 0;
+  for (TxStream& ts : ep.tx) {
+    if (ts.pending.empty()) continue;
+    if (due == 0 || ts.pending_since <= due) {
+      flush_stream(s, ep, tp, ts);
+      continue;
+    }
+    const uint64_t at = ts.pending_since + wait_ns;
+    if (next == 0 || at < next) next = at;
+  }
+  return next;
+}
+
+void flusher_loop();
+
+// With the endpoint's send mutex held: the flusher must look again by `at`.
+void arm_flusher(Global& s, uint64_t at) {
+  std::lock_guard<std::mutex> lock(s.fl_mu);
+  if (!s.flusher.joinable() || s.flusher_pid != ::getpid()) {
+    if (s.flusher.joinable()) s.flusher.detach();  // a thread of the parent before a fork()
+    s.fl_stop = false;
+    s.flusher_pid = ::getpid();
+    s.flusher = std::thread(flusher_loop);
+  }
+  const bool idle = s.fl_due == 0;
+  if (idle || at < s.fl_due) s.fl_due = at;
+  if (idle) s.fl_cv.notify_one();
 }
 
 // At a stop: a break still open is said with its count, so no missed change goes unmentioned.
@@ -488,9 +574,19 @@ bool peer_side_error(int err) {
   }
 }
 
+// How the frames of blocking peer sends are grouped (Settings::coalesce_max, coalesce_us).
+struct Grouping {
+  long max = 1;
+  uint64_t wait_ns = 0;
+};
+// Grouping pays for small frames, whose cost is the hand-over itself; a large frame costs its
+// bytes and goes alone, so that the receiver starts on it without waiting for a group.
+constexpr size_t kGroupFrameMax = 8u << 10;
+constexpr size_t kGroupBytes = 64u << 10;  // a group is handed over once it holds this much
+
 // With the endpoint's send mutex held: number the frame, keep a reference, hand it over.
 int send_ordered(Global& s, Endpoint& ep, Transport* tp, const Outgoing& o, WireHdr& h, Frame&& f,
-                 mts_msg_ref* out_ref, long keep) {
+                 mts_msg_ref* out_ref, long keep, const Grouping& grouping) {
   TxStream* ts = o.route.peer ? &tx_stream(ep, o.route.sap) : nullptr;
   h.ha_seqno = ts != nullptr ? ts->st.last + 1 : 0;
   encode(h, f.data());
@@ -498,6 +594,29 @@ int send_ordered(Global& s, Endpoint& ep, Transport* tp, const Outgoing& o, Wire
     hist::note_sync(hist::kSent, ep.sap, h.epoch, h.ha_seqno, h.opcode, f.data() + kWireHdrSize, h.payload_len);
   if (out_ref != nullptr && !hold_sent(s, ep, h, out_ref)) return -1;
   const bool bounded = ts != nullptr && (o.flags & MTS_SEND_NONBLOCK) == 0;
+  if (bounded && grouping.max > 1 && tp != nullptr && ts->proven && f.size() <= kGroupFrameMax) {
+    // Queued with the frames before it and handed over as a group: by the send that fills the
+    // group or finds its oldest frame overdue, by the sender's next receive, or else by the
+    // flusher. It has its number now; a group that cannot leave counts as missed changes.
+    keep_in_backlog(*ts, f, keep);
+    ts->st.last = h.ha_seqno;
+    const uint64_t now = plat_now_ns();
+    if (ts->pending.empty()) {
+      ts->pending_since = now;
+      ts->pending_first = h.ha_seqno;
+      ep.pending_streams.fetch_add(1, std::memory_order_relaxed);
+    }
+    ts->pending_bytes += f.size();
+    ts->pending.push_back(std::move(f));
+    if (ts->pending.size() >= static_cast<size_t>(grouping.max) || ts->pending_bytes >= kGroupBytes ||
+        now - ts->pending_since >= grouping.wait_ns)
+      flush_stream(s, ep, tp, *ts);
+    else if (ts->pending.size() == 1)
+      arm_flusher(s, now + grouping.wait_ns);
+    return 0;
+  }
+  // Anything else on the stream goes after what waits on it.
+  if (ts != nullptr) flush_stream(s, ep, tp, *ts);
   Outgoing how = o;
   // A peer that has just shown it takes nothing is not waited for again on every change.
   if (bounded && (ts->st.broken || ts->wary)) how.flags |= MTS_SEND_NONBLOCK;
@@ -514,7 +633,7 @@ int send_ordered(Global& s, Endpoint& ep, Transport* tp, const Outgoing& o, Wire
     }
     if (missed) {
       ts->st.last = h.ha_seqno;  // the hole stays visible to the standby
-      note_missed(s, ep, *ts, err);
+      note_missed(s, ep, *ts, err, h.ha_seqno);
       return 0;
     }
     if (out_ref != nullptr) unhold_sent(s, out_ref);
@@ -523,10 +642,89 @@ int send_ordered(Global& s, Endpoint& ep, Transport* tp, const Outgoing& o, Wire
   }
   if (ts != nullptr) {
     ts->st.last = h.ha_seqno;
-    if (ts->st.broken) note_resumed(ep, *ts);
+    ts->proven = true;
+    if (ts->st.broken) note_resumed(ep, *ts, h.ha_seqno);
     if (ts->wary && ++ts->steady >= kSteadySends) ts->wary = false;
   }
   return 0;
+}
+
+// Hands over what waits on ep's streams (due as in flush_streams); the next time one left
+// waiting must go, or 0.
+uint64_t flush_endpoint(Global& s, const EndpointPtr& ep, uint64_t due) {
+  if (!ep || ep->pending_streams.load(std::memory_order_relaxed) == 0) return 0;
+  std::shared_ptr<Transport> tp;
+  uint64_t wait_ns;
+  {
+    std::lock_guard<std::mutex> lock(s.mu);
+    tp = s.transport;
+    wait_ns = static_cast<uint64_t>(s.settings.coalesce_us) * 1000u;
+  }
+  std::lock_guard<std::mutex> order(ep->send_mu);
+  return flush_streams(s, *ep, tp.get(), due, wait_ns);
+}
+
+// Every endpoint's waiting frames (due as in flush_streams); the next time one must go, or 0.
+uint64_t flush_all(Global& s, uint64_t due) {
+  std::vector<EndpointPtr> eps;
+  {
+    std::lock_guard<std::mutex> lock(s.mu);
+    for (auto& [sap, ep] : s.eps)
+      if (ep->pending_streams.load(std::memory_order_relaxed) != 0) eps.push_back(ep);
+  }
+  uint64_t next = 0;
+  for (const EndpointPtr& ep : eps) {
+    const uint64_t at = flush_endpoint(s, ep, due);
+    if (at != 0 && (next == 0 || at < next)) next = at;
+  }
+  return next;
+}
+
+void flusher_loop() {
+  Global& s = g();
+  std::unique_lock<std::mutex> lock(s.fl_mu);
+  while (!s.fl_stop) {
+    if (s.fl_due == 0) {
+      s.fl_cv.wait(lock);
+      continue;
+    }
+    const uint64_t now = plat_now_ns();
+    if (now < s.fl_due) {
+      s.fl_cv.wait_for(lock, std::chrono::nanoseconds(s.fl_due - now));
+      continue;
+    }
+    s.fl_due = 0;
+    uint64_t wait_ns;
+    {
+      lock.unlock();
+      {
+        std::lock_guard<std::mutex> g_lock(s.mu);
+        wait_ns = static_cast<uint64_t>(s.settings.coalesce_us) * 1000u;
+      }
+      const uint64_t next = flush_all(s, now >= wait_ns ? now - wait_ns : 0);
+      lock.lock();
+      if (next != 0 && (s.fl_due == 0 || next < s.fl_due)) s.fl_due = next;
+    }
+  }
+}
+
+void stop_flusher(Global& s) {
+  std::thread t;
+  {
+    std::lock_guard<std::mutex> lock(s.fl_mu);
+    s.fl_stop = true;
+    s.fl_due = 0;
+    t.swap(s.flusher);
+    s.fl_cv.notify_all();
+  }
+  if (t.joinable()) {
+    if (s.flusher_pid == ::getpid() && t.get_id() != std::this_thread::get_id())
+      t.join();
+    else
+      t.detach();  // the parent's, before a fork(): there is no such thread here
+  }
+  std::lock_guard<std::mutex> lock(s.fl_mu);
+  s.fl_stop = false;
 }
 
 }  // namespace
@@ -544,6 +742,7 @@ int send(const Outgoing& o, mts_msg_ref* out_ref) {
   std::shared_ptr<Transport> tp;
   uint8_t node;
   long keep;
+  Grouping grouping;
   {
     std::lock_guard<std::mutex> lock(s.mu);
     configure_locked(s);
@@ -551,6 +750,8 @@ int send(const Outgoing& o, mts_msg_ref* out_ref) {
     tp = s.transport;
     node = s.settings.slot;
     keep = s.settings.backlog_bytes;
+    grouping.max = s.settings.coalesce_us > 0 ? s.settings.coalesce_max : 1;
+    grouping.wait_ns = static_cast<uint64_t>(s.settings.coalesce_us) * 1000u;
   }
   Frame f = Frame::allocate(kWireHdrSize + static_cast<size_t>(len));
   if (f.empty()) {
@@ -560,7 +761,7 @@ int send(const Outgoing& o, mts_msg_ref* out_ref) {
   fill_payload(f.data() + kWireHdrSize, o);
   WireHdr h = header_for(o, *ep, node, static_cast<uint32_t>(len));
   std::lock_guard<std::mutex> order(ep->send_mu);
-  return send_ordered(s, *ep, tp.get(), o, h, std::move(f), out_ref, keep);
+  return send_ordered(s, *ep, tp.get(), o, h, std::move(f), out_ref, keep, grouping);
 }
 
 int bind(uint32_t sap) {
@@ -596,6 +797,11 @@ int unbind(uint32_t sap) {
   {
     std::lock_guard<std::mutex> lock(s.mu);
     ep = find_locked(s, sap);
+  }
+  (void)flush_endpoint(s, ep, 0);  // what the endpoint sent leaves before it goes
+  {
+    std::lock_guard<std::mutex> lock(s.mu);
+    ep = find_locked(s, sap);
     if (!ep) {
       errno = EADDRNOTAVAIL;
       return -1;
@@ -625,6 +831,13 @@ int recv(uint32_t sap, mts_msg_ref* ref, const mts_recv_opts* opts) {
   Global& s = g();
   std::unique_lock<std::mutex> lock(s.mu);
   EndpointPtr ep = find_locked(s, sap);
+  if (ep && ep->pending_streams.load(std::memory_order_relaxed) != 0) {
+    // A sender that turns to receiving has finished a run of changes: they leave now rather
+    // than when the flusher comes by.
+    lock.unlock();
+    (void)flush_endpoint(s, ep, 0);
+    lock.lock();
+  }
   if (!ep || !ep->receiving) {
     errno = EADDRNOTAVAIL;
     return -1;
@@ -746,6 +959,7 @@ int resend(uint32_t sap, uint32_t dst_sap, uint32_t epoch, uint64_t from, uint32
   }
   std::lock_guard<std::mutex> order(ep->send_mu);
   TxStream& ts = tx_stream(*ep, dst_sap);
+  flush_stream(s, *ep, tp.get(), ts);  // the resent frames come after what still waited
   const uint64_t first = ts.backlog.empty() ? ts.st.last + 1 : get_le(ts.backlog.front().data() + 24, 8);
   int err = 0;
   if (epoch != ep->epoch)
@@ -766,7 +980,7 @@ int resend(uint32_t sap, uint32_t dst_sap, uint32_t epoch, uint64_t from, uint32
   }
   const uint64_t upto = n - 1;
   send_resend_reply(s, tp.get(), *ep, dst_sap, reply_opcode, node, upto, err);
-  if (err == 0 && ts.st.broken) note_resumed(*ep, ts);
+  if (err == 0 && ts.st.broken) note_resumed(*ep, ts, ts.st.last);
   if (end != nullptr) *end = upto;
   if (err != 0) {
     errno = err;
@@ -1049,12 +1263,14 @@ void flush(int ms) {
     if (s.transport) s.transport->linger(ms);
     for (auto& [sap, ep] : s.eps) eps.push_back(ep);
   }
+  (void)flush_all(s, 0);  // frames still grouped leave with the rest
   for (const EndpointPtr& ep : eps) report_open_breaks(*ep);
   reset();
 }
 
 void reset() {
   Global& s = g();
+  stop_flusher(s);
   std::map<uint32_t, EndpointPtr> eps;
   std::shared_ptr<Transport> tp;
   {

@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "mts/wire.h"
 
@@ -35,6 +36,11 @@ struct Settings {
   long backlog_bytes = 8l << 20;  // recent frames kept per peer stream for a resend (0: none)
   long recv_max_wait_ms = 60000;
   long loopback_keep = 4096;
+  // Blocking sends to the peer queued in the sender and handed over together (one multipart
+  // message, one wake-up of the transport's thread) when this many are queued, when the
+  // oldest has waited coalesce_us, or when the sender next receives. 1: every frame alone.
+  long coalesce_max = 1;
+  long coalesce_us = 200;
   uint8_t slot = 1;          // this supervisor's slot, sent as src_node
 };
 
@@ -56,6 +62,10 @@ class Transport {
   virtual void close_endpoint(uint32_t sap) = 0;
   // Send f along route. f is consumed whatever the result. 0, or -1 with errno.
   virtual int transmit(const Route& to, Frame&& f, bool nonblock) = 0;
+  // Send frames along route, in order; all are consumed whatever the result. *sent: how many
+  // left (a prefix). 0 when all did, else -1 with errno for the first that did not. This one
+  // sends them one by one; a transport that can hand them over together does so.
+  virtual int transmit_many(const Route& to, std::vector<Frame>& frames, bool nonblock, size_t* sent);
   // The loopback transport, for the testing interface; null for the others.
   virtual LoopbackTransport* loopback() { return nullptr; }
   // The process is about to stop: frames already handed over may take up to ms to leave

@@ -3,6 +3,8 @@
 // receiver whose queue is full drops peer frames and marks the stream instead of growing.
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
+#include <thread>
 
 #include "mts/core.h"
 #include "mts_support.h"
@@ -113,6 +115,76 @@ TEST_F(MtsStreamTest, FullReceiveQueueDropsPeerFramesAndMarksTheNextOne) {
   EXPECT_EQ(mts_test_feed(f6.raw.data(), f6.raw.size()), 0);
   EXPECT_EQ(take(), (std::pair<uint64_t, uint8_t>{5, plat::mts::kTroubleOverflow}));
   EXPECT_EQ(take(), (std::pair<uint64_t, uint8_t>{6, plat::mts::kTroubleRepeat}));
+}
+
+// Blocking sends to the peer travel in groups: numbered when sent, handed over together when
+// the group fills, when the sender turns to receiving, or by the flusher when the oldest has
+// waited long enough; a group that cannot leave counts every frame of it as missed.
+TEST_F(MtsStreamTest, GroupedSendsKeepTheirOrderAndNumbersAndAGroupThatCannotLeaveIsMissed) {
+  ScopedConfig max("MTS_COALESCE_MAX", "4");
+  ScopedConfig wait("MTS_COALESCE_US", "100000");
+  ASSERT_EQ(mts_bind(kSap), 0);
+  plat_test_log_capture(1);
+  // The numbers of the frames that went, in order; each is passed on to the receiver.
+  auto numbers = [] {
+    std::vector<uint64_t> out;
+    while (mts_test_peer_count() != 0) {
+      PeerFrame f = take_peer_frame();
+      out.push_back(f.h.ha_seqno);
+      EXPECT_EQ(mts_test_feed(f.raw.data(), f.raw.size()), 0);
+    }
+    return out;
+  };
+  // The first frame of a stream goes alone (it shows the link works); then groups of four.
+  ASSERT_EQ(send_peer(), 0);
+  EXPECT_EQ(numbers(), (std::vector<uint64_t>{1}));
+  for (int i = 0; i < 3; ++i) ASSERT_EQ(send_peer(), 0);
+  EXPECT_EQ(mts_test_peer_count(), 0u);
+  uint64_t n = 0;
+  ASSERT_EQ(send_peer(0, &n), 0);
+  EXPECT_EQ(n, 5u);
+  EXPECT_EQ(numbers(), (std::vector<uint64_t>{2, 3, 4, 5}));
+
+  // A sender that turns to receiving lets what waits go first; so does any other send.
+  ASSERT_EQ(send_peer(), 0);
+  EXPECT_EQ(mts_test_peer_count(), 0u);
+  EXPECT_EQ(take().first, 1u);
+  EXPECT_EQ(numbers(), (std::vector<uint64_t>{6}));
+  ASSERT_EQ(send_peer(), 0);
+  ASSERT_EQ(send_peer(MTS_SEND_NONBLOCK), 0);
+  EXPECT_EQ(numbers(), (std::vector<uint64_t>{7, 8}));
+
+  // The peer takes nothing: the whole group is missed from its first number on, in one line.
+  mts_test_peer_refuse(1);  // the group's first frame is refused: the rest do not follow it
+  for (int i = 0; i < 4; ++i) ASSERT_EQ(send_peer(), 0);
+  uint64_t last = 0, missed = 0;
+  int broken = 0;
+  ASSERT_EQ(mts_test_tx_state(kSap, kSap, &last, &broken, &missed), 0);
+  EXPECT_EQ(last, 12u);
+  EXPECT_EQ(broken, 1);
+  EXPECT_EQ(missed, 4u);
+  EXPECT_EQ(error_lines(), 1);
+  EXPECT_TRUE(logged({"HA number 9 for the peer's SAP"}));
+  // The next group leaves; the break ends with its count, and the receiver sees the hole.
+  for (int i = 0; i < 4; ++i) ASSERT_EQ(send_peer(), 0);
+  ASSERT_EQ(mts_test_tx_state(kSap, kSap, &last, &broken, &missed), 0);
+  EXPECT_EQ(broken, 0);
+  EXPECT_TRUE(logged({"4 changes missed for the peer's SAP 140 (HA numbers 9..12"}));
+  EXPECT_EQ(numbers(), (std::vector<uint64_t>{13, 14, 15, 16}));
+  for (uint64_t want : {2, 3, 4, 5, 6, 7, 8}) EXPECT_EQ(take().first, want);
+  EXPECT_EQ(take(), (std::pair<uint64_t, uint8_t>{13, plat::mts::kTroubleGap}));
+}
+
+TEST_F(MtsStreamTest, AGroupWhoseSenderFallsSilentLeavesWithinItsWait) {
+  ScopedConfig max("MTS_COALESCE_MAX", "64");
+  ScopedConfig wait("MTS_COALESCE_US", "2000");
+  ASSERT_EQ(mts_bind(kSap), 0);
+  for (int i = 0; i < 3; ++i) ASSERT_EQ(send_peer(), 0);
+  EXPECT_LT(mts_test_peer_count(), 3u);
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+  while (mts_test_peer_count() < 3 && std::chrono::steady_clock::now() < end)
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  EXPECT_EQ(mts_test_peer_count(), 3u);
 }
 
 }  // namespace

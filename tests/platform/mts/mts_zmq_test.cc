@@ -115,6 +115,7 @@ TEST_F(MtsZmqTest, SendsToAnAbsentPeerStopWhenTheQueueIsFull) {
   ScopedConfig peer("MTS_PEER", "ipc://" + root() + "/nobody/sap-{sap}");
   ScopedConfig hwm("MTS_HWM", "2");
   ScopedConfig timeout("MTS_PEER_SEND_TIMEOUT_MS", "20");
+  ScopedConfig alone("MTS_COALESCE_MAX", "1");  // each blocking send meets the full queue itself
   int sent = 0, rc = 0;
   while (sent < 100 && (rc = mts_send(kSap, MTS_ADDR_PEER, 0, kOpc, "q", 1, nullptr, MTS_SEND_NONBLOCK, nullptr)) == 0)
     ++sent;
