@@ -429,6 +429,35 @@ WireHdr header_for(const Outgoing& o, const Endpoint& ep, uint8_t node, uint32_t
   return h;
 }
 
+// A receiver reads several fields of the message it holds (opcode, payload, size, number...),
+// each through its own call, and a sender reads the number of what it just sent: the first
+// look-up (or the send) takes the lock, the others are answered from what this thread
+// remembers of the message, as long as no held message of the process has gone since (a drop
+// is the only way a held message changes).
+struct Remembered {
+  uint32_t sap = 0, slot = 0;
+  uint64_t gen = 0;  // 0: nothing remembered
+  uint8_t kind = 0;
+  uint64_t releases = 0;
+  MsgInfo mi;
+};
+thread_local Remembered t_seen;
+
+// With g.mu held: this thread remembers what ref names.
+void remember_locked(const mts_msg_ref& ref, const Message& m) {
+  Remembered& r = t_seen;
+  r.sap = ref.sap;
+  r.slot = ref.slot;
+  r.gen = ref.gen;
+  r.kind = ref.kind;
+  r.releases = g().releases.load(std::memory_order_relaxed);  // only moves under the lock
+  r.mi.h = m.h;
+  r.mi.payload = m.payload();
+  r.mi.from_peer = m.from_peer;
+  r.mi.trouble = m.trouble;
+  r.mi.skipped = m.skipped;
+}
+
 // Keep the sender's reference to a message about to go.
 bool hold_sent(Global& s, Endpoint& ep, const WireHdr& h, mts_msg_ref* ref) {
   std::lock_guard<std::mutex> lock(s.mu);
@@ -437,6 +466,7 @@ bool hold_sent(Global& s, Endpoint& ep, const WireHdr& h, mts_msg_ref* ref) {
     std::memset(ref, 0, sizeof *ref);
     return false;
   }
+  remember_locked(*ref, ep.slots[ref->slot].msg);
   return true;
 }
 
@@ -1023,24 +1053,9 @@ int drop(uint32_t sap, const mts_msg_ref* ref) {
   return 0;
 }
 
-// A receiver reads several fields of the message it holds (opcode, payload, size, number...),
-// each through its own call: the first looks the message up under the lock, the others are
-// answered from what this thread remembers of it, as long as no held message of the process
-// has gone since (a drop is the only way a held message changes).
-namespace {
-struct Remembered {
-  uint32_t sap = 0, slot = 0;
-  uint64_t gen = 0;  // 0: nothing remembered
-  uint8_t kind = 0;
-  uint64_t releases = 0;
-  MsgInfo mi;
-};
-thread_local Remembered t_seen;
-}  // namespace
-
 bool info(const mts_msg_ref* ref, MsgInfo* out) {
   Global& s = g();
-  Remembered& r = t_seen;
+  const Remembered& r = t_seen;
   if (ref != nullptr && r.gen != 0 && r.gen == ref->gen && r.sap == ref->sap && r.slot == ref->slot &&
       r.kind == ref->kind && r.releases == s.releases.load(std::memory_order_acquire)) {
     *out = r.mi;
@@ -1052,17 +1067,8 @@ bool info(const mts_msg_ref* ref, MsgInfo* out) {
     errno = EINVAL;
     return false;
   }
-  out->h = sl->msg.h;
-  out->payload = sl->msg.payload();
-  out->from_peer = sl->msg.from_peer;
-  out->trouble = sl->msg.trouble;
-  out->skipped = sl->msg.skipped;
-  r.sap = ref->sap;
-  r.slot = ref->slot;
-  r.gen = ref->gen;
-  r.kind = ref->kind;
-  r.releases = s.releases.load(std::memory_order_relaxed);  // only moves under the lock
-  r.mi = *out;
+  remember_locked(*ref, sl->msg);
+  *out = t_seen.mi;
   return true;
 }
 
