@@ -249,26 +249,6 @@ TEST_F(StoreLayerTest, ABatchCommitsEachStoreOnceAndItsThreadReadsWhatItHolds) {
   ASSERT_EQ(sdb_close("run:/bsdb"), 0u);
 }
 
-// A commit that fails at the end of a batch leaves none of it and is recorded as a failed
-// write of the store; so does a batch ended without committing.
-TEST_F(StoreLayerTest, ABatchWhoseCommitFailsLeavesNothing) {
-  const uint32_t h = open("run:/failing");
-  ASSERT_EQ(put(h, "old", "1"), 0u);
-  const uint64_t serial = plat::last_write_failure().serial;
-  plat::apply_batch_begin();
-  ASSERT_EQ(put(h, "a", "1"), 0u);
-  ASSERT_EQ(put(h, "b", "1"), 0u);
-  g_fail_rc = EIO;
-  g_fail_at = g_commits.load();
-  EXPECT_EQ(plat::apply_batch_end(true), EIO);
-  EXPECT_EQ(plat::last_write_failure().serial, serial + 1);
-  EXPECT_EQ(walk(h), std::vector<std::string>{"old"});
-  plat::apply_batch_begin();
-  ASSERT_EQ(put(h, "c", "1"), 0u);
-  EXPECT_NE(plat::apply_batch_end(false), 0);
-  EXPECT_EQ(walk(h), std::vector<std::string>{"old"});
-}
-
 // Near the end of its map a store answers inside a batch as it does alone: the writes that
 // fit are stored, the one that does not is refused as full without failing the batch, and a
 // delete still grows the map it needs.
