@@ -71,7 +71,9 @@ const WriteFailure& last_write_failure();
 // snapshots, purges, limits, a write that might not fit in the map) first commits the store's
 // batch (settle). A write that fails inside a batch aborts every transaction of the batch and
 // is recorded as a write failure (last_write_failure()): the loop then counts the whole run as
-// not applied. apply_batch_end commits (or, after a failure or with commit=false, aborts) what
+// not applied. A batch holds its stores' LMDB writer locks from one call to the next: writes
+// to those stores from another thread of the process would wait for it while holding the
+// service's lock, which is why a service's store calls belong to its receive loop's thread. apply_batch_end commits (or, after a failure or with commit=false, aborts) what
 // is left; 0, or the first failure's LMDB or errno value.
 void apply_batch_begin();
 // Payload bytes of the change about to be applied (sizes the room kept in the map).
