@@ -634,11 +634,17 @@ std::vector<Applied>& batch_run() {
 uint64_t store_failures(const Lib* l) { return l->store_failures != nullptr ? l->store_failures() : last_write_failure().serial; }
 
 // mi would go to the dispatcher as the next change of the stream.
+// While a resend is awaited, that is the number after the last one taken (the resend's own
+// frames, which a standby catching up finds queued in numbers).
 bool in_order(uint32_t sap, const mts::MsgInfo& mi, bool live) {
   const char* why = nullptr;
   uint64_t missed = 0;
-  return (!live || way_of(sap, mi, &why) == Way::kSync) && !covered(mi) && step().out == 0 &&
-         out_of_step(mi, live, &missed) == 0;
+  const Step& st = step();
+  if ((live && way_of(sap, mi, &why) != Way::kSync) || covered(mi)) return false;
+  if (st.out != 0)
+    return st.resending && plat_now_ns() <= st.resend_deadline_ns && mi.h.epoch == st.epoch &&
+           mi.h.ha_seqno == st.last + 1;
+  return out_of_step(mi, live, &missed) == 0;
 }
 
 // The next queued message: received now (live) or the next one released by gsync ready.
