@@ -550,7 +550,7 @@ const cl::Lib kStoring = {&storing_dispatch, &fake_snapshot, &fake_gsync, &fake_
 // Changes queued behind each other are applied in one commit, each readable by the callback
 // right after its apply, and told as applied only then. A commit that fails at the end of such
 // a run takes the whole run back: out of sync with its count, none of it applied or claimed,
-// and the resend of the active brings the copy back, identical.
+// and the resend of the active (applied as a run too) brings the copy back, identical.
 TEST_F(ReceiveLoopTest, QueuedChangesCommitTogetherAndAFailedCommitTakesTheRunBack) {
   namespace sm = hadra::plat::sysmgr;
   namespace plat = hadra::plat;
@@ -604,12 +604,15 @@ TEST_F(ReceiveLoopTest, QueuedChangesCommitTogetherAndAFailedCommitTakesTheRunBa
   }
   EXPECT_TRUE(logged);
 
-  plat::reset_lmdb_ops();
+  plat::lmdb_ops().txn_commit = counting_commit;
+  g_commits = 0;
   forward_all();  // the request for a resend reaches the active
   mts_msg_ref other;
   EXPECT_EQ(sysmgr_client_next(kActive, 0, &other), SYSMGR_RX_EVENT);
   forward_all();
   drain();
+  EXPECT_EQ(g_commits, 1) << "the resent frames, queued together, are applied as one run";
+  plat::reset_lmdb_ops();
   t = applied_table(root());
   EXPECT_EQ(t.out_of_sync, 0u);
   EXPECT_EQ(t.slot[1].reports, 8u);
