@@ -79,9 +79,11 @@ void flusher_loop(Flusher* f) {
 // starts from a fresh flusher (the old one, maybe locked by a thread that is not there, is
 // left alone).
 Flusher* g_retired = nullptr;  // the parent's, kept reachable: it is not ours to free
+void forget_batch();
 void after_fork_child() {
   g_retired = g_flusher;
   g_flusher = new Flusher();
+  forget_batch();  // the parent's transactions: not the child's to commit or abort
 }
 [[maybe_unused]] const bool g_fork_registered = (pthread_atfork(nullptr, nullptr, after_fork_child), true);
 
@@ -97,7 +99,67 @@ int note_failure(MDB_env* env, int rc) {
   return rc;
 }
 
+// ---- The apply batch of this thread ----
+
+struct BatchEntry {
+  StoreEnv* store;
+  MDB_env* env;
+  MDB_txn* txn;
+  size_t changes;  // commits that only counted
+  size_t bytes;    // payload announced for the writes that joined
+};
+
+struct Batch {
+  bool open = false;
+  int failed = 0;     // the first failure's value: everything of the batch is aborted
+  size_t expect = 0;  // payload of the change being applied
+  std::vector<BatchEntry> envs;
+};
+
+thread_local Batch t_batch;
+
+void forget_batch() { t_batch = Batch(); }
+
+BatchEntry* batch_entry(const StoreEnv* s) {
+  for (BatchEntry& e : t_batch.envs)
+    if (e.store == s) return &e;
+  return nullptr;
+}
+
+// Aborts every transaction of the batch after a failure (rc, recorded for env when note).
+void abort_batch(MDB_env* env, int rc, bool note) {
+  for (BatchEntry& e : t_batch.envs) mdb_txn_abort(e.txn);
+  t_batch.envs.clear();
+  if (t_batch.failed == 0) t_batch.failed = rc;
+  if (note) note_failure(env, rc);
+}
+
 }  // namespace
+
+void apply_batch_begin() {
+  if (t_batch.open) (void)apply_batch_end(true);
+  t_batch.open = true;
+  t_batch.failed = 0;
+  t_batch.expect = 0;
+}
+
+void apply_batch_expect(size_t bytes) { t_batch.expect = bytes; }
+bool apply_batch_open() { return t_batch.open; }
+bool apply_batch_failed() { return t_batch.open && t_batch.failed != 0; }
+
+int apply_batch_settle_all() {
+  while (!t_batch.envs.empty())
+    if (int rc = t_batch.envs.front().store->settle(); rc != 0) return rc;
+  return t_batch.failed;
+}
+
+int apply_batch_end(bool commit) {
+  if (!t_batch.open) return 0;
+  if (!commit && t_batch.failed == 0) abort_batch(nullptr, ECANCELED, false);
+  const int rc = apply_batch_settle_all();
+  forget_batch();
+  return rc;
+}
 
 const char* failure_cause(int rc) {
   switch (rc) {
@@ -172,6 +234,7 @@ int StoreEnv::opened(MDB_env* env) {
 
 void StoreEnv::closing() {
   if (env_ == nullptr) return;
+  (void)settle();
   if (tracked_ != nullptr) {
     auto* t = static_cast<Tracked*>(tracked_);
     Flusher* f = g_flusher;
@@ -189,6 +252,7 @@ void StoreEnv::closing() {
 }
 
 void StoreEnv::abandon() {
+  if (BatchEntry* e = batch_entry(this)) t_batch.envs.erase(t_batch.envs.begin() + (e - t_batch.envs.data()));
   env_ = nullptr;
   tracked_ = nullptr;  // the parent's; the child's flusher never saw it
 }
@@ -229,12 +293,91 @@ int StoreEnv::reserve(size_t extra) {
 }
 
 int StoreEnv::commit(MDB_txn* txn) {
+  if (BatchEntry* e = batch_entry(this); e != nullptr && e->txn == txn) {
+    ++e->changes;
+    return 0;
+  }
   int rc = g_ops.txn_commit(txn);
   if (rc == 0 && tracked_ != nullptr) static_cast<Tracked*>(tracked_)->dirty.store(true, std::memory_order_release);
   return note_failure(env_, rc);
 }
 
+MDB_txn* StoreEnv::batch_txn() const {
+  const BatchEntry* e = batch_entry(this);
+  return e != nullptr ? e->txn : nullptr;
+}
+
+// The map must hold what the batch may still add: LMDB fails a write that does not fit and
+// then refuses the whole transaction, while an ordinary write that fills the map is retried
+// with a grown one. Pages per change (the copied path of the tree, a split) and the payload
+// three times over (leaf pages half full, overflow pages rounded up) are counted against the
+// pages the last commit left in use.
+size_t batch_need(size_t changes, size_t bytes, size_t page) {
+  return (changes + 1) * 8 * page + 3 * bytes + (size_t{256} << 10);
+}
+
+bool StoreEnv::room_for_batch(size_t changes, size_t bytes) const {
+  MDB_envinfo info;
+  MDB_stat st;
+  if (mdb_env_info(env_, &info) != 0 || mdb_env_stat(env_, &st) != 0) return false;
+  const size_t used = (info.me_last_pgno + 1) * st.ms_psize;
+  return used + batch_need(changes, bytes, st.ms_psize) <= info.me_mapsize;
+}
+
+bool StoreEnv::batch_join(size_t size, MDB_txn** txn, bool* adopt) {
+  *txn = nullptr;
+  *adopt = false;
+  if (!t_batch.open || env_ == nullptr) return false;
+  BatchEntry* e = batch_entry(this);
+  const size_t changes = e != nullptr ? e->changes : 0;
+  const size_t bytes = (e != nullptr ? e->bytes : 0) + (size > t_batch.expect ? size : t_batch.expect);
+  if (!room_for_batch(changes, bytes)) {
+    if (e != nullptr) (void)settle();  // this write goes alone, after what the batch holds
+    return false;
+  }
+  if (e == nullptr) {
+    *adopt = true;
+    return false;
+  }
+  // Blocks ahead of the map for what the batch may still write beyond the last commit.
+  if (int rc = reserve(batch_need(changes, bytes, 4096) + (size_t{8} << 20)); rc != 0) {
+    abort_batch(env_, rc, false);  // reserve recorded it
+    return false;
+  }
+  e->bytes = bytes;
+  *txn = e->txn;
+  return true;
+}
+
+void StoreEnv::batch_adopt(size_t size, MDB_txn* txn) {
+  t_batch.envs.push_back(BatchEntry{this, env_, txn, 0, size > t_batch.expect ? size : t_batch.expect});
+}
+
+void StoreEnv::batch_fail(int rc) { abort_batch(env_, rc != 0 ? rc : EIO, true); }
+
+int StoreEnv::settle() {
+  BatchEntry* e = batch_entry(this);
+  if (e == nullptr) return 0;
+  MDB_txn* txn = e->txn;
+  t_batch.envs.erase(t_batch.envs.begin() + (e - t_batch.envs.data()));
+  if (t_batch.failed != 0) {  // joined after the failure: goes with the rest of the batch
+    mdb_txn_abort(txn);
+    return 0;
+  }
+  const int rc = commit(txn);  // no longer the batch's: a real commit, recorded when it fails
+  if (rc != 0) {
+    report_failure("store", "commit of applied changes", env_, rc);
+    abort_batch(env_, rc, false);
+  }
+  return rc;
+}
+
 int env_copy_to(MDB_env* env, const char* path) {
+  for (BatchEntry& e : t_batch.envs)
+    if (e.env == env) {
+      if (int rc = e.store->settle(); rc != 0) return rc;
+      break;
+    }
   ::unlink(path);
   const int fd = ::open(path, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
   if (fd < 0) return errno;

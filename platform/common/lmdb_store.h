@@ -63,6 +63,27 @@ struct WriteFailure {
 };
 const WriteFailure& last_write_failure();
 
+// Apply batch. The standby's receive loop applies a run of queued changes in one write
+// transaction per store: while a batch is open on this thread, the plain record writes of the
+// stores (a PSS store or delete, an SDB writer) join the store's batch transaction and their
+// commit only counts; reads on this thread use that transaction, so they see what was just
+// applied. Anything else that touches a store (closing it, resizing its map, copies,
+// snapshots, purges, limits, a write that might not fit in the map) first commits the store's
+// batch (settle). A write that fails inside a batch aborts every transaction of the batch and
+// is recorded as a write failure (last_write_failure()): the loop then counts the whole run as
+// not applied. A batch holds its stores' LMDB writer locks from one call to the next: writes
+// to those stores from another thread of the process would wait for it while holding the
+// service's lock, which is why a service's store calls belong to its receive loop's thread. apply_batch_end commits (or, after a failure or with commit=false, aborts) what
+// is left; 0, or the first failure's LMDB or errno value.
+void apply_batch_begin();
+// Payload bytes of the change about to be applied (sizes the room kept in the map).
+void apply_batch_expect(size_t bytes);
+bool apply_batch_open();
+bool apply_batch_failed();
+int apply_batch_end(bool commit);
+// Commits the batch transaction of every store on this thread, keeping the batch open.
+int apply_batch_settle_all();
+
 // One live store environment as the stores open it.
 class StoreEnv {
  public:
@@ -77,8 +98,22 @@ class StoreEnv {
   // Makes sure extra bytes beyond the pages in use have disk blocks (writable map only).
   // 0, or an errno value (ENOSPC) when the disk cannot give them.
   int reserve(size_t extra);
-  // Commits txn through the seam; tells the flusher the store changed.
+  // Commits txn through the seam; tells the flusher the store changed. The batch's own
+  // transaction is not committed here (0: it stays open until the batch settles).
   int commit(MDB_txn* txn);
+  // ---- the apply batch (see above) ----
+  // This store's open batch transaction on this thread, or null.
+  MDB_txn* batch_txn() const;
+  // For a plain record write of about size bytes (0: unknown, the loop's announced payload
+  // stands for it): the batch transaction to write in (*txn set, true), or false with *adopt
+  // when the caller begins one of its own and hands it to batch_adopt (a batch is open and
+  // the map has room), or false without: an ordinary write.
+  bool batch_join(size_t size, MDB_txn** txn, bool* adopt);
+  void batch_adopt(size_t size, MDB_txn* txn);
+  // A write in the batch failed with rc: the batch is aborted and the failure recorded.
+  void batch_fail(int rc);
+  // Commits this store's batch transaction now (0 when there is none).
+  int settle();
   bool writemap() const { return writemap_; }
   Durability mode() const { return mode_; }
   // After fork(): the child forgets the environment without flushing or closing it.
@@ -90,11 +125,12 @@ class StoreEnv {
   bool writemap_ = false;
   void* tracked_ = nullptr;  // the flusher's node (group)
   off_t allocated_ = 0;  // bytes from the start of the file known to have blocks
+  bool room_for_batch(size_t changes, size_t bytes) const;
 };
 
 // A consistent, compacted copy of env (one read transaction, free pages left out) written to
 // a new file at path, flushed to disk before the call returns; a file already there is
-// replaced. 0, or an LMDB or errno value; on failure nothing is left at path.
+// replaced. An apply batch of env on this thread is committed first. 0, or an LMDB or errno value; on failure nothing is left at path.
 int env_copy_to(MDB_env* env, const char* path);
 
 }  // namespace hadra::plat

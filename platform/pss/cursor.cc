@@ -133,7 +133,8 @@ uint32_t mget_begin(Handle& h, uint32_t* records) {
   if (records != nullptr) *records = 0;
   if (!positionable(h) || h.mget != nullptr) return PLAT_ERR_PSS_BAD_ARG;
   MDB_txn* txn;
-  int rc = mdb_txn_begin(h.env->env, nullptr, MDB_RDONLY, &txn);
+  int rc = h.env->store.settle();  // the phase reads what is committed
+  if (rc == 0) rc = mdb_txn_begin(h.env->env, nullptr, MDB_RDONLY, &txn);
   MDB_stat st;
   if (rc == 0 && (rc = mdb_stat(txn, h.env->recs, &st)) != 0) mdb_txn_abort(txn);
   if (rc != 0) {

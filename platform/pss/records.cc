@@ -90,14 +90,14 @@ uint32_t store(Handle& h, const datum* key, const datum* value) {
       return map_rc(rc);
     }
   }
-  return map_rc(write_txn(*h.env, put_body, &c, false));
+  return map_rc(write_txn(*h.env, put_body, &c, false, size_t{key->dsize} + value->dsize));
 }
 
 uint32_t remove(Handle& h, const datum* key) {
   if (!key_ok(*h.env, key)) return PLAT_ERR_PSS_BAD_ARG;
   if (!writable(h)) return PLAT_ERR_PSS_READ_ONLY;
   MDB_val k = val_of(key);
-  return map_rc(write_txn(*h.env, del_body, &k, true));
+  return map_rc(write_txn(*h.env, del_body, &k, true, key->dsize));
 }
 
 uint32_t remove_prefixed(Handle& h, const datum* prefix, uint32_t* count) {
@@ -242,6 +242,7 @@ int sync_dir_of(const std::string& path) {
 uint32_t snapshot(Handle& src, Handle& dst) {
   if (src.env == dst.env || !readable(src)) return PLAT_ERR_PSS_BAD_ARG;
   if (!writable(dst)) return PLAT_ERR_PSS_READ_ONLY;
+  if (int rc = apply_batch_settle_all(); rc != 0) return map_rc(rc);  // the copy is of what is committed
   MDB_txn* rtxn;
   int rc = mdb_txn_begin(src.env->env, nullptr, MDB_RDONLY, &rtxn);
   size_t chunk = size_t{dst.env->params.snapshot_chunk != 0 ? dst.env->params.snapshot_chunk : kDefaultChunkKilo} * 1000;

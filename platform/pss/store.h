@@ -119,9 +119,11 @@ class ReadTxn {
   int rc_ = 0;
 };
 // Runs body(txn) in one write transaction of e and commits it; body returns an LMDB code.
-// With may_grow, a transaction that fills the map is retried once with room to spare.
+// With may_grow, a transaction that fills the map is retried once with room to spare. A plain
+// record write gives batch_size (its key and value bytes, at least 1): it joins the thread's
+// apply batch when one is open.
 using TxnBody = int (*)(MDB_txn* txn, Env& e, void* ctx);
-int write_txn(Env& e, TxnBody body, void* ctx, bool may_grow);
+int write_txn(Env& e, TxnBody body, void* ctx, bool may_grow, size_t batch_size = 0);
 int write_begin(Env& e, MDB_txn** txn);
 // Blocks ahead of the writable map for a write of about bytes (see lmdb_store.h).
 inline constexpr size_t kWriteRoom = size_t{8} << 20;

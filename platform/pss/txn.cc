@@ -18,7 +18,10 @@ uint64_t grown(const Env& e) {
   return now + (now / 4 > (256u << 10) ? now / 4 : (256u << 10));
 }
 
-int set_map(Env& e, uint64_t size) { return mdb_env_set_mapsize(e.env, static_cast<size_t>(size)); }
+int set_map(Env& e, uint64_t size) {
+  (void)e.store.settle();  // LMDB resizes no map under an open transaction
+  return mdb_env_set_mapsize(e.env, static_cast<size_t>(size));
+}
 
 }  // namespace
 
@@ -67,6 +70,7 @@ ReadTxn::ReadTxn(Handle& h) {
     txn_ = h.mget;
     return;
   }
+  if ((txn_ = h.env->store.batch_txn()) != nullptr) return;  // sees what the batch applied
   rc_ = mdb_txn_begin(h.env->env, nullptr, MDB_RDONLY, &txn_);
   if (rc_ == MDB_MAP_RESIZED && h.env->readers == 0) {
     // Another process grew the file past our map: take its size and try again.
@@ -94,6 +98,7 @@ void apply_limit(Env& e) {
 }
 
 int write_begin(Env& e, MDB_txn** txn) {
+  if (int rc = e.store.settle(); rc != 0) return rc;
   if (e.limit_pending) apply_limit(e);
   if (int rc = e.store.reserve(kWriteRoom); rc != 0) return rc;
   int rc = mdb_txn_begin(e.env, nullptr, 0, txn);
@@ -106,28 +111,35 @@ int write_begin(Env& e, MDB_txn** txn) {
 
 namespace {
 
-int run_once(Env& e, TxnBody body, void* ctx) {
-  MDB_txn* txn;
-  int rc = write_begin(e, &txn);
+// A plain record write joins the thread's apply batch when one is open (see lmdb_store.h).
+int run_once(Env& e, TxnBody body, void* ctx, size_t batch_size) {
+  MDB_txn* txn = nullptr;
+  bool adopt = false;
+  const bool joined = batch_size != 0 && e.store.batch_join(batch_size, &txn, &adopt);
+  int rc = joined ? 0 : write_begin(e, &txn);
   if (rc != 0) return rc;
+  if (adopt) e.store.batch_adopt(batch_size, txn);
   rc = body(txn, e, ctx);
   if (rc != 0) {
-    mdb_txn_abort(txn);
+    if (joined || adopt)
+      e.store.batch_fail(rc);
+    else
+      mdb_txn_abort(txn);
     return rc;
   }
-  return e.store.commit(txn);  // frees txn whatever the result
+  return e.store.commit(txn);  // frees txn whatever the result (a batch's: only counted)
 }
 
 }  // namespace
 
-int write_txn(Env& e, TxnBody body, void* ctx, bool may_grow) {
-  int rc = run_once(e, body, ctx);
-  if (rc != MDB_MAP_FULL || !may_grow || e.readers > 0) {
+int write_txn(Env& e, TxnBody body, void* ctx, bool may_grow, size_t batch_size) {
+  int rc = run_once(e, body, ctx, batch_size);
+  if (rc != MDB_MAP_FULL || !may_grow || e.readers > 0 || apply_batch_failed()) {
     log_failure("write", e, rc);
     return rc;
   }
   if (set_map(e, grown(e)) != 0) return rc;
-  rc = run_once(e, body, ctx);
+  rc = run_once(e, body, ctx, 0);
   apply_limit(e);
   log_failure("write", e, rc);
   return rc;

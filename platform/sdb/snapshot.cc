@@ -306,6 +306,8 @@ uint32_t snapshot_call(const char* call, bool writing, const char* db_uri, const
   c.args("uri=%s area=%s uuid=%u", show(db_uri), show(area), uuid);
   if (c.faulted()) return c.fail<uint32_t>();
   return c.ret(sdb::with_path(db_uri, !writing, [&](const std::string& path) {
+    // A snapshot is of what is committed, and a restore replaces it: applied changes first.
+    if (int e = hadra::plat::apply_batch_settle_all(); e != 0) return sdb::map_err(e);
     std::string snap;
     uint32_t rc = snapshot_path(db_uri, area, uuid, writing, snap);
     if (rc != 0) return rc;

@@ -163,10 +163,23 @@ void Env::close() {
   env_ = nullptr;
 }
 
-uint32_t Txn::begin(const Env& env, bool read_only) {
+uint32_t Txn::begin(const Env& env, bool read_only, bool batchable) {
   abort();
   unsigned flags = read_only ? MDB_RDONLY : 0;
   store_ = read_only ? nullptr : env.store();
+  bool adopt = false;
+  if (StoreEnv* live = env.store(); live != nullptr) {
+    if (read_only) {
+      txn_ = live->batch_txn();  // sees what the batch applied
+      batch_ = txn_ != nullptr;
+      if (batch_) return 0;
+    } else if (batchable && live->batch_join(0, &txn_, &adopt)) {
+      batch_ = true;
+      return 0;
+    } else if (int rc = live->settle(); rc != 0) {
+      return map_err(rc);
+    }
+  }
   if (store_ != nullptr) {
     if (int rc = store_->reserve(kWriteRoom); rc != 0) {
       report_failure("sdb", "write", env.env(), rc);
@@ -181,20 +194,44 @@ uint32_t Txn::begin(const Env& env, bool read_only) {
   if (rc != 0) {
     txn_ = nullptr;
     report_failure("sdb", read_only ? "read transaction" : "write transaction", env.env(), rc);
+  } else if (adopt) {
+    store_->batch_adopt(0, txn_);
+    batch_ = true;
   }
   return map_err(rc);
 }
 
 uint32_t Txn::commit() {
   if (txn_ == nullptr) return PLAT_ERR_SDB_IO;
+  if (batch_ && store_ == nullptr) {  // a read of the batch's transaction
+    txn_ = nullptr;
+    batch_ = false;
+    return 0;
+  }
   MDB_env* env = mdb_txn_env(txn_);  // the commit frees txn_, its file is named after it
   int rc = store_ != nullptr ? store_->commit(txn_) : lmdb_ops().txn_commit(txn_);
   txn_ = nullptr;
+  batch_ = false;
   if (rc != 0) report_failure("sdb", "commit", env, rc);
   return map_err(rc);
 }
 
+void Txn::fail(uint32_t rc) {
+  if (txn_ != nullptr && batch_ && store_ != nullptr) {
+    // The batch's value for the receive loop's report: the store's own words for the failure.
+    store_->batch_fail(rc == PLAT_ERR_SDB_FULL ? MDB_MAP_FULL : rc == PLAT_ERR_SDB_NO_RECORD ? MDB_NOTFOUND : EIO);
+    txn_ = nullptr;
+    batch_ = false;
+  }
+  abort();
+}
+
 void Txn::abort() {
+  if (batch_) {
+    if (txn_ != nullptr && store_ != nullptr) store_->batch_fail(EIO);  // a write left unfinished
+    txn_ = nullptr;  // a read of the batch's transaction: nothing to end
+    batch_ = false;
+  }
   if (txn_ != nullptr) mdb_txn_abort(txn_);
   txn_ = nullptr;
 }

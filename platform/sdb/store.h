@@ -87,20 +87,26 @@ class Env {
 };
 
 // A transaction that aborts unless committed. Begins again after another process grew the map.
+// While an apply batch is open on this thread (lmdb_store.h), a read uses the store's batch
+// transaction, and a write begun with batchable (a plain record write) joins it; any other
+// write first commits what the batch holds for the store.
 class Txn {
  public:
   Txn() = default;
   ~Txn() { abort(); }
   Txn(const Txn&) = delete;
   Txn& operator=(const Txn&) = delete;
-  uint32_t begin(const Env& env, bool read_only);
+  uint32_t begin(const Env& env, bool read_only, bool batchable = false);
   uint32_t commit();
+  // A batched write that ends uncommitted fails the whole batch (with rc, a platform code).
   void abort();
+  void fail(uint32_t rc);
   MDB_txn* get() const { return txn_; }
 
  private:
   MDB_txn* txn_ = nullptr;
   StoreEnv* store_ = nullptr;  // the live store a write transaction commits through
+  bool batch_ = false;         // the batch's transaction: neither committed nor aborted here
 };
 
 // A cursor closed when it goes out of scope (before its transaction ends).
@@ -215,11 +221,14 @@ template <class F>
 uint32_t write_txn(Db& db, WriteOp op, F&& body) {
   if ((db.rights & 0x2u) == 0) return PLAT_ERR_SDB_READ_ONLY;
   Txn txn;
-  uint32_t rc = txn.begin(db.env, false);
+  uint32_t rc = txn.begin(db.env, false, true);
   if (rc != 0) return rc;
   WriteNote note;
   rc = body(txn.get(), note);
-  if (rc != 0) return rc;
+  if (rc != 0) {
+    txn.fail(rc);
+    return rc;
+  }
   return finish_write(db, txn, op, note);
 }
 

@@ -37,6 +37,7 @@
 #include <cerrno>
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include <lmdb.h>
 
@@ -180,11 +181,15 @@ std::string database_name(uint8_t index) {
   return name;
 }
 
-// The dispatcher did not apply mi (number n): the copy misses it. The number is given back so
-// that a resend starts with it; nothing after it is applied until the copy is back in step.
-void apply_failed(uint32_t sap, const mts::MsgInfo& mi, uint64_t store_serial) {
+// The dispatcher did not apply mi: the copy misses it, and with it the changes applied in the
+// same batch before it (count changes from HA number first on, none committed). The numbers
+// are given back so that a resend starts with them; nothing after them is applied until the
+// copy is back in step. commit: the commit of the batch failed, mi is its last change.
+void apply_failed(uint32_t sap, const mts::MsgInfo& mi, uint64_t store_serial, uint64_t first = 0,
+                  uint64_t count = 1, bool commit = false) {
   Step& st = step();
-  st.last = mi.h.ha_seqno - 1;
+  if (first == 0) first = mi.h.ha_seqno;
+  st.last = first - 1;
   const uint32_t n = ++apply_failures();
   // Which database and change: read from the message's own sync header.
   uint8_t index = 0;
@@ -201,11 +206,19 @@ void apply_failed(uint32_t sap, const mts::MsgInfo& mi, uint64_t store_serial) {
   const WriteFailure& wf = last_write_failure();
   const std::string cause = wf.serial != store_serial ? std::string(failure_cause(wf.rc)) + " (" + wf.path + ")"
                                            : std::string("refused by the store (its report above says why)");
-  char head[160];
-  std::snprintf(head, sizeof head, "apply of sync opcode %u (HA number %llu) to ", opcode,
-                static_cast<unsigned long long>(mi.h.ha_seqno));
-  const std::string detail = head + database_name(index) + " failed: " + cause + "; " + std::to_string(n) +
-                             (n == 1 ? " apply" : " applies") + " failed since the service started";
+  char head[200];
+  if (commit)
+    std::snprintf(head, sizeof head, "apply of %llu changes in one transaction (HA numbers %llu..%llu, the last of "
+                  "them sync opcode %u to ", static_cast<unsigned long long>(count),
+                  static_cast<unsigned long long>(first), static_cast<unsigned long long>(first + count - 1), opcode);
+  else
+    std::snprintf(head, sizeof head, "apply of sync opcode %u (HA number %llu) to ", opcode,
+                  static_cast<unsigned long long>(mi.h.ha_seqno));
+  std::string detail = head + database_name(index) + (commit ? ") failed at its commit: " : " failed: ") + cause;
+  if (count > 1 && !commit)
+    detail += "; the " + std::to_string(count - 1) + " changes applied with it in one transaction (from HA number " +
+              std::to_string(first) + ") are not applied either";
+  detail += "; " + std::to_string(n) + (n == 1 ? " apply" : " applies") + " failed since the service started";
   if (st.out != 0 && st.resending) {
     // The resend ran into the same trouble: a gsync, not another resend, brings it back, and
     // not at once (a store that refused twice in a row is given a moment, and a gsync after
@@ -213,13 +226,13 @@ void apply_failed(uint32_t sap, const mts::MsgInfo& mi, uint64_t store_serial) {
     // the copy made no progress for RESYNC_STALL_MS.
     log::writef(PLAT_LOG_ERR, "sysmgr: SAP %u: standby out of sync: %s; the resend was refused too, the daemon "
                 "will start a gsync", sap, detail.c_str());
-    applied_out_of_sync(kOutOfSyncApplyFailed, 1);
+    applied_out_of_sync(kOutOfSyncApplyFailed, count);
     st.out = kOutOfSyncApplyFailed;
     st.resending = false;
     st.asked = true;
     return;
   }
-  go_out_of_sync(sap, mi, kOutOfSyncApplyFailed, 1, detail);
+  go_out_of_sync(sap, mi, kOutOfSyncApplyFailed, count, detail);
 }
 
 void hold(uint32_t sap, const mts_msg_ref& ref);
@@ -531,45 +544,217 @@ bool is_from_daemon(const mts::MsgInfo& mi) {
          mi.h.opcode == MTS_OPC_YOU_ARE_ACTIVE;
 }
 
+// Where a message goes (route() does it): the answer to a resend, the caller, a refusal, the
+// hold of a gsync, the dispatcher (by way of the stream's checks), or the daemon's events.
+enum class Way { kResend, kOther, kRefused, kHold, kSync, kDaemon };
+
+Way way_of(uint32_t sap, const mts::MsgInfo& mi, const char** why) {
+  *why = nullptr;
+  if (mi.from_peer && (mi.h.opcode == proto::kResendGet || mi.h.opcode == proto::kResendReply)) return Way::kResend;
+  if (mi.h.opcode != SYSMGR_OPC_HS_RESPONSE && is_from_daemon(mi)) return Way::kDaemon;
+  if (mi.h.sync_event != MTS_SYNC_EVENT_UPDATE) return Way::kOther;
+  // The peer's own service also sends notifications on this link (an SDB created or
+  // destroyed, for one, when a standby rebuilds from a gsync): not changes to any copy, so
+  // not refused as one on the active; they are the client's to take or leave, as on the
+  // standby, where the dispatcher hands them back.
+  if (const Lib* l = lib(); mi.from_peer && mi.h.src_sap == sap && l != nullptr && l->handle != nullptr &&
+                            mi.h.opcode != l->handle->opcode && local_supstate() != PLAT_SUP_STANDBY)
+    return Way::kOther;
+  if ((*why = sync_refusal(sap, mi)) != nullptr) return Way::kRefused;
+  return state().gsync.pending ? Way::kHold : Way::kSync;
+}
+
 int route(uint32_t sap, const mts_msg_ref& ref, mts_msg_ref* other) {
   mts::MsgInfo mi;
   if (!mts::info(&ref, &mi)) return SYSMGR_RX_NONE;
-  if (mi.from_peer && (mi.h.opcode == proto::kResendGet || mi.h.opcode == proto::kResendReply)) {
-    if (mi.h.opcode == proto::kResendGet)
-      on_resend_get(sap, mi);
-    else
-      on_resend_reply(sap, mi);
-    (void)mts_drop(sap, &ref);
-    return SYSMGR_RX_EVENT;
-  }
-  if (mi.h.opcode == SYSMGR_OPC_HS_RESPONSE || !is_from_daemon(mi)) {
-    if (mi.h.sync_event != MTS_SYNC_EVENT_UPDATE) {
+  const char* why = nullptr;
+  switch (way_of(sap, mi, &why)) {
+    case Way::kResend:
+      if (mi.h.opcode == proto::kResendGet)
+        on_resend_get(sap, mi);
+      else
+        on_resend_reply(sap, mi);
+      (void)mts_drop(sap, &ref);
+      return SYSMGR_RX_EVENT;
+    case Way::kOther:
       *other = ref;
       return SYSMGR_RX_OTHER;
-    }
-    // The peer's own service also sends notifications on this link (an SDB created or
-    // destroyed, for one, when a standby rebuilds from a gsync): not changes to any copy, so
-    // not refused as one on the active; they are the client's to take or leave, as on the
-    // standby, where the dispatcher hands them back.
-    if (const Lib* l = lib(); mi.from_peer && mi.h.src_sap == sap && l != nullptr && l->handle != nullptr &&
-                              mi.h.opcode != l->handle->opcode && local_supstate() != PLAT_SUP_STANDBY) {
-      *other = ref;
-      return SYSMGR_RX_OTHER;
-    }
-    if (const char* why = sync_refusal(sap, mi)) {
+    case Way::kRefused:
       mts::auth::log_refusal("a sync message", "node " + std::to_string(mi.h.src_node) + " SAP " +
                                                    std::to_string(mi.h.src_sap) + " to SAP " + std::to_string(sap),
                              why);
       (void)mts_drop(sap, &ref);
       return SYSMGR_RX_SYNC;
-    }
-    if (state().gsync.pending) {
+    case Way::kHold:
       hold(sap, ref);
       return SYSMGR_RX_SYNC;
-    }
-    return apply_sync(sap, ref, other, true);
+    case Way::kSync:
+      return apply_sync(sap, ref, other, true);
+    case Way::kDaemon:
+      break;
   }
   return from_daemon(sap, ref, mi);
+}
+
+// ---- A run of queued changes, applied in one transaction per store ----
+//
+// When more sync messages are queued behind one about to be applied, the loop applies them
+// in a batch (lmdb_store.h): each store commits once for the whole run. The run is the
+// messages that are each the next of the stream for the dispatcher (the checks of route() and
+// apply_sync()); it ends at anything else, at an empty queue (the loop never waits for more),
+// or at kBatchMax messages or kBatchBytes of payload. What was applied is told (the applied
+// table, the history) only once the commit succeeded. If a store fails anywhere in the run
+// (an apply, or the commit at its end), none of it counts as applied: the stream goes back to
+// the run's first number and the copy is out of sync, as for one failed apply, and a resend
+// or gsync brings it back (changes apply the same when applied again).
+
+constexpr long kBatchMax = 256;
+constexpr size_t kBatchBytes = size_t{4} << 20;
+
+// Changes per batch: SYNC_APPLY_BATCH, 1..kBatchMax (1: each change commits alone).
+size_t batch_max() {
+  const long n = plat_config_get_long("SYNC_APPLY_BATCH", kBatchMax);
+  return static_cast<size_t>(n < 1 ? 1 : n > kBatchMax ? kBatchMax : n);
+}
+
+struct Applied {
+  mts_msg_ref ref;
+  uint32_t epoch;
+  uint64_t seqno;
+  uint32_t opcode;
+  const void* payload;
+  uint32_t len;
+};
+
+std::vector<Applied>& batch_run() {
+  static std::vector<Applied> run;  // the receive loop's thread only, like the rest of its state
+  return run;
+}
+
+uint64_t store_failures(const Lib* l) { return l->store_failures != nullptr ? l->store_failures() : last_write_failure().serial; }
+
+// mi would go to the dispatcher as the next change of the stream.
+// While a resend is awaited, that is the number after the last one taken (the resend's own
+// frames, which a standby catching up finds queued in numbers).
+bool in_order(uint32_t sap, const mts::MsgInfo& mi, bool live) {
+  const char* why = nullptr;
+  uint64_t missed = 0;
+  const Step& st = step();
+  if ((live && way_of(sap, mi, &why) != Way::kSync) || covered(mi)) return false;
+  if (st.out != 0)
+    return st.resending && plat_now_ns() <= st.resend_deadline_ns && mi.h.epoch == st.epoch &&
+           mi.h.ha_seqno == st.last + 1;
+  return out_of_step(mi, live, &missed) == 0;
+}
+
+// The next queued message: received now (live) or the next one released by gsync ready.
+bool take_next(uint32_t sap, bool live, mts_msg_ref* ref) {
+  State& s = state();
+  if (!live) {
+    if (s.replay.empty() || s.gsync.pending) return false;
+    *ref = s.replay.front();
+    s.replay.pop_front();
+    return true;
+  }
+  mts_recv_opts opts;
+  std::memset(&opts, 0, sizeof opts);
+  return mts_recv(sap, ref, &opts) == 0;
+}
+
+void drop_run(uint32_t sap, std::vector<Applied>& run) {
+  for (const Applied& a : run) (void)mts_drop(sap, &a.ref);
+  run.clear();
+}
+
+// Ends the batch: commits, then tells what it applied; or the whole run failed.
+void finish_run(uint32_t sap, std::vector<Applied>& run) {
+  const uint64_t store_serial = last_write_failure().serial;
+  if (apply_batch_end(true) != 0 && !run.empty()) {
+    mts::MsgInfo mi;
+    if (mts::info(&run.back().ref, &mi))
+      apply_failed(sap, mi, store_serial, run.front().seqno, run.size(), true);
+    drop_run(sap, run);
+    return;
+  }
+  for (const Applied& a : run) {
+    const auto* p = static_cast<const uint8_t*>(a.payload);
+    if (p != nullptr && a.len > 0) applied_note(p[0], a.seqno);
+    hist::note_sync(hist::kApplied, sap, a.epoch, a.seqno, a.opcode, p, a.len);
+  }
+  drop_run(sap, run);
+}
+
+// A message taken from the queue to look behind a change, whose turn did not come in that
+// call (the change went back to the caller): the next call routes it first.
+struct Stashed {
+  bool have = false;
+  bool live = false;
+  mts_msg_ref ref{};
+};
+Stashed& stashed() {
+  static Stashed s;
+  return s;
+}
+void reset_stashed() { stashed() = Stashed(); }
+const bool g_stashed_reset = (hadra::plat::register_reset(&reset_stashed), true);
+
+// ref is the next change of the stream and next is queued behind it: both, and what follows
+// in order, go to the dispatcher in one batch. The result is that of the last message taken.
+int run_batch(uint32_t sap, mts_msg_ref ref, mts_msg_ref next, bool live, mts_msg_ref* other) {
+  std::vector<Applied>& run = batch_run();
+  run.clear();
+  const Lib* l = lib();
+  Step& st = step();
+  size_t bytes = 0;
+  const size_t most = batch_max();
+  bool have_next = true;  // next is taken but not yet looked at
+  apply_batch_begin();
+  for (;;) {
+    mts::MsgInfo mi;
+    (void)mts::info(&ref, &mi);  // in_order() read it already
+    st.known = true;
+    st.epoch = mi.h.epoch;
+    st.last = mi.h.ha_seqno;
+    apply_batch_expect(mi.h.payload_len);
+    const uint64_t store_serial = last_write_failure().serial;
+    const uint64_t before = store_failures(l);
+    const bool mine = l->dispatch(&ref) == 0;
+    if (!mine || store_failures(l) != before || apply_batch_failed()) {
+      if (!mine) {
+        finish_run(sap, run);
+        *other = ref;
+      } else {
+        (void)apply_batch_end(false);
+        apply_failed(sap, mi, store_serial, run.empty() ? mi.h.ha_seqno : run.front().seqno, run.size() + 1);
+        (void)mts_drop(sap, &ref);
+        drop_run(sap, run);
+      }
+      if (have_next) stashed() = Stashed{true, live, next};
+      return mine ? SYSMGR_RX_SYNC : SYSMGR_RX_OTHER;
+    }
+    run.push_back(Applied{ref, mi.h.epoch, mi.h.ha_seqno, mi.h.opcode, mi.payload, mi.h.payload_len});
+    bytes += mi.h.payload_len;
+    if (!have_next && (run.size() >= most || bytes >= kBatchBytes || !take_next(sap, live, &next))) break;
+    mts::MsgInfo ni;
+    if (!mts::info(&next, &ni) || !in_order(sap, ni, live)) {
+      finish_run(sap, run);
+      return live ? route(sap, next, other) : apply_sync(sap, next, other, false);
+    }
+    ref = next;
+    have_next = false;
+  }
+  finish_run(sap, run);
+  return SYSMGR_RX_SYNC;
+}
+
+// A message to route; when it is the next change of the stream and another waits behind
+// it, the run of them is applied as one batch.
+int deliver(uint32_t sap, const mts_msg_ref& ref, bool live, mts_msg_ref* other) {
+  mts::MsgInfo mi;
+  mts_msg_ref next;
+  if (mts::info(&ref, &mi) && in_order(sap, mi, live) && batch_max() > 1 && take_next(sap, live, &next))
+    return run_batch(sap, ref, next, live, other);
+  return live ? route(sap, ref, other) : apply_sync(sap, ref, other, false);
 }
 
 }  // namespace
@@ -595,11 +780,15 @@ HADRA_PLAT_API int sysmgr_client_next(uint32_t sap, int timeout_ms, mts_msg_ref*
     errno = ENOSYS;
     return c.ret(-1);
   }
+  if (cl::Stashed& st = cl::stashed(); st.have) {
+    st.have = false;
+    return c.ret(cl::deliver(sap, st.ref, st.live, other));
+  }
   cl::State& s = cl::state();
   if (!s.replay.empty() && !s.gsync.pending) {
     const mts_msg_ref ref = s.replay.front();
     s.replay.pop_front();
-    return c.ret(cl::apply_sync(sap, ref, other, false));
+    return c.ret(cl::deliver(sap, ref, false, other));
   }
   mts_msg_ref ref;
   mts_recv_opts opts;
@@ -613,7 +802,7 @@ HADRA_PLAT_API int sysmgr_client_next(uint32_t sap, int timeout_ms, mts_msg_ref*
     if (errno == EAGAIN || errno == ETIMEDOUT) return c.ret(SYSMGR_RX_NONE);
     return c.ret(-1);
   }
-  return c.ret(cl::route(sap, ref, other));
+  return c.ret(cl::deliver(sap, ref, true, other));
 }
 
 }  // extern "C"

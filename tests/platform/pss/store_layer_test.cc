@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <chrono>
 #include <filesystem>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -195,6 +196,86 @@ TEST_F(StoreLayerTest, FailedCommitsLoseNothingAcknowledged) {
     if (!fired) break;
   }
   EXPECT_GE(runs, 8);
+}
+
+// ---- The apply batch ----
+
+std::optional<std::string> sdb_get(const char* uri, const std::string& k) {
+  datum kd = D(k);
+  uint32_t rc = 1;
+  const datum* v = sdb_read(uri, &kd, &rc);
+  return v != nullptr && rc == 0 ? std::optional<std::string>(S(v)) : std::nullopt;
+}
+
+// Writes of a batch commit once per store; until then this thread reads them (fetch, cursor,
+// SDB read) and another thread does not. A purge inside the batch commits it first.
+TEST_F(StoreLayerTest, ABatchCommitsEachStoreOnceAndItsThreadReadsWhatItHolds) {
+  const uint32_t h = open("run:/batched");
+  ASSERT_EQ(sdb_create("run:/bsdb", SDB_CREATE_SDB, 1, 0), 0u);
+  ASSERT_EQ(sdb_open("run:/bsdb", SDB_OPEN_RW, 1, 0, 0), 0u);
+  g_commits = 0;
+  plat::apply_batch_begin();
+  for (int i = 0; i < 40; ++i) {
+    const std::string k = "k" + std::to_string(i);
+    ASSERT_EQ(put(h, k, "v" + std::to_string(i)), 0u);
+    const std::string v = "s" + k;
+    datum kd = D(k), vd = D(v);
+    ASSERT_EQ(sdb_write("run:/bsdb", &kd, &vd), 0u);
+  }
+  datum gone = D("k0");
+  ASSERT_EQ(pss2_delete(h, &gone, PSS2_DELETE_KEY), 0u);
+  EXPECT_EQ(get(h, "k7"), "v7");
+  EXPECT_EQ(get(h, "k0"), std::nullopt);
+  EXPECT_EQ(walk(h).size(), 39u);
+  EXPECT_EQ(sdb_get("run:/bsdb", "k7"), "sk7");
+  std::optional<std::string> elsewhere = "unread";
+  std::thread([&] { elsewhere = sdb_get("run:/bsdb", "k7"); }).join();
+  EXPECT_EQ(elsewhere, std::nullopt) << "nothing is committed before the batch ends";
+  EXPECT_EQ(g_commits, 0);
+  EXPECT_EQ(plat::apply_batch_end(true), 0);
+  EXPECT_EQ(g_commits, 2);
+  std::thread([&] { elsewhere = sdb_get("run:/bsdb", "k39"); }).join();
+  EXPECT_EQ(elsewhere, "sk39");
+  EXPECT_EQ(get(h, "k39"), "v39");
+
+  plat::apply_batch_begin();
+  ASSERT_EQ(put(h, "before", "1"), 0u);
+  uint32_t purged = 0;
+  ASSERT_EQ(pss2_purge(h, &purged), 0u);
+  EXPECT_EQ(purged, 40u);
+  ASSERT_EQ(put(h, "after", "1"), 0u);
+  EXPECT_EQ(plat::apply_batch_end(true), 0);
+  EXPECT_EQ(walk(h), std::vector<std::string>{"after"});
+  ASSERT_EQ(sdb_close("run:/bsdb"), 0u);
+}
+
+// Near the end of its map a store answers inside a batch as it does alone: the writes that
+// fit are stored, the one that does not is refused as full without failing the batch, and a
+// delete still grows the map it needs.
+TEST_F(StoreLayerTest, ABatchNearAFullMapGivesWhatSingleWritesGive) {
+  auto fill = [&](uint32_t h, bool batched) {
+    std::vector<uint32_t> results;
+    if (batched) plat::apply_batch_begin();
+    const std::string v(3000, 'v');
+    for (int i = 0; i < 800; ++i) results.push_back(put(h, "key" + std::to_string(i), v));
+    datum k = D("key1");
+    results.push_back(pss2_delete(h, &k, PSS2_DELETE_KEY));
+    EXPECT_FALSE(plat::apply_batch_failed());
+    if (batched) {
+      EXPECT_EQ(plat::apply_batch_end(true), 0);
+    }
+    return results;
+  };
+  const uint32_t one = open("run:/one"), many = open("run:/many");
+  ASSERT_EQ(pss2_set_max_dbsize(one, 2u << 20), 0u);
+  ASSERT_EQ(pss2_set_max_dbsize(many, 2u << 20), 0u);
+  g_commits = 0;
+  const std::vector<uint32_t> alone = fill(one, false);
+  const int single_commits = g_commits.exchange(0);
+  ASSERT_NE(std::count(alone.begin(), alone.end(), PLAT_ERR_PSS_FULL), 0) << "the limit was reached";
+  EXPECT_EQ(fill(many, true), alone);
+  EXPECT_LT(g_commits, single_commits) << "the writes with room to spare went in fewer commits";
+  EXPECT_EQ(walk(many), walk(one));
 }
 
 }  // namespace

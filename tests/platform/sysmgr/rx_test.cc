@@ -2,12 +2,17 @@
 // gsync holds back and lets through, which events reach which callback, and what goes back
 // to the caller. Messages come through the loopback transport as the daemon and the peer
 // would send them.
+#include <lmdb.h>
+
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 #include <string>
 #include <vector>
 
+#include "common/lmdb_store.h"
 #include "hadra_mts_testing.h"
+#include "hadra_platform/pss.h"
 #include "hadra_platform/sysmgr.h"
 #include "hadra_platform/sysmgr_client.h"
 #include "mts/core.h"
@@ -465,6 +470,8 @@ TEST_F(ReceiveLoopTest, AChangeTheStoreRefusesStopsTheStreamUntilAResendOrAGsync
     while (next() != SYSMGR_RX_NONE) {
     }
   };
+  // 1..3 arrive queued, so they are applied as one transaction: the refusal of 3 takes 1
+  // and 2 with it, and the stream goes back to 1.
   seen_.refuse = {3};
   send(5);
   forward_all();
@@ -473,7 +480,7 @@ TEST_F(ReceiveLoopTest, AChangeTheStoreRefusesStopsTheStreamUntilAResendOrAGsync
   sm::SeqnoTable t = applied_table(root());
   EXPECT_EQ(t.out_of_sync, sm::kOutOfSyncApplyFailed);
   EXPECT_EQ(t.slot[1].failed, 1u);
-  EXPECT_EQ(t.slot[1].reports, 2u);
+  EXPECT_EQ(t.slot[1].reports, 0u);  // nothing of the batch claimed
   bool logged = false;
   for (size_t i = 0; i < plat_test_log_count(); ++i) {
     char line[512];
@@ -481,16 +488,17 @@ TEST_F(ReceiveLoopTest, AChangeTheStoreRefusesStopsTheStreamUntilAResendOrAGsync
     plat_test_log_get(i, &level, line, sizeof line);
     const std::string l = line;
     logged = logged || (l.find("standby out of sync: apply of sync opcode 1 (HA number 3)") != std::string::npos &&
+                        l.find("the 2 changes applied with it") != std::string::npos &&
                         l.find("1 apply failed") != std::string::npos);
   }
   EXPECT_TRUE(logged);
-  // The request reaches the active, which resends 3..5; the store takes them now.
+  // The request reaches the active, which resends 1..5; the store takes them now.
   forward_all();
   mts_msg_ref other;
   EXPECT_EQ(sysmgr_client_next(kActive, 0, &other), SYSMGR_RX_EVENT);
   forward_all();
   drain();
-  EXPECT_EQ(seen_.dispatched, (std::vector<uint64_t>{1, 2, 3, 3, 4, 5}));
+  EXPECT_EQ(seen_.dispatched, (std::vector<uint64_t>{1, 2, 3, 1, 2, 3, 4, 5}));
   EXPECT_EQ(plat_test_sysmgr_gsync_requests(), 0u);
   t = applied_table(root());
   EXPECT_EQ(t.out_of_sync, 0u);
@@ -514,4 +522,100 @@ TEST_F(ReceiveLoopTest, AChangeTheStoreRefusesStopsTheStreamUntilAResendOrAGsync
   t = applied_table(root());
   EXPECT_EQ(t.out_of_sync, sm::kOutOfSyncApplyFailed);
   EXPECT_EQ(t.slot[1].failed, 3u);
+}
+
+namespace {
+
+// A dispatcher that applies each change to a PSS file (key: the HA number) and reads it back
+// at once, as a client callback may.
+uint32_t g_store = 0;
+std::atomic<int> g_commits{0};
+int g_read_back = 0;
+int counting_commit(MDB_txn* txn) { return ++g_commits, mdb_txn_commit(txn); }
+int failing_commit(MDB_txn* txn) { return mdb_txn_abort(txn), EIO; }
+int storing_dispatch(const mts_msg_ref* m) noexcept {
+  const std::string k = std::to_string(mts_ha_seqno_get(m));
+  g_seen->dispatched.push_back(mts_ha_seqno_get(m));
+  datum kd = hadra::test::D(k), vd = hadra::test::D(k);
+  (void)pss2_store(g_store, &kd, &vd);
+  uint32_t st = 1;
+  if (const datum* v = pss2_fetch(g_store, &kd, &st); v != nullptr && hadra::test::S(v) == k) ++g_read_back;
+  return 0;
+}
+const cl::Lib kStoring = {&storing_dispatch, &fake_snapshot, &fake_gsync, &fake_failed, &fake_switchover,
+                          &fake_marker,      &fake_done,     &fake_cfg,   nullptr,      nullptr};
+
+}  // namespace
+
+// Changes queued behind each other are applied in one commit, each readable by the callback
+// right after its apply, and told as applied only then. A commit that fails at the end of such
+// a run takes the whole run back: out of sync with its count, none of it applied or claimed,
+// and the resend of the active (applied as a run too) brings the copy back, identical.
+TEST_F(ReceiveLoopTest, QueuedChangesCommitTogetherAndAFailedCommitTakesTheRunBack) {
+  namespace sm = hadra::plat::sysmgr;
+  namespace plat = hadra::plat;
+  cl::set_library(&kStoring);
+  uint32_t err = 1;
+  g_store = pss2_open("run:/copy", PSS2_OPEN_FLAGS_CREATE, 7, 0, nullptr, &err);
+  ASSERT_EQ(err, 0u);
+  ASSERT_EQ(mts_bind(kActive), 0);
+  plat_test_log_capture(1);
+  const uint8_t payload[12] = {1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1};
+  auto send = [&](int count) {
+    for (int i = 0; i < count; ++i)
+      ASSERT_EQ(mts_send(kActive, MTS_ADDR_PEER, kSap, kSyncOpc, payload, 12, nullptr, 0, nullptr), 0);
+    forward_all();
+  };
+  auto drain = [&] {
+    while (next() != SYSMGR_RX_NONE) {
+    }
+  };
+  auto keys = [&] {
+    std::vector<std::string> out;
+    uint32_t h = g_store, st = 0;
+    for (uint32_t rc = pss2_move2location(&h, 1, PSS2_LOC_FIRST, &st); rc == 0;
+         rc = pss2_move2location(&h, 1, PSS2_LOC_NEXT, &st))
+      out.push_back(hadra::test::S(pss2_getkey(h, &st)));
+    return out;
+  };
+  plat::lmdb_ops().txn_commit = counting_commit;
+  g_commits = 0;
+  send(5);
+  drain();
+  EXPECT_EQ(g_commits, 1);
+  EXPECT_EQ(g_read_back, 5);
+  EXPECT_EQ(keys(), (std::vector<std::string>{"1", "2", "3", "4", "5"}));
+  EXPECT_EQ(applied_table(root()).slot[1].reports, 5u);
+
+  plat::lmdb_ops().txn_commit = failing_commit;
+  send(3);
+  drain();
+  sm::SeqnoTable t = applied_table(root());
+  EXPECT_EQ(t.out_of_sync, sm::kOutOfSyncApplyFailed);
+  EXPECT_EQ(t.slot[1].reports, 5u) << "nothing of the failed run claimed";
+  EXPECT_EQ(keys().size(), 5u);
+  bool logged = false;
+  for (size_t i = 0; i < plat_test_log_count(); ++i) {
+    char line[512];
+    int level = 0;
+    plat_test_log_get(i, &level, line, sizeof line);
+    logged = logged || std::string(line).find("apply of 3 changes in one transaction (HA numbers 6..8") !=
+                           std::string::npos;
+  }
+  EXPECT_TRUE(logged);
+
+  plat::lmdb_ops().txn_commit = counting_commit;
+  g_commits = 0;
+  forward_all();  // the request for a resend reaches the active
+  mts_msg_ref other;
+  EXPECT_EQ(sysmgr_client_next(kActive, 0, &other), SYSMGR_RX_EVENT);
+  forward_all();
+  drain();
+  EXPECT_EQ(g_commits, 1) << "the resent frames, queued together, are applied as one run";
+  plat::reset_lmdb_ops();
+  t = applied_table(root());
+  EXPECT_EQ(t.out_of_sync, 0u);
+  EXPECT_EQ(t.slot[1].reports, 8u);
+  EXPECT_EQ(keys(), (std::vector<std::string>{"1", "2", "3", "4", "5", "6", "7", "8"}));
+  EXPECT_EQ(pss2_close(g_store), 0u);
 }
