@@ -299,12 +299,9 @@ void* ZmqTransport::tx_socket(const Route& to) {
     set_key(sock, ZMQ_CURVE_PUBLICKEY, policy_.own_public);
     set_key(sock, ZMQ_CURVE_SECRETKEY, policy_.own_secret);
   }
-  // The bound counts messages, and frames to the peer may travel as groups of up to
-  // coalesce_max parts: the bound in frames stays about what MTS_HWM says.
-  long hwm = s_.hwm;
-  if (to.peer && s_.coalesce_max > 1 && s_.coalesce_us > 0 && hwm > 0)
-    hwm = hwm / s_.coalesce_max > 0 ? hwm / s_.coalesce_max : 1;
-  set_int(sock, ZMQ_SNDHWM, hwm);
+  // The bound counts messages, and a group of small frames is one message: the bound in
+  // bytes is what it was (a group holds at most 64 KiB), in frames it grows for small ones.
+  set_int(sock, ZMQ_SNDHWM, s_.hwm);
   set_int(sock, ZMQ_LINGER, 0);
   set_int(sock, ZMQ_SNDTIMEO, send_bound(to));
   if (zmq_connect(sock, url.c_str()) != 0) {

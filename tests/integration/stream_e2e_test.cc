@@ -178,9 +178,13 @@ class StreamPair : public ::testing::Test {
   pid_t services_[3] = {-1, -1, -1};
 };
 
+// The active's queue to the peer holds MTS_HWM messages, and its changes travel in groups of
+// up to 64: with 100, the 10000 changes cannot all wait in it for an absent or stopped standby.
+const std::vector<std::pair<std::string, std::string>> kSmallQueue = {{"MTS_HWM", "100"}};
+
 TEST_F(StreamPair, StandbyAbsentTheActiveFinishesAndTheLateStandbyGetsEverything) {
   pk::Signal go, stop1, stop2;
-  start_service(1, {}, &go, &stop1);
+  start_service(1, {}, &go, &stop1, kSmallQueue);
   ASSERT_TRUE(wait_for([] { return g_shared->up[1] != 0; }));
   changes_finish_and_stream_breaks(go, 1);
   start_service(2, {}, nullptr, &stop2);
@@ -189,7 +193,7 @@ TEST_F(StreamPair, StandbyAbsentTheActiveFinishesAndTheLateStandbyGetsEverything
 
 TEST_F(StreamPair, StandbyStoppedTheActiveFinishesAndTheResumedStandbyIsBroughtBack) {
   pk::Signal go, stop1, stop2;
-  start_service(1, {}, &go, &stop1);
+  start_service(1, {}, &go, &stop1, kSmallQueue);
   ASSERT_TRUE(wait_for([] { return g_shared->up[1] != 0; }));
   start_service(2, {}, nullptr, &stop2);
   ASSERT_TRUE(wait_for([] { return g_shared->state[2] == HADRA_HA_STANDBY; })) << status(2).dump();
