@@ -22,6 +22,7 @@
 //   build/bench/stream_bench [--benchmark_repetitions=N] [--benchmark_filter=CatchUp|NeverStall|Switchover]
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
+#include <sched.h>
 #include <limits.h>
 #include <signal.h>
 #include <sys/mman.h>
@@ -100,6 +101,15 @@ void set_env(const std::string& base, int slot, long backlog) {
   setenv("HADRA_LOG", std::getenv("STREAM_BENCH_LOG") != nullptr ? std::getenv("STREAM_BENCH_LOG") : "none", 1);
   // The standby finds the hole itself as soon as it reads again; the daemon waits longer.
   setenv("HADRA_RESYNC_STALL_MS", "5000", 1);
+  // STREAM_BENCH_PIN=1: each supervisor (its daemon and its service) on a core of its own, as
+  // two hosts of one core would be, so that what the standby does costs the active no CPU.
+  const char* pin = std::getenv("STREAM_BENCH_PIN");
+  if (pin != nullptr && std::strcmp(pin, "1") == 0 && ::sysconf(_SC_NPROCESSORS_ONLN) >= 2) {
+    cpu_set_t one;
+    CPU_ZERO(&one);
+    CPU_SET(slot - 1, &one);
+    (void)::sched_setaffinity(0, sizeof one, &one);
+  }
 }
 
 pid_t start_daemon(const std::string& base, int slot, long backlog) {
@@ -348,6 +358,8 @@ uint64_t stall_writes() {
 // The active writes as fast as it can once told; the standby reads, slowly when asked.
 int stall_service(const std::string& base, int slot, Standby mode) {
   set_env(base, slot, stall_backlog());
+  // A slow standby takes one change per call and then pauses: applied in runs, it would keep up.
+  if (slot == 2 && mode == Standby::kSlow) setenv("HADRA_SYNC_APPLY_BATCH", "1", 1);
   plat_test_reset();
   plat_test_set_root(nullptr);
   plat_config_reload();
