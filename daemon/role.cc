@@ -30,6 +30,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 #include <nlohmann/json.hpp>
 #include <thread>
 
@@ -55,6 +56,22 @@ bool process_gone(pid_t pid) {
   if (!std::getline(in, line)) return true;
   const size_t close = line.rfind(')');
   return close != std::string::npos && close + 2 < line.size() && line[close + 2] == 'Z';
+}
+
+// In the middle of exiting: its files (and so its lock on the lease) are already released
+// while it is not a zombie yet.
+bool process_exiting(pid_t pid) {
+  constexpr unsigned long kPfExiting = 0x4;
+  std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
+  std::string line;
+  if (!std::getline(in, line)) return false;
+  const size_t close = line.rfind(')');
+  if (close == std::string::npos) return false;
+  std::istringstream fields(line.substr(close + 1));
+  std::string f;
+  for (int i = 3; i <= 9 && fields >> f; ++i)
+    if (i == 9) return (std::strtoul(f.c_str(), nullptr, 10) & kPfExiting) != 0;
+  return false;
 }
 
 // Stops pids: SIGTERM, then SIGKILL for those still there after term_ms; waits (bounded) until
@@ -130,6 +147,19 @@ bool Daemon::lease_try(std::string* why) {
   const bool known = role_parse::parse_lease(std::string_view(buf, n > 0 ? static_cast<size_t>(n) : 0), &prev);
   const long old_pid = prev.pid;
   const std::string& old_root = prev.root;
+  if (known && old_root != o_.root && !process_gone(static_cast<pid_t>(old_pid)) &&
+      process_exiting(static_cast<pid_t>(old_pid))) {
+    // A holder killed a moment ago frees its lock before it is gone: it is dying, not handing
+    // over, and its services must be stopped as for a dead one. Wait (bounded) for its end.
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(o_.fence_ms + 500);
+    while (!process_gone(static_cast<pid_t>(old_pid)) && std::chrono::steady_clock::now() < deadline)
+      std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    if (!process_gone(static_cast<pid_t>(old_pid))) {
+      fl.l_type = F_UNLCK;
+      (void)::fcntl(lease_fd_, F_SETLK, &fl);
+      return *why = "the lease's last holder (pid " + std::to_string(old_pid) + ") is still exiting", false;
+    }
+  }
   if (known && old_root != o_.root && process_gone(static_cast<pid_t>(old_pid))) {
     const std::vector<pid_t> pids = hello_pids(old_root);
     if (!pids.empty()) {
