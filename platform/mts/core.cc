@@ -932,15 +932,22 @@ namespace {
 
 // A frame of the backlog (or the resend's closing reply) on its way again; nonblock: without
 // waiting for queue room.
+// A copy of a frame as it went, flagged as sent again (empty when memory is short).
+Frame resent_copy(const uint8_t* p, size_t n) {
+  Frame f = Frame::allocate(n);
+  if (f.empty()) return f;
+  std::memcpy(f.data(), p, n);
+  f.data()[6] |= kFlagResent;
+  return f;
+}
+
 int transmit_again(Global& s, Transport* tp, uint32_t sap, uint32_t dst_sap, const uint8_t* p, size_t n,
                    bool nonblock = false) {
-  Frame f = Frame::allocate(n);
+  Frame f = resent_copy(p, n);
   if (f.empty()) {
     errno = ENOMEM;
     return -1;
   }
-  std::memcpy(f.data(), p, n);
-  f.data()[6] |= kFlagResent;
   Outgoing o;
   o.src_sap = sap;
   o.route = Route{true, dst_sap};
@@ -1013,10 +1020,8 @@ int resend(uint32_t sap, uint32_t dst_sap, uint32_t epoch, uint64_t from, uint32
     for (uint64_t k = n; k <= ts.st.last && frames.size() < static_cast<size_t>(group); ++k) {
       const std::vector<uint8_t>& b = ts.backlog[k - first];
       if (!frames.empty() && (b.size() > kGroupFrameMax || bytes + b.size() > kGroupBytes)) break;
-      Frame f = Frame::allocate(b.size());
+      Frame f = resent_copy(b.data(), b.size());
       if (f.empty()) break;
-      std::memcpy(f.data(), b.data(), b.size());
-      f.data()[6] |= kFlagResent;
       bytes += b.size();
       frames.push_back(std::move(f));
     }

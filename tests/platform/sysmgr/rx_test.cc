@@ -210,6 +210,21 @@ TEST_F(ReceiveLoopTest, AFailedGsyncDropsWhatItHeldAndLeavesTheRetryToTheDaemon)
   EXPECT_EQ(applied_table(root()).out_of_sync, 0u);
 }
 
+// Sends five sync changes from src to kSap and takes their frames off the loopback, each
+// relabelled as from the same service, for a test to deliver (or lose) one by one.
+std::vector<std::vector<uint8_t>> five_frames_from(uint32_t src) {
+  std::vector<std::vector<uint8_t>> frames;
+  const uint8_t payload[4] = {1, 0, 0, 0};
+  for (int i = 0; i < 5; ++i) {
+    EXPECT_EQ(mts_send(src, MTS_ADDR_PEER, kSap, kSyncOpc, payload, 4, nullptr, 0, nullptr), 0);
+    std::vector<uint8_t> f(static_cast<size_t>(mts_test_peer_read(nullptr, 0, 0)));
+    mts_test_peer_read(f.data(), f.size(), 1);
+    as_same_service(f);
+    frames.push_back(f);
+  }
+  return frames;
+}
+
 // A dropped, a duplicated and a reordered sync message (frames played to the endpoint as the
 // faulty link would hand them over): each stops the applying at once, marks the copy out of
 // sync for the daemon and asks for one gsync; gsync ready brings it back in step.
@@ -233,15 +248,7 @@ TEST_F(ReceiveLoopTest, AMissingRepeatedOrReorderedMessageStopsApplyingUntilAGsy
     // A fresh stream each time (a restarted sender): play frames through a sending endpoint.
     const uint32_t src = 0x3600 + resyncs;
     ASSERT_EQ(mts_bind(src), 0);
-    std::vector<std::vector<uint8_t>> frames;
-    for (int i = 0; i < 5; ++i) {
-      const uint8_t payload[4] = {1, 0, 0, 0};
-      ASSERT_EQ(mts_send(src, MTS_ADDR_PEER, kSap, kSyncOpc, payload, 4, nullptr, 0, nullptr), 0);
-      std::vector<uint8_t> f(static_cast<size_t>(mts_test_peer_read(nullptr, 0, 0)));
-      mts_test_peer_read(f.data(), f.size(), 1);
-      as_same_service(f);
-      frames.push_back(f);
-    }
+    const std::vector<std::vector<uint8_t>> frames = five_frames_from(src);
     const unsigned asked = plat_test_sysmgr_gsync_requests();
     for (uint64_t n : c.arrive) (void)mts_test_feed(frames[n - 1].data(), frames[n - 1].size());
     while (next() != SYSMGR_RX_NONE) {
@@ -305,15 +312,7 @@ TEST_F(ReceiveLoopTest, AHoleTheActiveStillHoldsIsFilledByAResendWithoutAGsync) 
   ASSERT_EQ(mts_bind(kActive), 0);
   plat_test_log_capture(1);
   const uint8_t payload[4] = {1, 0, 0, 0};
-  for (int i = 0; i < 5; ++i)
-    ASSERT_EQ(mts_send(kActive, MTS_ADDR_PEER, kSap, kSyncOpc, payload, 4, nullptr, 0, nullptr), 0);
-  std::vector<std::vector<uint8_t>> frames;
-  while (mts_test_peer_count() != 0) {
-    std::vector<uint8_t> f(static_cast<size_t>(mts_test_peer_read(nullptr, 0, 0)));
-    mts_test_peer_read(f.data(), f.size(), 1);
-    as_same_service(f);
-    frames.push_back(f);
-  }
+  const std::vector<std::vector<uint8_t>> frames = five_frames_from(kActive);
   for (int n : {1, 2, 4}) ASSERT_EQ(mts_test_feed(frames[n - 1].data(), frames[n - 1].size()), 0);  // 3 lost
   while (next() != SYSMGR_RX_NONE) {
   }
@@ -340,16 +339,7 @@ TEST_F(ReceiveLoopTest, AHoleTheActiveStillHoldsIsFilledByAResendWithoutAGsync) 
 TEST_F(ReceiveLoopTest, AResendThatFindsTheQueueFullIsFinishedInParts) {
   ASSERT_EQ(mts_bind(kActive), 0);
   plat_test_log_capture(1);
-  const uint8_t payload[4] = {1, 0, 0, 0};
-  for (int i = 0; i < 5; ++i)
-    ASSERT_EQ(mts_send(kActive, MTS_ADDR_PEER, kSap, kSyncOpc, payload, 4, nullptr, 0, nullptr), 0);
-  std::vector<std::vector<uint8_t>> frames;
-  while (mts_test_peer_count() != 0) {
-    std::vector<uint8_t> f(static_cast<size_t>(mts_test_peer_read(nullptr, 0, 0)));
-    mts_test_peer_read(f.data(), f.size(), 1);
-    as_same_service(f);
-    frames.push_back(f);
-  }
+  const std::vector<std::vector<uint8_t>> frames = five_frames_from(kActive);
   for (int n : {1, 4}) ASSERT_EQ(mts_test_feed(frames[n - 1].data(), frames[n - 1].size()), 0);  // 2, 3 lost
   while (next() != SYSMGR_RX_NONE) {
   }
