@@ -9,6 +9,8 @@
 //   3  the platform configuration file of the supervisor root
 //   4  a supervisor key file, then the same bytes as a connection to check (address,
 //      mechanism and key, split at NUL bytes) and as a frame whose fault is explained
+//   5  a bundle of frames as the peer's transport sends a group; each frame it splits into
+//      goes the way of 0
 //
 // Every input is handed over in a buffer of exactly its size, so AddressSanitizer sees any
 // read past it. A parser must accept or refuse, and never crash, leak or touch other memory.
@@ -25,6 +27,7 @@
 #include "hadra_platform/sdb.h"
 #include "hadra_platform_testing.h"
 #include "platform/mts/auth.h"
+#include "platform/mts/wire.h"
 
 namespace {
 
@@ -163,7 +166,24 @@ void fuzz_auth(const uint8_t* p, size_t n) {
   if (auth::frame_fault(n != 0 ? p : nullptr, n, MTS_PAYLOAD_MAX) == nullptr) fail("auth: a fault without a reason");
 }
 
-constexpr void (*kParsers[])(const uint8_t*, size_t) = {fuzz_frame, fuzz_tlv, fuzz_context, fuzz_config, fuzz_auth};
+// ---- 5: bundles of frames ---------------------------------------------------------------
+
+void fuzz_bundle(const uint8_t* p, size_t n) {
+  size_t frames = 0, bytes = hadra::plat::mts::kBundleHdrSize;
+  const bool ok = hadra::plat::mts::split_bundle(n != 0 ? p : nullptr, n, [&](const uint8_t* f, size_t len) {
+    if (f < p || len == 0 || f + len > p + n) fail("bundle: a frame outside the bundle");
+    ++frames;
+    bytes += 4 + len;
+    // Each in a buffer of its own size, as the receive path gets it.
+    std::vector<uint8_t> own(f, f + len);
+    fuzz_frame(own.data(), own.size());
+  });
+  if (ok && (frames == 0 || bytes != n)) fail("bundle: its frames do not add up to it");
+  if (!ok && frames != 0) fail("bundle: frames handed out of a malformed bundle");
+}
+
+constexpr void (*kParsers[])(const uint8_t*, size_t) = {fuzz_frame, fuzz_tlv, fuzz_context, fuzz_config, fuzz_auth,
+                                                        fuzz_bundle};
 constexpr size_t kParserCount = sizeof kParsers / sizeof kParsers[0];
 
 // ---- seeds ------------------------------------------------------------------------------
@@ -175,6 +195,18 @@ std::string peer_frame(uint32_t opcode, const std::string& payload) {
   std::string f(MTS_TEST_WIRE_HDR_SIZE + payload.size(), '\0');
   if (mts_test_peer_read(f.data(), f.size(), 1) != static_cast<long>(f.size())) fail("seeds: no frame");
   return f;
+}
+
+std::string bundle(const std::vector<std::string>& frames) {
+  std::string b(hadra::plat::mts::kBundleHdrSize, '\0');
+  hadra::plat::mts::put_le(reinterpret_cast<uint8_t*>(b.data()), hadra::plat::mts::kBundleMagic, 4);
+  hadra::plat::mts::put_le(reinterpret_cast<uint8_t*>(b.data()) + 4, frames.size(), 4);
+  for (const std::string& f : frames) {
+    char len[4];
+    hadra::plat::mts::put_le(reinterpret_cast<uint8_t*>(len), f.size(), 4);
+    b.append(len, 4).append(f);
+  }
+  return b;
 }
 
 std::string tlv(uint32_t type, const char* uri) {
@@ -205,6 +237,7 @@ void make_seeds(const std::string& dir) {
   write_seed(dir, "frame-update", 0, frame);
   write_seed(dir, "frame-empty", 0, peer_frame(kOpc + 1, ""));
   write_seed(dir, "frame-short-payload", 0, frame.substr(0, frame.size() - 3));  // header claims more
+  write_seed(dir, "bundle-two", 5, bundle({frame, peer_frame(kOpc, "and the next one")}));
   std::string uri_size(1, static_cast<char>(SYSMGR_URI_MAX - 1));
   write_seed(dir, "tlv-create", 1, uri_size + tlv(SDB_NOTIFY_CREATE, "run:/svc/routes"));
   write_seed(dir, "tlv-delete-small-buffer", 1, std::string(1, '\x08') + tlv(SDB_NOTIFY_DELETE, "run:/svc/routes"));

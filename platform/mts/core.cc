@@ -30,6 +30,7 @@
 // send_mu held but never with g.mu held, and the transport's thread takes only g.mu.
 #include "mts/core.h"
 
+#include <pthread.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
@@ -126,6 +127,7 @@ struct Endpoint {
   std::atomic<uint32_t> pending_streams{0};
   // Under g.mu:
   std::deque<Message> queue;
+  bool rx_held = false;  // the transport leaves frames in the link until the queue is half as deep
   std::vector<Slot> slots;
   std::vector<uint32_t> free_slots;
   std::vector<RxStream> rx;
@@ -711,6 +713,7 @@ uint64_t flush_all(Global& s, uint64_t due) {
 }
 
 void flusher_loop() {
+  pthread_setname_np(pthread_self(), "hadra-mts-flush");
   Global& s = g();
   std::unique_lock<std::mutex> lock(s.fl_mu);
   while (!s.fl_stop) {
@@ -894,7 +897,23 @@ int recv(uint32_t sap, mts_msg_ref* ref, const mts_recv_opts* opts) {
   if (!hold_locked(*ep, std::move(ep->queue.front()), MTS_REF_RECEIVED, ref)) return -1;
   ep->queue.pop_front();
   update_ready_locked(*ep);
+  if (ep->rx_held && ep->queue.size() <= static_cast<size_t>(s.settings.rx_hold) / 2) {
+    ep->rx_held = false;
+    std::shared_ptr<Transport> tp = s.transport;
+    lock.unlock();
+    if (tp) tp->receiver_ready(sap);
+  }
   return 0;
+}
+
+size_t receive_room(uint32_t sap) {
+  Global& s = g();
+  std::lock_guard<std::mutex> lock(s.mu);
+  EndpointPtr ep = find_locked(s, sap);
+  if (!ep || s.settings.rx_hold <= 0) return SIZE_MAX;
+  const auto hold = static_cast<size_t>(s.settings.rx_hold);
+  ep->rx_held = ep->queue.size() >= hold;
+  return ep->rx_held ? 0 : hold - ep->queue.size();
 }
 
 int ready_fd(uint32_t sap) {

@@ -117,6 +117,10 @@ unsigned done_count(uint32_t sap, bool snapshot);
 bool counters(uint32_t sap, Counters* out);
 // Messages queued / held by sap (0 when it has no endpoint).
 size_t queued(uint32_t sap);
+// For a transport's receiving thread: how many more frames sap's queue takes before they are
+// left in the link (MTS_RX_HOLD; SIZE_MAX when there is no such bound). At 0 the queue is
+// held, and the transport is told (receiver_ready) once the receiver has taken half of it.
+size_t receive_room(uint32_t sap);
 size_t held(uint32_t sap);
 // The transport in use (chosen now when none is yet); null when it cannot be set up.
 std::shared_ptr<Transport> transport();

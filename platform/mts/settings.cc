@@ -3,6 +3,7 @@
 // Defaults let two supervisors share one host with nothing configured: each has its root
 // <dir>/sup<SLOT> (the platform's default roots are siblings), listens under its own
 // <root>/sock/ and finds the peer under the sibling root of the other slot.
+#include <algorithm>
 #include <cstdlib>
 #include <string>
 
@@ -41,12 +42,13 @@ Settings read_settings() {
   s.send_timeout_ms = plat_config_get_long("MTS_SEND_TIMEOUT_MS", 2000);
   s.peer_send_timeout_ms = plat_config_get_long("MTS_PEER_SEND_TIMEOUT_MS", 5);
   s.rx_queue_max = plat_config_get_long("MTS_RX_QUEUE_MAX", 20000);
+  s.rx_hold = std::max(0L, plat_config_get_long("MTS_RX_HOLD", 1024));
   s.backlog_bytes = plat_config_get_long("MTS_BACKLOG_BYTES", 8l << 20);
   s.recv_max_wait_ms = plat_config_get_long("MTS_RECV_MAX_WAIT_MS", 60000);
   s.loopback_keep = plat_config_get_long("MTS_LOOPBACK_KEEP", 4096);
   // Only ZeroMQ gains from handing frames over together; the loopback's outbox shows each
   // frame as it is sent unless a test asks otherwise.
-  s.coalesce_max = plat_config_get_long("MTS_COALESCE_MAX", s.kind == "zmq" ? 64 : 1);
+  s.coalesce_max = plat_config_get_long("MTS_COALESCE_MAX", s.kind == "zmq" ? 256 : 1);
   s.coalesce_us = plat_config_get_long("MTS_COALESCE_US", 200);
   if (s.coalesce_max < 1) s.coalesce_max = 1;
   if (s.coalesce_max > 1024) s.coalesce_max = 1024;

@@ -33,6 +33,11 @@ struct Settings {
   long send_timeout_ms = 2000;
   long peer_send_timeout_ms = 5;  // a blocking send to the peer waits at most this long
   long rx_queue_max = 20000;      // peer frames a receiving endpoint queues before dropping
+  // A transport with a receiving thread leaves a SAP's frames in the link while this many
+  // wait in its queue (0: never), until the receiver has taken half of them: a receiver that
+  // does not keep up holds its sender's frames in the sender's queue instead of costing
+  // either side the work of moving frames it will not read for a while.
+  long rx_hold = 1024;
   long backlog_bytes = 8l << 20;  // recent frames kept per peer stream for a resend (0: none)
   long recv_max_wait_ms = 60000;
   long loopback_keep = 4096;
@@ -66,6 +71,8 @@ class Transport {
   // left (a prefix). 0 when all did, else -1 with errno for the first that did not. This one
   // sends them one by one; a transport that can hand them over together does so.
   virtual int transmit_many(const Route& to, std::vector<Frame>& frames, bool nonblock, size_t* sent);
+  // sap's receiver has taken enough of its queue to be given frames again (hold_receiving).
+  virtual void receiver_ready(uint32_t sap) { (void)sap; }
   // The loopback transport, for the testing interface; null for the others.
   virtual LoopbackTransport* loopback() { return nullptr; }
   // The process is about to stop: frames already handed over may take up to ms to leave

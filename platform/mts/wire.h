@@ -88,6 +88,48 @@ inline bool decode(const uint8_t* p, size_t size, size_t limit, WireHdr* h) {
   return h->payload_len == size - kWireHdrSize && h->payload_len <= limit && h->dst_sap != 0;
 }
 
+// Frames that go to the same place together may travel as one bundle, so that the transport
+// pays its per-message costs (a wake-up, a header, an allocation on each side) once per group
+// instead of once per frame:
+//
+//   0  u32 magic 0x4254'4d48 ("HMTB" in memory order)
+//   4  u32 count of frames (1..kBundleMaxFrames)
+//   8  per frame: u32 length (1..), then that many bytes
+//
+// Nothing may follow the last frame. The frames inside are checked like any other, one by one.
+constexpr uint32_t kBundleMagic = 0x42544d48u;
+constexpr size_t kBundleHdrSize = 8;
+constexpr uint32_t kBundleMaxFrames = 4096;
+
+inline bool is_bundle(const uint8_t* p, size_t size) {
+  return p != nullptr && size >= kBundleHdrSize && get_le(p, 4) == kBundleMagic;
+}
+
+// The frames of a bundle, in order, each as f(data, size); false (and f never called) when the
+// bundle is malformed: a count out of range, a length of 0 or beyond the end, bytes left over.
+template <class F>
+bool split_bundle(const uint8_t* p, size_t size, F&& f) {
+  if (!is_bundle(p, size)) return false;
+  const uint64_t count = get_le(p + 4, 4);
+  if (count == 0 || count > kBundleMaxFrames) return false;
+  size_t at = kBundleHdrSize;
+  for (uint64_t i = 0; i < count; ++i) {
+    if (size - at < 4) return false;
+    const uint64_t len = get_le(p + at, 4);
+    at += 4;
+    if (len == 0 || len > size - at) return false;
+    at += len;
+  }
+  if (at != size) return false;
+  at = kBundleHdrSize;
+  for (uint64_t i = 0; i < count; ++i) {
+    const size_t len = get_le(p + at, 4);
+    f(p + at + 4, len);
+    at += 4 + len;
+  }
+  return true;
+}
+
 // The bytes of one frame, owned through a release function so that each transport can hand
 // over its own buffer (ours, or the socket library's) without a copy. Move-only.
 class Frame {

@@ -18,11 +18,14 @@
 // CURVE and only this supervisor's and the peer's keys get in; every frame then carries the
 // handler's verdict, and one whose claims do not fit it is refused and logged with its
 // source. The socket directory and the socket files are the owner's alone (or its group's).
+#include <pthread.h>
 #include <sys/eventfd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <zmq.h>
 
+#include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <condition_variable>
@@ -50,6 +53,19 @@ void release_msg(void* owner) {
 
 void free_sent(void* data, void*) { Frame::free_bytes(data); }
 
+// A received bundle: its frames point into the one message, which goes when the last of them
+// is released (by whichever thread releases it).
+struct Shared {
+  zmq_msg_t m;
+  std::atomic<uint32_t> refs;
+};
+void release_shared(void* owner) {
+  auto* b = static_cast<Shared*>(owner);
+  if (b->refs.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
+  zmq_msg_close(&b->m);
+  delete b;
+}
+
 int fail_with(int err) {
   errno = err;
   return -1;
@@ -61,6 +77,7 @@ void set_int(void* sock, int opt, long value) {
 }
 
 const std::string kIpc = "ipc://";
+constexpr long kRecvHwm = 4;  // messages (a message may be a bundle of frames)
 
 // Directory of an ipc:// socket path, created so that bind can make the socket file, and
 // closed to everyone but the owner (and the configured group): whoever can reach a socket
@@ -97,6 +114,7 @@ class ZmqTransport final : public Transport {
   void close_endpoint(uint32_t sap) override;
   int transmit(const Route& to, Frame&& f, bool nonblock) override;
   int transmit_many(const Route& to, std::vector<Frame>& frames, bool nonblock, size_t* sent) override;
+  void receiver_ready(uint32_t) override { wake(); }
   void linger(int ms) override {
     std::lock_guard<std::mutex> lock(tx_mu_);
     linger_ms_ = ms;
@@ -113,11 +131,13 @@ class ZmqTransport final : public Transport {
   void wake();
   void io_loop();
   bool apply_commands();
-  void drain(void* sock);
+  void drain(void* sock, size_t room);
   void* tx_socket(const Route& to);
   long send_bound(const Route& to) const;
+  int send_bundle(void* sock, std::vector<Frame>& frames, bool nonblock);
   void start_auth();
-  bool admit(zmq_msg_t* m);
+  bool admit(zmq_msg_t* m, const uint8_t* p, size_t size);
+  void take_bundle(zmq_msg_t* m, std::vector<Frame>& burst);
 
   Settings s_;
   auth::Policy policy_;
@@ -134,6 +154,7 @@ class ZmqTransport final : public Transport {
   bool stop_ = false;
   std::vector<std::pair<uint32_t, void*>> rx_;  // the I/O thread's alone
   std::vector<Frame> burst_;                     // the I/O thread's alone: frames being queued
+  std::vector<size_t> rooms_;                    // the I/O thread's alone: receive_room of each polled socket
   std::mutex tx_mu_;
   std::map<uint64_t, void*> tx_;  // (peer << 32 | sap) -> PUSH socket
   int linger_ms_ = 0;             // under tx_mu_: how long the destructor lets frames leave
@@ -187,7 +208,9 @@ int ZmqTransport::open_endpoint(uint32_t sap) {
     set_int(sock, ZMQ_CURVE_SERVER, 1);
     set_key(sock, ZMQ_CURVE_SECRETKEY, policy_.own_secret);
   }
-  set_int(sock, ZMQ_RCVHWM, s_.hwm);
+  // Little waits on this side of the link: what the receiver does not take stays in the
+  // sender's queue (MTS_HWM there), where a sender sees it and stops waiting for this side.
+  set_int(sock, ZMQ_RCVHWM, std::min(s_.hwm, kRecvHwm));
   set_int(sock, ZMQ_LINGER, 0);
   int64_t max = static_cast<int64_t>(kWireHdrSize + MTS_PAYLOAD_MAX);
   zmq_setsockopt(sock, ZMQ_MAXMSGSIZE, &max, sizeof max);
@@ -236,18 +259,29 @@ bool ZmqTransport::apply_commands() {
   return !stop_;
 }
 
-void ZmqTransport::drain(void* sock) {
+// Frames taken off one socket at a time, at most.
+constexpr size_t kBurstFrames = 1024;
+
+// room: what the SAP's queue takes before it is held (receive_room); it may end one bundle
+// past that.
+void ZmqTransport::drain(void* sock, size_t room) {
   // A bounded batch, so that one busy SAP does not starve the others or the wake-up. What
   // came together is queued together: one lock and one wake-up of the receiver per batch.
   std::vector<Frame>& burst = burst_;
-  for (int i = 0; i < 256; ++i) {
+  const size_t most = std::min(room, kBurstFrames);
+  for (int i = 0; i < 256 && burst.size() < most; ++i) {
     auto* m = new zmq_msg_t;
     zmq_msg_init(m);
     if (zmq_msg_recv(m, sock, ZMQ_DONTWAIT) < 0) {
       release_msg(m);
       break;
     }
-    if (!admit(m)) {
+    const auto* p = static_cast<const uint8_t*>(zmq_msg_data(m));
+    if (is_bundle(p, zmq_msg_size(m))) {
+      take_bundle(m, burst);
+      continue;
+    }
+    if (!admit(m, p, zmq_msg_size(m))) {
       release_msg(m);
       continue;
     }
@@ -256,12 +290,45 @@ void ZmqTransport::drain(void* sock) {
   if (!burst.empty()) deliver_frames(burst, false);  // refusals are counted by the core
 }
 
+// A bundle's frames join the burst one by one, each checked like a frame of its own. A
+// malformed bundle goes to the core whole, as one malformed frame: logged, counted, dropped.
+void ZmqTransport::take_bundle(zmq_msg_t* m, std::vector<Frame>& burst) {
+  auto* b = new Shared;
+  zmq_msg_init(&b->m);
+  zmq_msg_move(&b->m, m);
+  release_msg(m);
+  b->refs.store(1, std::memory_order_relaxed);  // this function's own, given back at the end
+  auto* data = static_cast<uint8_t*>(zmq_msg_data(&b->m));
+  const size_t size = zmq_msg_size(&b->m);
+  const bool whole = split_bundle(data, size, [&](const uint8_t* p, size_t n) {
+    if (!admit(&b->m, p, n)) return;
+    b->refs.fetch_add(1, std::memory_order_relaxed);
+    burst.emplace_back(data + (p - data), n, b, &release_shared);
+  });
+  if (!whole) {
+    const char* addr = zmq_msg_gets(&b->m, "Peer-Address");
+    auth::log_refusal("a malformed bundle of frames", addr != nullptr ? addr : "", "its frame lengths do not add up");
+    b->refs.fetch_add(1, std::memory_order_relaxed);
+    burst.emplace_back(data, size, b, &release_shared);
+  }
+  release_shared(b);
+}
+
 void ZmqTransport::io_loop() {
+  pthread_setname_np(pthread_self(), "hadra-mts-rx");  // for top -H and the profilers
   std::vector<zmq_pollitem_t> items;
   while (apply_commands()) {
     items.clear();
     items.push_back({nullptr, wake_fd_, ZMQ_POLLIN, 0});
-    for (auto& [sap, sock] : rx_) items.push_back({sock, 0, ZMQ_POLLIN, 0});
+    // A SAP whose receiver is behind is not read: its frames wait in the link, and then in
+    // the sender's queue, until the receiver has taken half of its own (receiver_ready).
+    rooms_.clear();
+    for (auto& [sap, sock] : rx_) {
+      const size_t room = receive_room(sap);
+      if (room == 0) continue;
+      items.push_back({sock, 0, ZMQ_POLLIN, 0});
+      rooms_.push_back(room);
+    }
     if (zmq_poll(items.data(), static_cast<int>(items.size()), -1) < 0) {
       if (zmq_errno() == ETERM) return;
       continue;
@@ -272,7 +339,7 @@ void ZmqTransport::io_loop() {
     }
     // Sockets added by commands since the poll started are not in items; next round.
     for (size_t i = 1; i < items.size(); ++i)
-      if ((items[i].revents & ZMQ_POLLIN) != 0) drain(items[i].socket);
+      if ((items[i].revents & ZMQ_POLLIN) != 0) drain(items[i].socket, rooms_[i - 1]);
   }
 }
 
@@ -364,6 +431,11 @@ int ZmqTransport::transmit_many(const Route& to, std::vector<Frame>& frames, boo
   void* sock = tx_socket(to);
   if (sock == nullptr) return fail_all(errno);
   const size_t n = frames.size();
+  if (send_bundle(sock, frames, nonblock) == 0) {
+    *sent = n;
+    return 0;
+  }
+  if (frames.empty()) return -1;  // the bundle was refused: errno says why
   for (size_t i = 0; i < n; ++i) {
     uint8_t* data = frames[i].data();
     const size_t size = frames[i].size();
@@ -395,6 +467,41 @@ int ZmqTransport::transmit_many(const Route& to, std::vector<Frame>& frames, boo
   return 0;
 }
 
+// The group as one bundle: one message for the socket library, its I/O threads and the
+// receiver's, whatever the number of frames. Returns 0 when it went (frames emptied); -1 with
+// frames emptied when it was refused (errno set); -1 with frames untouched when no bundle
+// could be made (too large, too many, no memory), to go as parts instead.
+int ZmqTransport::send_bundle(void* sock, std::vector<Frame>& frames, bool nonblock) {
+  size_t total = kBundleHdrSize;
+  for (const Frame& f : frames) total += 4 + f.size();
+  if (frames.size() > kBundleMaxFrames || total > kWireHdrSize + MTS_PAYLOAD_MAX) return -1;
+  Frame b = Frame::allocate(total);
+  if (b.empty()) return -1;
+  uint8_t* p = b.data();
+  put_le(p, kBundleMagic, 4);
+  put_le(p + 4, frames.size(), 4);
+  p += kBundleHdrSize;
+  for (Frame& f : frames) {
+    put_le(p, f.size(), 4);
+    std::memcpy(p + 4, f.data(), f.size());
+    p += 4 + f.size();
+  }
+  frames.clear();  // their bytes are in the bundle now
+  uint8_t* data = b.data();
+  b.release_ownership();
+  zmq_msg_t m;
+  if (zmq_msg_init_data(&m, data, total, &free_sent, nullptr) != 0) {
+    Frame::free_bytes(data);
+    return fail_with(ENOMEM);
+  }
+  if (zmq_msg_send(&m, sock, nonblock ? ZMQ_DONTWAIT : 0) < 0) {
+    const int err = zmq_errno();
+    zmq_msg_close(&m);
+    return fail_with(err);
+  }
+  return 0;
+}
+
 // The keys and the handler, before any socket listens.
 void ZmqTransport::start_auth() {
   std::string why;
@@ -417,15 +524,14 @@ void ZmqTransport::start_auth() {
 
 // On the I/O thread: whether a received frame may go to the core. A malformed one still
 // does (the core counts it) after it is logged with its source; one whose claims do not fit
-// the connection it came on is refused here.
-bool ZmqTransport::admit(zmq_msg_t* m) {
+// the connection it came on is refused here. p and size are the frame's bytes: all of m, or
+// one frame of the bundle m.
+bool ZmqTransport::admit(zmq_msg_t* m, const uint8_t* p, size_t size) {
   // The sender's address is looked up only for a frame that is to be logged.
   auto from = [m] {
     const char* addr = zmq_msg_gets(m, "Peer-Address");
     return std::string(addr != nullptr ? addr : "");
   };
-  const auto* p = static_cast<const uint8_t*>(zmq_msg_data(m));
-  const size_t size = zmq_msg_size(m);
   WireHdr h;
   if (!decode(p, size, MTS_PAYLOAD_MAX, &h)) {
     auth::log_refusal("a malformed frame", from(), auth::frame_fault(p, size, MTS_PAYLOAD_MAX));
