@@ -31,6 +31,7 @@
 #include "mts/core.h"
 
 #include <pthread.h>
+#include <sched.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
@@ -125,6 +126,10 @@ struct Endpoint {
   // Streams of tx with frames waiting to be handed over (changed under send_mu; read without
   // it to skip endpoints that have none).
   std::atomic<uint32_t> pending_streams{0};
+  // When the oldest frame waiting in any of its groups was queued (0: none), written under
+  // send_mu: the flusher reads it without the lock, so that it does not contend with a busy
+  // sender for a group that is not due yet.
+  std::atomic<uint64_t> oldest_pending{0};
   // Under g.mu:
   std::deque<Message> queue;
   bool rx_held = false;  // the transport leaves frames in the link until the queue is half as deep
@@ -535,6 +540,10 @@ void flush_stream(Global& s, Endpoint& ep, Transport* tp, TxStream& ts) {
   ts.pending_bytes = 0;
   ts.pending_since = 0;
   ep.pending_streams.fetch_sub(1, std::memory_order_relaxed);
+  uint64_t oldest = 0;
+  for (const TxStream& other : ep.tx)
+    if (!other.pending.empty() && (oldest == 0 || other.pending_since < oldest)) oldest = other.pending_since;
+  ep.oldest_pending.store(oldest, std::memory_order_release);
   if (sent > 0) {
     if (ts.st.broken) note_resumed(ep, ts, first);
     if (ts.wary && (ts.steady += static_cast<uint32_t>(sent)) >= kSteadySends) ts.wary = false;
@@ -637,6 +646,7 @@ int send_ordered(Global& s, Endpoint& ep, Transport* tp, const Outgoing& o, Wire
       ts->pending_since = now;
       ts->pending_first = h.ha_seqno;
       ep.pending_streams.fetch_add(1, std::memory_order_relaxed);
+      if (ep.oldest_pending.load(std::memory_order_relaxed) == 0) ep.oldest_pending.store(now, std::memory_order_release);
     }
     ts->pending_bytes += f.size();
     ts->pending.push_back(std::move(f));
@@ -696,17 +706,42 @@ uint64_t flush_endpoint(Global& s, const EndpointPtr& ep, uint64_t due) {
   return flush_streams(s, *ep, tp.get(), due, wait_ns);
 }
 
-// Every endpoint's waiting frames (due as in flush_streams); the next time one must go, or 0.
-uint64_t flush_all(Global& s, uint64_t due) {
+// Every endpoint's waiting frames, now.
+void flush_all(Global& s) {
   std::vector<EndpointPtr> eps;
   {
     std::lock_guard<std::mutex> lock(s.mu);
     for (auto& [sap, ep] : s.eps)
       if (ep->pending_streams.load(std::memory_order_relaxed) != 0) eps.push_back(ep);
   }
+  for (const EndpointPtr& ep : eps) (void)flush_endpoint(s, ep, 0);
+}
+
+// For the flusher: every endpoint's frames queued at or before now - coalesce_us; the next
+// time one must go, or 0. An endpoint whose oldest group is not due is left alone: its
+// sender, busy sending, is not made to wait on its own lock.
+uint64_t flush_due(Global& s, uint64_t now) {
+  std::vector<EndpointPtr> eps;
+  std::shared_ptr<Transport> tp;
+  uint64_t wait_ns;
+  {
+    std::lock_guard<std::mutex> lock(s.mu);
+    for (auto& [sap, ep] : s.eps)
+      if (ep->pending_streams.load(std::memory_order_relaxed) != 0) eps.push_back(ep);
+    tp = s.transport;
+    wait_ns = static_cast<uint64_t>(s.settings.coalesce_us) * 1000u;
+  }
+  const uint64_t due = now >= wait_ns ? now - wait_ns : 0;
   uint64_t next = 0;
   for (const EndpointPtr& ep : eps) {
-    const uint64_t at = flush_endpoint(s, ep, due);
+    const uint64_t oldest = ep->oldest_pending.load(std::memory_order_acquire);
+    uint64_t at = 0;
+    if (oldest != 0 && oldest > due) {
+      at = oldest + wait_ns;
+    } else {
+      std::lock_guard<std::mutex> order(ep->send_mu);
+      at = flush_streams(s, *ep, tp.get(), due, wait_ns);
+    }
     if (at != 0 && (next == 0 || at < next)) next = at;
   }
   return next;
@@ -714,6 +749,10 @@ uint64_t flush_all(Global& s, uint64_t due) {
 
 void flusher_loop() {
   pthread_setname_np(pthread_self(), "hadra-mts-flush");
+  // Its wake-ups must not preempt the sender it stands in for: a busy sender hands its groups
+  // over itself, and when it falls silent its CPU is free for this thread at once.
+  sched_param batch{};
+  (void)pthread_setschedparam(pthread_self(), SCHED_BATCH, &batch);
   Global& s = g();
   std::unique_lock<std::mutex> lock(s.fl_mu);
   while (!s.fl_stop) {
@@ -727,17 +766,10 @@ void flusher_loop() {
       continue;
     }
     s.fl_due = 0;
-    uint64_t wait_ns;
-    {
-      lock.unlock();
-      {
-        std::lock_guard<std::mutex> g_lock(s.mu);
-        wait_ns = static_cast<uint64_t>(s.settings.coalesce_us) * 1000u;
-      }
-      const uint64_t next = flush_all(s, now >= wait_ns ? now - wait_ns : 0);
-      lock.lock();
-      if (next != 0 && (s.fl_due == 0 || next < s.fl_due)) s.fl_due = next;
-    }
+    lock.unlock();
+    const uint64_t next = flush_due(s, now);
+    lock.lock();
+    if (next != 0 && (s.fl_due == 0 || next < s.fl_due)) s.fl_due = next;
   }
 }
 
@@ -1321,7 +1353,7 @@ void flush(int ms) {
     if (s.transport) s.transport->linger(ms);
     for (auto& [sap, ep] : s.eps) eps.push_back(ep);
   }
-  (void)flush_all(s, 0);  // frames still grouped leave with the rest
+  flush_all(s);  // frames still grouped leave with the rest
   for (const EndpointPtr& ep : eps) report_open_breaks(*ep);
   reset();
 }
