@@ -37,6 +37,7 @@
 #include <cstring>
 #include <filesystem>
 #include <functional>
+#include <map>
 #include <new>
 #include <string>
 #include <thread>
@@ -74,6 +75,7 @@ struct Shared {
   // Never-stall runs.
   std::atomic<int> writer_done;
   std::atomic<uint64_t> write_ns;  // the active's writes, first to last
+  std::atomic<uint64_t> write_cpu_ns;  // the writing thread's CPU time over them
   std::atomic<int> write_failures;
 };
 Shared* g = nullptr;
@@ -355,6 +357,12 @@ uint64_t stall_writes() {
   return v != nullptr && std::atoll(v) > 0 ? static_cast<uint64_t>(std::atoll(v)) : 10000;
 }
 
+uint64_t thread_cpu_ns() {
+  timespec ts{};
+  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
+  return static_cast<uint64_t>(ts.tv_sec) * 1000000000ull + static_cast<uint64_t>(ts.tv_nsec);
+}
+
 // The active writes as fast as it can once told; the standby reads, slowly when asked.
 int stall_service(const std::string& base, int slot, Standby mode) {
   set_env(base, slot, stall_backlog());
@@ -379,6 +387,7 @@ int stall_service(const std::string& base, int slot, Standby mode) {
     const uint64_t n = stall_writes();
     int failures = 0;
     const auto t0 = Clock::now();
+    const uint64_t cpu0 = thread_cpu_ns();
     for (uint64_t i = 0; i < n; ++i) {
       // Formatted into fixed buffers: cheaper than strings, and gcc 12 at -O3 reports a
       // false overlap (-Werror=restrict) in "literal" + std::to_string().
@@ -389,6 +398,7 @@ int stall_service(const std::string& base, int slot, Standby mode) {
         ++failures;
     }
     g->write_ns.store(static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now() - t0).count()));
+    g->write_cpu_ns.store(thread_cpu_ns() - cpu0);
     g->write_failures.store(failures);
     g->writer_done.store(1);
   }
@@ -402,6 +412,46 @@ int stall_service(const std::string& base, int slot, Standby mode) {
   }
   (void)sysmgr_client_detach();
   return 0;
+}
+
+// STALL_BENCH_VERBOSE: what every thread of the pair spent on a CPU while the active wrote
+// (from /proc/<pid>/task/<tid>/schedstat, nanoseconds), to see who competes with the writer.
+struct ThreadCpu {
+  std::string name;
+  uint64_t ns;
+  uint64_t switches;  // context switches, voluntary or not
+};
+std::map<std::string, ThreadCpu> threads_cpu(const std::vector<pid_t>& pids) {
+  std::map<std::string, ThreadCpu> out;
+  for (pid_t pid : pids) {
+    std::error_code ec;
+    for (const auto& t : std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/task", ec)) {
+      std::FILE* f = std::fopen((t.path() / "schedstat").c_str(), "r");
+      unsigned long long ns = 0;
+      if (f == nullptr) continue;
+      if (std::fscanf(f, "%llu", &ns) != 1) ns = 0;
+      std::fclose(f);
+      char comm[64] = {};
+      if (std::FILE* c = std::fopen((t.path() / "comm").c_str(), "r")) {
+        if (std::fgets(comm, sizeof comm, c) == nullptr) comm[0] = 0;
+        std::fclose(c);
+      }
+      comm[std::strcspn(comm, "\n")] = 0;
+      unsigned long long switches = 0;
+      if (std::FILE* st = std::fopen((t.path() / "status").c_str(), "r")) {
+        char line[256];
+        while (std::fgets(line, sizeof line, st) != nullptr) {
+          unsigned long long v = 0;
+          if (std::sscanf(line, "voluntary_ctxt_switches: %llu", &v) == 1 ||
+              std::sscanf(line, "nonvoluntary_ctxt_switches: %llu", &v) == 1)
+            switches += v;
+        }
+        std::fclose(st);
+      }
+      out[std::to_string(pid) + "/" + t.path().filename().string()] = {comm, ns, switches};
+    }
+  }
+  return out;
 }
 
 // One run: seconds the active took for its writes.
@@ -426,15 +476,31 @@ double active_writes(Standby mode, std::string* why) {
   } else {
     if (mode == Standby::kStopped) kill(standby, SIGSTOP);
     g->standby_ready.store(1);
+    const bool verbose = std::getenv("STALL_BENCH_VERBOSE") != nullptr;
+    const auto before = verbose ? threads_cpu(pids) : std::map<std::string, ThreadCpu>();
     const pid_t active = fork();
     if (active == 0) _exit(stall_service(base, 1, mode));
     pids.push_back(active);
-    if (!wait_until([] { return g->writer_done.load() != 0; }, 120000))
+    const bool done = wait_until([] { return g->writer_done.load() != 0; }, 120000);
+    if (verbose) {
+      for (const auto& [id, t] : threads_cpu(pids)) {
+        const auto it = before.find(id);
+        const uint64_t ns = t.ns - (it != before.end() ? it->second.ns : 0);
+        const uint64_t sw = t.switches - (it != before.end() ? it->second.switches : 0);
+        if (ns > 100000)
+          std::fprintf(stderr, "  %-14s %-16s %.2f ms, %llu switches\n", id.c_str(), t.name.c_str(), ns / 1e6,
+                       static_cast<unsigned long long>(sw));
+      }
+    }
+    if (!done)
       *why = "the active did not finish its writes";
     else if (g->write_failures.load() != 0)
       *why = std::to_string(g->write_failures.load()) + " writes failed on the active";
     else
       secs = static_cast<double>(g->write_ns.load()) / 1e9;
+    if (secs > 0 && std::getenv("STALL_BENCH_VERBOSE") != nullptr)
+      std::fprintf(stderr, "%s: %.2f ms, the writer on a CPU %.2f ms\n", standby_name(mode), secs * 1e3,
+                   static_cast<double>(g->write_cpu_ns.load()) / 1e6);
   }
   stop_all(pids);
   std::error_code ec;
@@ -444,7 +510,13 @@ double active_writes(Standby mode, std::string* why) {
 
 int stall_runs() {
   const char* v = std::getenv("STALL_BENCH_RUNS");
-  return v != nullptr && std::atoi(v) > 0 ? std::atoi(v) : 9;
+  return v != nullptr && std::atoi(v) > 0 ? std::atoi(v) : 15;
+}
+
+// STALL_BENCH_MODES=0,3 (the Standby numbers): only those cases, to look at one in a profiler.
+bool stall_mode_wanted(size_t m) {
+  const char* v = std::getenv("STALL_BENCH_MODES");
+  return v == nullptr || std::strchr(v, static_cast<char>('0' + m)) != nullptr;
 }
 
 double g_best[5] = {};  // per Standby mode: the best of its runs, seconds
@@ -465,7 +537,7 @@ const StallRuns& stall_results() {
     for (int round = 0; round < stall_runs(); ++round)
       for (int i = 0; i < 5; ++i) {
         const auto m = static_cast<size_t>(order[(i + round) % 5]);
-        if (!r.why[m].empty()) continue;
+        if (!r.why[m].empty() || !stall_mode_wanted(m)) continue;
         std::string why;
         const double secs = active_writes(order[(i + round) % 5], &why);
         if (secs < 0)
@@ -482,6 +554,10 @@ void BM_NeverStall(benchmark::State& state) {
   const auto mode = static_cast<Standby>(state.range(0));
   const StallRuns& runs = stall_results();
   const auto m = static_cast<size_t>(state.range(0));
+  if (runs.secs[m].empty() && runs.why[m].empty()) {
+    state.SkipWithError("not asked for (STALL_BENCH_MODES)");
+    return;
+  }
   if (!runs.why[m].empty()) {
     g_failed = true;
     state.SkipWithError(runs.why[m].c_str());

@@ -258,6 +258,6 @@ row() {  # label, hadra row, Redis row (or -), Redis label
 echo "== the active's writes with its standby absent, stopped, slow"
 {
   echo
-  STALL_BENCH_RUNS="${STALL_BENCH_RUNS:-9}" "$build/bench/stream_bench" --benchmark_filter=NeverStall 2>>"$scratch/pair.log" |
+  STALL_BENCH_RUNS="${STALL_BENCH_RUNS:-15}" "$build/bench/stream_bench" --benchmark_filter=NeverStall 2>>"$scratch/pair.log" |
     sed -n '/^| the active/,$p'
 } | tee -a "$out"
