@@ -288,13 +288,16 @@ int main(int argc, char** argv) {
   g_base = base.path();
   // The durability setting and the rest come from the caller's environment; the limits of
   // the stores are raised for the larger runs.
-  // The standby's receive queue holds the whole run: the rate is that of replication end to
+  // The queues between the two hold the whole run: the rate is that of replication end to
   // end (the active's writes until the standby applied the last), also where the active writes
-  // faster for a while than the standby applies. With the default bound (20000 frames) such a
-  // standby is marked out of sync and brought back by its daemon, which this driver does not
-  // run; the run would fail instead of measuring.
+  // faster for a while than the standby applies. A standby that falls behind leaves frames in
+  // the active's queue (MTS_RX_HOLD), so that queue holds as many messages as the run has
+  // changes, and the standby's as many frames. With the defaults such a standby is marked out
+  // of sync and brought back by its daemon, which this driver does not run; the run would
+  // fail instead of measuring.
+  const std::string whole_run = std::to_string(g_records + 20000);
   std::vector<std::pair<std::string, std::string>> extra = {
-      {"SDB_MAP_SIZE", std::to_string(8L << 30)}, {"MTS_RX_QUEUE_MAX", std::to_string(g_records + 20000)}};
+      {"SDB_MAP_SIZE", std::to_string(8L << 30)}, {"MTS_RX_QUEUE_MAX", whole_run}, {"MTS_HWM", whole_run}};
   kit::Signal ready, shipped, snapped, finished;
   pid_t standby = kit::spawn({g_base, 2, "standby", extra}, [&] {
     return gsync ? standby_gsync(ready, shipped, finished) : standby_updates(ready, finished);
