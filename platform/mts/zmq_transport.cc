@@ -71,6 +71,25 @@ int fail_with(int err) {
   return -1;
 }
 
+// The core builds frames in buffers of its own (Frame::allocate): the buffer is handed to the
+// socket library, which frees it once sent. f is consumed; 0, or -1 with errno.
+int hand_over(void* sock, Frame&& f, int flags) {
+  uint8_t* data = f.data();
+  const size_t size = f.size();
+  f.release_ownership();
+  zmq_msg_t m;
+  if (zmq_msg_init_data(&m, data, size, &free_sent, nullptr) != 0) {
+    Frame::free_bytes(data);
+    return fail_with(ENOMEM);
+  }
+  if (zmq_msg_send(&m, sock, flags) < 0) {
+    const int err = zmq_errno();
+    zmq_msg_close(&m);
+    return fail_with(err);
+  }
+  return 0;
+}
+
 void set_int(void* sock, int opt, long value) {
   int v = static_cast<int>(value);
   zmq_setsockopt(sock, opt, &v, sizeof v);
@@ -397,21 +416,7 @@ int ZmqTransport::transmit(const Route& to, Frame&& f, bool nonblock) {
     f.reset();
     return fail_with(err);
   }
-  // The core builds frames in buffers of its own (Frame::allocate): hand the buffer over.
-  uint8_t* data = f.data();
-  size_t size = f.size();
-  f.release_ownership();
-  zmq_msg_t m;
-  if (zmq_msg_init_data(&m, data, size, &free_sent, nullptr) != 0) {
-    Frame::free_bytes(data);
-    return fail_with(ENOMEM);
-  }
-  if (zmq_msg_send(&m, sock, nonblock ? ZMQ_DONTWAIT : 0) < 0) {
-    int err = zmq_errno();
-    zmq_msg_close(&m);
-    return fail_with(err);
-  }
-  return 0;
+  return hand_over(sock, std::move(f), nonblock ? ZMQ_DONTWAIT : 0);
 }
 
 // Frames that go together travel as the parts of one message: the socket library queues them
@@ -437,19 +442,8 @@ int ZmqTransport::transmit_many(const Route& to, std::vector<Frame>& frames, boo
   }
   if (frames.empty()) return -1;  // the bundle was refused: errno says why
   for (size_t i = 0; i < n; ++i) {
-    uint8_t* data = frames[i].data();
-    const size_t size = frames[i].size();
-    frames[i].release_ownership();
-    zmq_msg_t m;
-    if (zmq_msg_init_data(&m, data, size, &free_sent, nullptr) != 0) {
-      Frame::free_bytes(data);
-      errno = ENOMEM;
-    } else {
-      const int flags = (i + 1 < n ? ZMQ_SNDMORE : 0) | (nonblock ? ZMQ_DONTWAIT : 0);
-      if (zmq_msg_send(&m, sock, flags) >= 0) continue;
-      errno = zmq_errno();
-      zmq_msg_close(&m);
-    }
+    const int flags = (i + 1 < n ? ZMQ_SNDMORE : 0) | (nonblock ? ZMQ_DONTWAIT : 0);
+    if (hand_over(sock, std::move(frames[i]), flags) == 0) continue;
     const int err = errno;
     for (size_t j = i + 1; j < n; ++j) frames[j].reset();
     frames.clear();
@@ -487,19 +481,7 @@ int ZmqTransport::send_bundle(void* sock, std::vector<Frame>& frames, bool nonbl
     p += 4 + f.size();
   }
   frames.clear();  // their bytes are in the bundle now
-  uint8_t* data = b.data();
-  b.release_ownership();
-  zmq_msg_t m;
-  if (zmq_msg_init_data(&m, data, total, &free_sent, nullptr) != 0) {
-    Frame::free_bytes(data);
-    return fail_with(ENOMEM);
-  }
-  if (zmq_msg_send(&m, sock, nonblock ? ZMQ_DONTWAIT : 0) < 0) {
-    const int err = zmq_errno();
-    zmq_msg_close(&m);
-    return fail_with(err);
-  }
-  return 0;
+  return hand_over(sock, std::move(b), nonblock ? ZMQ_DONTWAIT : 0);
 }
 
 // The keys and the handler, before any socket listens.

@@ -62,11 +62,7 @@ Bytes frame(uint8_t node, uint8_t sync_event, const std::string& payload) {
   h.src_sap = kSap;
   h.dst_sap = kSap;
   h.epoch = 7;
-  h.payload_len = static_cast<uint32_t>(payload.size());
-  Bytes f(plat::mts::kWireHdrSize + payload.size());
-  plat::mts::encode(h, f.data());
-  std::copy(payload.begin(), payload.end(), f.begin() + plat::mts::kWireHdrSize);
-  return f;
+  return encoded_frame(h, payload);
 }
 
 class MtsAuthTest : public PlatformTest {

@@ -20,6 +20,16 @@ using Bytes = std::vector<uint8_t>;
 
 inline Bytes bytes(const std::string& s) { return Bytes(s.begin(), s.end()); }
 
+// A frame as a sender's core builds it: the header h (its payload length set here), then
+// the payload.
+inline Bytes encoded_frame(plat::mts::WireHdr h, const std::string& payload) {
+  h.payload_len = static_cast<uint32_t>(payload.size());
+  Bytes f(plat::mts::kWireHdrSize + payload.size());
+  plat::mts::encode(h, f.data());
+  std::copy(payload.begin(), payload.end(), f.begin() + plat::mts::kWireHdrSize);
+  return f;
+}
+
 // A descriptor together with the piece list it points to.
 class Desc {
  public:

@@ -46,6 +46,19 @@ class MtsZmqTest : public PlatformTest {
   }
 };
 
+// A peer frame from SAP 9 of node 2, numbered seqno.
+Bytes peer_frame(uint64_t seqno, const std::string& payload) {
+  plat::mts::WireHdr h;
+  h.sync_event = MTS_SYNC_EVENT_UPDATE;
+  h.src_node = 2;
+  h.opcode = kOpc;
+  h.src_sap = 9;
+  h.dst_sap = kSap;
+  h.ha_seqno = seqno;
+  h.epoch = 5;
+  return encoded_frame(h, payload);
+}
+
 TEST_F(MtsZmqTest, RebindingAfterUnbindReceivesAgain) {
   ASSERT_EQ(mts_bind(kSap), 0);
   EXPECT_STREQ(mts_test_transport(), "zmq");
@@ -65,17 +78,7 @@ TEST_F(MtsZmqTest, MisbehavingSenderIsRefusedAndTheLinkGoesOn) {
   ASSERT_EQ(zmq_connect(raw, url(kSap).c_str()), 0);
   // Garbage, then one well-formed frame from SAP 9 twice (a resend after a reconnect).
   ASSERT_EQ(zmq_send(raw, "garbage", 7, 0), 7);
-  plat::mts::WireHdr h;
-  h.sync_event = MTS_SYNC_EVENT_UPDATE;
-  h.src_node = 2;
-  h.opcode = kOpc;
-  h.src_sap = 9;
-  h.dst_sap = kSap;
-  h.ha_seqno = 1;
-  h.epoch = 5;
-  h.payload_len = 2;
-  Bytes frame(plat::mts::kWireHdrSize + 2, 'z');
-  plat::mts::encode(h, frame.data());
+  const Bytes frame = peer_frame(1, "zz");
   ASSERT_EQ(zmq_send(raw, frame.data(), frame.size(), 0), static_cast<int>(frame.size()));
   ASSERT_EQ(zmq_send(raw, frame.data(), frame.size(), 0), static_cast<int>(frame.size()));
 
@@ -98,23 +101,6 @@ TEST_F(MtsZmqTest, MisbehavingSenderIsRefusedAndTheLinkGoesOn) {
   EXPECT_EQ(payload_of(r), bytes("ok"));
   zmq_close(raw);
   zmq_ctx_term(ctx);
-}
-
-// A peer frame as the sender's core builds it: from SAP 9 of node 2, numbered seqno.
-Bytes peer_frame(uint64_t seqno, const std::string& payload) {
-  plat::mts::WireHdr h;
-  h.sync_event = MTS_SYNC_EVENT_UPDATE;
-  h.src_node = 2;
-  h.opcode = kOpc;
-  h.src_sap = 9;
-  h.dst_sap = kSap;
-  h.ha_seqno = seqno;
-  h.epoch = 5;
-  h.payload_len = static_cast<uint32_t>(payload.size());
-  Bytes f(plat::mts::kWireHdrSize + payload.size());
-  plat::mts::encode(h, f.data());
-  std::memcpy(f.data() + plat::mts::kWireHdrSize, payload.data(), payload.size());
-  return f;
 }
 
 // Frames as one bundle; extra bytes after the last frame when trailing is set.
