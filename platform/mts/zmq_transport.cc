@@ -3,13 +3,15 @@
 // Receiving. Each bound SAP has a PULL socket bound at its local address (MTS_LOCAL). One
 // background thread owns these sockets: it polls them together with an eventfd that other
 // threads write to wake it, and hands every frame (still in the socket library's buffer, no
-// copy) to the core. Binding creates and binds the socket on the caller's thread, so that an
+// copy) to the core; a SAP whose queue is deep (MTS_RX_HOLD) is left unread until its
+// receiver has caught up. Binding creates and binds the socket on the caller's thread, so that an
 // error is returned to the caller, then passes it to the thread; unbinding asks the thread to
 // close it and waits, so that the SAP can be bound again at once.
 //
 // Sending. One PUSH socket per destination (peer or local SAP), connected on first use and
 // kept. The frame buffer built by the core is handed to the socket library as is; it frees
-// it when the frame has gone. A PUSH socket queues frames while its peer is not (yet)
+// it when the frame has gone; a group of frames goes as one bundle (mts/wire.h), which the
+// receiving side splits into its frames. A PUSH socket queues frames while its peer is not (yet)
 // listening, up to MTS_HWM; a send that finds no room waits up to MTS_SEND_TIMEOUT_MS and then
 // fails with EAGAIN. Frames still queued when the process exits are lost.
 //
@@ -419,10 +421,10 @@ int ZmqTransport::transmit(const Route& to, Frame&& f, bool nonblock) {
   return hand_over(sock, std::move(f), nonblock ? ZMQ_DONTWAIT : 0);
 }
 
-// Frames that go together travel as the parts of one message: the socket library queues them
-// at once, wakes its I/O thread once, and the receiver's side gets them in one piece (a part
-// is a frame; drain() takes parts like any frame). The queue's bound counts messages, so a
-// group is refused or taken as a whole.
+// Frames that go together travel as one message: a bundle (send_bundle), or, when none can be
+// made, the parts of a multipart message (a part is a frame; drain() takes parts like any
+// frame). Either way the socket library queues them at once and wakes its I/O thread once, and
+// the queue's bound counts messages, so a group is refused or taken as a whole.
 int ZmqTransport::transmit_many(const Route& to, std::vector<Frame>& frames, bool nonblock, size_t* sent) {
   *sent = 0;
   if (frames.size() <= 1) return Transport::transmit_many(to, frames, nonblock, sent);
