@@ -72,6 +72,8 @@ const cl::Lib kFakeCounting = {&fake_dispatch, &fake_snapshot, &fake_gsync, &fak
                                &fake_marker,   &fake_done,     &fake_cfg,   nullptr,      nullptr,
                                &fake_failures};
 
+constexpr uint32_t kActive = 0x3700;
+
 class ReceiveLoopTest : public hadra::test::PlatformTest {
  protected:
   void SetUp() override {
@@ -91,6 +93,18 @@ class ReceiveLoopTest : public hadra::test::PlatformTest {
   void from_peer(uint64_t seqno) {
     const uint8_t payload[4] = {1, 0, 0, 0};
     ASSERT_EQ(mts_test_deliver(kSap, kSap, 1, kSyncOpc, MTS_SYNC_EVENT_UPDATE, seqno, 0, payload, sizeof payload), 0);
+  }
+  // count sync changes sent by the active's SAP to the peer: database 1, no key or data,
+  // sync opcode 1.
+  void send_changes(int count) {
+    const uint8_t payload[12] = {1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1};
+    for (int i = 0; i < count; ++i)
+      ASSERT_EQ(mts_send(kActive, MTS_ADDR_PEER, kSap, kSyncOpc, payload, 12, nullptr, 0, nullptr), 0);
+  }
+  // Everything queued, through the loop.
+  void drain() {
+    while (next() != SYSMGR_RX_NONE) {
+    }
   }
   void from_daemon(const proto::Event& ev) {
     const std::vector<uint8_t> b = encode(ev);
@@ -284,8 +298,6 @@ TEST_F(ReceiveLoopTest, AMissingRepeatedOrReorderedMessageStopsApplyingUntilAGsy
   }
 }
 
-constexpr uint32_t kActive = 0x3700;
-
 // Moves every frame the loopback kept for the peer to its endpoint in this process. A sync
 // stream is only taken from the same service on the peer, so kActive's frames are relabelled
 // as kSap's, and what the standby sends back to "kSap on the peer" is handed to kActive.
@@ -450,16 +462,7 @@ TEST_F(ReceiveLoopTest, AChangeTheStoreRefusesStopsTheStreamUntilAResendOrAGsync
   cl::set_library(&kFakeCounting);
   ASSERT_EQ(mts_bind(kActive), 0);
   plat_test_log_capture(1);
-  // A sync header: database 1, no key or data, sync opcode 1.
-  const uint8_t payload[12] = {1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1};
-  auto send = [&](int count) {
-    for (int i = 0; i < count; ++i)
-      ASSERT_EQ(mts_send(kActive, MTS_ADDR_PEER, kSap, kSyncOpc, payload, 12, nullptr, 0, nullptr), 0);
-  };
-  auto drain = [&] {
-    while (next() != SYSMGR_RX_NONE) {
-    }
-  };
+  auto send = [&](int count) { send_changes(count); };
   // 1..3 arrive queued, so they are applied as one transaction: the refusal of 3 takes 1
   // and 2 with it, and the stream goes back to 1.
   seen_.refuse = {3};
@@ -550,15 +553,9 @@ TEST_F(ReceiveLoopTest, QueuedChangesCommitTogetherAndAFailedCommitTakesTheRunBa
   ASSERT_EQ(err, 0u);
   ASSERT_EQ(mts_bind(kActive), 0);
   plat_test_log_capture(1);
-  const uint8_t payload[12] = {1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1};
   auto send = [&](int count) {
-    for (int i = 0; i < count; ++i)
-      ASSERT_EQ(mts_send(kActive, MTS_ADDR_PEER, kSap, kSyncOpc, payload, 12, nullptr, 0, nullptr), 0);
+    send_changes(count);
     forward_all();
-  };
-  auto drain = [&] {
-    while (next() != SYSMGR_RX_NONE) {
-    }
   };
   auto keys = [&] {
     std::vector<std::string> out;
